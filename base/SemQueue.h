@@ -1,0 +1,102 @@
+// First-in first-out queue from any number of producer threads to a consumer thread. Two
+// semaphores carry the waiting, an open flag lets the owner shut the queue and open it again.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+#include <list>
+#include <utility>
+
+#include "base/Lock.h"
+#include "base/Semaphore.h"
+
+template <typename T>
+class sem_queue {
+  public:
+    static constexpr unsigned int kCapacity = 0x3FFFFFFF;
+
+    sem_queue() = default;
+    ~sem_queue() { close(); }
+    sem_queue(const sem_queue&) = delete;
+    sem_queue& operator=(const sem_queue&) = delete;
+
+    // Makes a closed queue usable again, empty. Does nothing on an open one.
+    void open() {
+        CLockGuard guard(m_lock);
+        if (m_bOpen) return;
+        drop_all();
+        while (m_semItems.TryWait()) {
+        }
+        m_bOpen = true;
+    }
+
+    // Appends a copy of `element`, waiting for a free place. A closed queue takes nothing.
+    void push(const T& element) {
+        if (!m_bOpen || !m_semFree.Wait()) return;
+        {
+            CLockGuard guard(m_lock);
+            if (!m_bOpen) {
+                m_semFree.Post();
+                return;
+            }
+            m_list.push_back(element);
+            ++m_nCount;
+        }
+        m_semItems.Post();
+    }
+
+    // Takes the front element, waiting at most `timeout_ms` for one. False: nothing was taken.
+    bool pop(T& element, unsigned long timeout_ms) {
+        if (!m_bOpen || !m_semItems.WaitFor(timeout_ms)) return false;
+        {
+            CLockGuard guard(m_lock);
+            if (!m_bOpen) {
+                m_semItems.Post();  // close() woke us: pass the wake-up on to the next waiter
+                return false;
+            }
+            // A count without an element was posted by a close() before the last open(), and this
+            // thread got the lock only now. Giving it back would make every later pop return at
+            // once, so it ends here.
+            if (m_nCount == 0) return false;
+            element = std::move(m_list.front());
+            m_list.pop_front();
+            --m_nCount;
+        }
+        m_semFree.Post();
+        return true;
+    }
+
+    // Shuts the queue, wakes waiters and drops what is queued. Takes 100 ms, in which threads
+    // inside push and pop come out; closing a closed queue returns at once. The semaphores live
+    // on, since a thread may still be waiting on one.
+    void close() {
+        CLockGuard guard(m_lock);
+        if (!m_bOpen) return;
+        m_bOpen = false;
+        m_semItems.Post();
+        const timespec pause{0, 100'000'000};
+        nanosleep(&pause, nullptr);
+        drop_all();
+    }
+
+  private:
+    // Every place that an element held is given back, which also wakes waiting producers.
+    void drop_all() {
+        for (; m_nCount > 0; --m_nCount) m_semFree.Post();
+        m_list.clear();
+    }
+
+    CMutexLock m_lock;           // guards m_nCount, m_list and changes of m_bOpen
+    std::uint64_t m_nCount = 0;  // elements in m_list
+    std::list<T> m_list;         // oldest first
+    CSemaphore m_semFree{kCapacity};
+    CSemaphore m_semItems{0};
+    std::atomic<bool> m_bOpen{false};  // also read without the lock, as a first test
+};
+
+template <typename T>
+class CBufferQueue_T : public sem_queue<T> {
+  public:
+    CBufferQueue_T() { this->open(); }
+};
