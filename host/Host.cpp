@@ -1,0 +1,87 @@
+#include "host/Host.h"
+
+#include <algorithm>
+#include <cstring>
+#include <thread>
+
+#include "host/Connect.h"
+#include "host/Module.h"
+#include "host/Runtime.h"
+#include "host/Wait.h"
+
+namespace host {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Lends the stream to the plug-in until one side ends it or `stop` is readable. All devices are
+// detached and the stream's connection is ended on return.
+void serve(IClientUsbipPlugin& plugin, SocketStream& stream, int stop) {
+    const UniqueFd run_returned = MakeEvent();
+    plugin.InitInstance(&stream);
+    std::thread run([&plugin, &run_returned] {
+        plugin.Run();
+        ::eventfd_write(run_returned.Get(), 1);
+    });
+    WaitFor(run_returned.Get(), POLLIN, stop, -1);
+    stream.End();
+    run.join();
+    plugin.ExitInstance();
+    plugin.InitInstance(nullptr);
+}
+
+std::string why_lost(Link& link) {
+    const int failure = link.stream->Error();
+    std::string reason = failure == 0 ? "the remote side ended it" : std::strerror(failure);
+    if (link.child) reason += "; " + link.child->End();
+    return reason;
+}
+
+}  // namespace
+
+std::chrono::seconds Backoff::Next(Clock::duration lived) {
+    if (lived >= kSettled) next_ = kFirst;
+    return std::exchange(next_, std::min(next_ * 2, kLongest));
+}
+
+int RunHost(const Options& options, int stop) {
+    Runtime runtime(options.log_levels);
+    std::string error;
+    const auto module = Module::Load(options.module, runtime, error);
+    if (!module) {
+        runtime.Say(error);
+        return 1;
+    }
+    runtime.Say("loaded " + module->Description());
+    const auto plugin = module->CreatePlugin();
+    if (!plugin) {
+        runtime.Say("the module makes no plug-in of the kind that this host drives");
+        return 1;
+    }
+
+    const std::string where = Describe(options.target);
+    Backoff backoff;
+    for (;;) {
+        Clock::duration lived{};
+        auto link = Open(options.target, stop, error);
+        if (link) {
+            runtime.Say("connected to " + where);
+            const auto opened = Clock::now();
+            serve(*plugin, *link->stream, stop);
+            lived = Clock::now() - opened;
+        }
+        if (IsStopped(stop)) {
+            runtime.Say("stopped, all devices detached");
+            return 0;
+        }
+        runtime.Say(link ? "lost the stream to " + where + ": " + why_lost(*link)
+                         : "cannot open " + where + ": " + error);
+        link.reset();
+        if (!options.reconnect) return 1;
+        const auto pause = backoff.Next(lived);
+        runtime.Say("trying again in " + std::to_string(pause.count()) + " s");
+        WaitFor(-1, 0, stop, static_cast<int>(std::chrono::milliseconds(pause).count()));
+    }
+}
+
+}  // namespace host
