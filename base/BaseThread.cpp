@@ -8,9 +8,13 @@ namespace {
 ADD_TO_MONITORING_LIST<CBaseThread> __AddToMonitoringList__CBaseThread("CBaseThread");
 }  // namespace
 
-bool CBaseThread::Run() { return Run_(false); }
+bool CBaseThread::Run() {
+    return Run_(false);
+}
 
-bool CBaseThread::Stop() { return Stop(std::numeric_limits<unsigned long>::max()); }
+bool CBaseThread::Stop() {
+    return Stop(std::numeric_limits<unsigned long>::max());
+}
 
 bool CBaseThread::Stop(unsigned long timeout) {
     if (!m_bStarted) return true;

@@ -31,8 +31,8 @@ class CBaseThread {
     virtual void OnExit() {}
     virtual void OnBegin() {}
 
-    bool WaitForTimeOut(unsigned long ms);        // sleeps, if started; not ended by a stop request
-    bool WaitThreadEnd(unsigned long timeout);    // joins without asking; the time-out is not used
+    bool WaitForTimeOut(unsigned long ms);      // sleeps, if started; not ended by a stop request
+    bool WaitThreadEnd(unsigned long timeout);  // joins without asking; the time-out is not used
     bool IsRunning() const { return m_bStarted && !m_bExited; }
     void SetThreadName(const char* name);
 

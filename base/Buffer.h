@@ -11,10 +11,10 @@ class IMemAlloctor;
 
 class IBuffer : public IReference {
   public:
-    virtual void* GetPointer() const = 0;                  // first data byte; null when capacity 0
-    virtual unsigned long GetSize() const = 0;             // bytes in use
+    virtual void* GetPointer() const = 0;                   // first data byte; null when capacity 0
+    virtual unsigned long GetSize() const = 0;              // bytes in use
     virtual unsigned long SetSize(unsigned long size) = 0;  // clamped to the capacity; returns it
-    virtual unsigned long GetBufferSize() const = 0;       // capacity
+    virtual unsigned long GetBufferSize() const = 0;        // capacity
     // The underlying allocation, for the allocator.
     virtual unsigned long GetActualSize() const = 0;
     virtual void* GetActualPointer() const = 0;

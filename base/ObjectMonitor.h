@@ -35,8 +35,9 @@ struct MonitoringEntry {
 };
 inline constexpr std::int64_t kMonitoringTableSize = 1024;
 
-MonitoringEntry* __MonitorintObjects__();              // the table's first entry
-std::atomic<std::int64_t>& __MonitoringObjectIndex__();  // registrations tried; may exceed the table
+MonitoringEntry* __MonitorintObjects__();  // the table's first entry
+std::atomic<std::int64_t>&
+__MonitoringObjectIndex__();  // registrations tried; may exceed the table
 
 // A registration is never removed. `name` must live as long as the library.
 template <typename T>

@@ -83,7 +83,8 @@ class sem_queue {
   private:
     // Every place that an element held is given back, which also wakes waiting producers.
     void drop_all() {
-        for (; m_nCount > 0; --m_nCount) m_semFree.Post();
+        for (; m_nCount > 0; --m_nCount)
+            m_semFree.Post();
         m_list.clear();
     }
 

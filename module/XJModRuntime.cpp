@@ -17,8 +17,7 @@ void CXJModRuntime::Log(int level, const char* text) {
     if (m_pRuntime != nullptr) m_pRuntime->Log(level, text);
 }
 
-bool CXJModRuntime::GetConfig(bool a, const char* b, const char* c, IXJModData** d,
-                              const char* e) {
+bool CXJModRuntime::GetConfig(bool a, const char* b, const char* c, IXJModData** d, const char* e) {
     CLockGuard guard(m_lock);
     return m_pRuntime != nullptr && m_pRuntime->GetConfig(a, b, c, d, e);
 }

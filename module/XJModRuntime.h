@@ -39,6 +39,6 @@ class CXJModRuntime : public IXJModRuntime, public CSingleton_T<CXJModRuntime> {
     void* GetEnv(const char* name) override;
 
   private:
-    CMutexLock m_lock;                      // guards m_pRuntime and every call through it
+    CMutexLock m_lock;  // guards m_pRuntime and every call through it
     IXJModRuntime* m_pRuntime = nullptr;
 };

@@ -20,7 +20,9 @@ bool usbip_client_init(void* runtime) {
     return true;
 }
 
-void usbip_client_uninit() { CXJModRuntime::Instance()->SetRuntime(nullptr); }
+void usbip_client_uninit() {
+    CXJModRuntime::Instance()->SetRuntime(nullptr);
+}
 
 std::string text_property(IXJModPropertySet& props, const char* key) {
     const CRefObj<IXJModData> value(props.GetProperty(key));
@@ -43,7 +45,8 @@ bool usbip_client_create(void* props, void** out) {
     const CRefObj<IXJModPropertySet> properties(static_cast<IXJModPropertySet*>(props));
     const std::string name = text_property(*properties, kPropertyInterfaceName);
     const std::uint64_t version = integer_property(*properties, kPropertyVersion);
-    XJModLog(8, "[file_client] file_client_create interface %s  version %lu", name.c_str(), version);
+    XJModLog(8, "[file_client] file_client_create interface %s  version %lu", name.c_str(),
+             version);
 
     if (version == 0 && name.empty()) {
         XJModLog(4, "[file_client] file_client_create invalid property!");
@@ -64,11 +67,17 @@ bool usbip_client_create(void* props, void** out) {
 
 // Writable, like the rest of a host's view of it; never changed here.
 xjmod_entrypoint quillnet_module_client_usbip = {
-    kModuleVersion,       "xj-client-usbip",   usbip_client_init,
-    usbip_client_uninit,  usbip_client_create, __DATE__ " " __TIME__,
+    kModuleVersion,
+    "xj-client-usbip",
+    usbip_client_init,
+    usbip_client_uninit,
+    usbip_client_create,
+    __DATE__ " " __TIME__,
     {},
 };
 
 }  // namespace
 
-xjmod_entrypoint* xjmod_get_entrypoint() { return &quillnet_module_client_usbip; }
+xjmod_entrypoint* xjmod_get_entrypoint() {
+    return &quillnet_module_client_usbip;
+}

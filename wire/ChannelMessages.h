@@ -9,7 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 
-static_assert(std::endian::native == std::endian::little, "the stream's integers are read in place");
+static_assert(std::endian::native == std::endian::little,
+              "the stream's integers are read in place");
 
 struct _MESSAGE_HEADER {
     std::uint32_t length;      // bytes that follow this header and belong to the message

@@ -71,7 +71,8 @@ struct xjmod_entrypoint {
     std::uint64_t reserved[8];
 };
 static_assert(offsetof(xjmod_entrypoint, name) == 8 && offsetof(xjmod_entrypoint, init) == 16 &&
-              offsetof(xjmod_entrypoint, uninit) == 24 && offsetof(xjmod_entrypoint, create) == 32 &&
+              offsetof(xjmod_entrypoint, uninit) == 24 &&
+              offsetof(xjmod_entrypoint, create) == 32 &&
               offsetof(xjmod_entrypoint, build_time) == 40 &&
               offsetof(xjmod_entrypoint, reserved) == 48 && sizeof(xjmod_entrypoint) == 112);
 

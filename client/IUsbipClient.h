@@ -1,0 +1,24 @@
+// One mapped device, as the plug-in holds it.
+#pragma once
+
+#include "base/Reference.h"
+#include "wire/ChannelMessages.h"
+
+class IClientUsbipListenter;
+
+// Calling order: the setters, Run, any number of Forward, Stop, Release. One thread at a time.
+class IUsbipClient : public virtual IReference {
+  public:
+    // Borrowed: the listener must outlive the client.
+    virtual void SetListener(IClientUsbipListenter* listener) = 0;
+    virtual void SetDevId(unsigned int devid) = 0;
+    virtual unsigned int GetDevId() = 0;
+    virtual void SetDevInfo(const _USBIP_DEV& info) = 0;
+    virtual const _USBIP_DEV* GetDevInfo() = 0;  // the client's own copy
+    virtual bool Run() = 0;                      // false: no socket pair could be made
+    // Detaches the device and joins the client's threads; a few milliseconds when nothing is
+    // wrong. True.
+    virtual bool Stop() = 0;
+    // Queues a copy of one PDU from the peer for the kernel. True.
+    virtual bool Forward(const char* data, unsigned long len) = 0;
+};

@@ -1,0 +1,134 @@
+#include "client/USBIPClientLinux.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "base/MemAlloctor.h"
+#include "module/XJModLog.h"
+
+namespace {
+
+constexpr std::size_t kDevBufSize = 40960;  // holds all but the largest transfers at once
+
+// Two upper-case digits a byte, a blank between groups of `group` bytes.
+std::string ToHex(const unsigned char* data, int length, int group) {
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    std::string text;
+    for (int i = 0; i < length; ++i) {
+        if (i > 0 && i % group == 0) text += ' ';
+        text += kDigits[data[i] >> 4];
+        text += kDigits[data[i] & 0x0F];
+    }
+    return text;
+}
+
+std::string header_hex(const usbip_header& header) {
+    return ToHex(reinterpret_cast<const unsigned char*>(&header), sizeof header, 4);
+}
+
+void close_end(int& fd) {
+    if (fd < 0) return;
+    close(fd);
+    fd = -1;
+}
+
+}  // namespace
+
+CUsbipClientLinux::CUsbipClientLinux()
+    : m_pAllocator(new CMemAlloctorEx<CMemBuffer>), m_devBuf(kDevBufSize) {}
+
+CUsbipClientLinux::~CUsbipClientLinux() {
+    CUsbipClientLinux::Stop();
+}
+
+bool CUsbipClientLinux::Run() {
+    CLockGuard guard(m_runLock);
+    if (m_pWorkThread) return true;
+    m_bQuit = false;
+    m_devBufLen = 0;
+    m_outSeqs.clear();
+    // A child that the host starts must not keep a device's connection open.
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_sockfd) != 0) {
+        XJModLog(4, "[CUsbipClientLinux] socketpair fail, %d", errno);
+        m_sockfd[0] = m_sockfd[1] = -1;
+        return false;
+    }
+    m_endUsers = 2;
+    m_pWorkThread = std::make_unique<CUsbipClientLinuxThread>();
+    m_pWorkThread->m_loop = [this] { return WorkThreadFunction(); };
+    m_pWorkThread->SetThreadName("usbipclientlinux-work");
+    m_pWorkThread->Run();
+    m_pWriteThread = std::make_unique<CUsbipClientLinuxThread>();
+    m_pWriteThread->m_loop = [this] { return WriteThreadFunction(); };
+    m_pWriteThread->SetThreadName("usbipclientlinux-write");
+    m_pWriteThread->Run();
+    return true;
+}
+
+bool CUsbipClientLinux::Stop() {
+    m_bQuit = true;
+    m_recvSem.Post();
+    // Ends a poll, read or write in progress at once, even if the kernel has stopped reading.
+    ShutdownClientEnd();
+    if (m_pWorkThread) m_pWorkThread->Stop();
+    m_pWorkThread.reset();
+    if (m_pWriteThread) m_pWriteThread->Stop();
+    m_pWriteThread.reset();
+    close_end(m_sockfd[0]);
+    close_end(m_sockfd[1]);
+    return true;
+}
+
+void CUsbipClientLinux::ShutdownClientEnd() {
+    CLockGuard guard(m_sockLock);
+    if (m_sockfd[0] >= 0) shutdown(m_sockfd[0], SHUT_RDWR);
+}
+
+// Called once by each thread when it will not touch the client's end any more. The last one closes
+// it, so that no thread can use a descriptor number that has been closed and reused.
+void CUsbipClientLinux::LeaveClientEnd() {
+    CLockGuard guard(m_sockLock);
+    if (--m_endUsers == 0) close_end(m_sockfd[0]);
+}
+
+bool CUsbipClientLinux::CalcLen(const usbip_header* hdr, int len, bool fromDev, bool& isOut,
+                                int& dataLen, int& isoLen, int& total) {
+    if (len < static_cast<int>(sizeof(usbip_header))) return false;
+    isOut = false;
+    dataLen = isoLen = 0;
+    const char* side = fromDev ? "dev" : "net";
+    const std::uint32_t command = be32toh(hdr->command);
+    UsbipPduLength length;
+    if (fromDev && command == USBIP_CMD_SUBMIT) {
+        isOut = hdr->direction == USBIP_DIR_OUT;
+        length = UsbipCmdSubmitLength(*hdr);
+    } else if (!fromDev && command == USBIP_RET_SUBMIT) {
+        CLockGuard guard(m_seqLock);
+        isOut = m_outSeqs.count(be32toh(hdr->seqnum)) != 0;
+        length = UsbipRetSubmitLength(*hdr, isOut);
+    } else if (command != (fromDev ? USBIP_CMD_UNLINK : USBIP_RET_UNLINK)) {
+        XJModLog(1, "[CUsbipClientLinux] %s unkonw command 0x%x hdr %s", side, command,
+                 header_hex(*hdr).c_str());
+        return false;
+    }
+    if (!length.Acceptable()) {
+        XJModLog(4, "[CUsbipClientLinux] %s PDU of %lu bytes is too long, hdr %s", side,
+                 length.Total(), header_hex(*hdr).c_str());
+        return false;
+    }
+    dataLen = static_cast<int>(length.data);
+    isoLen = static_cast<int>(length.iso);
+    total = static_cast<int>(length.Total());
+    return true;
+}
+
+bool CUsbipClientLinux::CalcLen(const usbip_header* hdr, int len, bool fromDev, int& total) {
+    bool isOut = false;
+    int dataLen = 0;
+    int isoLen = 0;
+    return CalcLen(hdr, len, fromDev, isOut, dataLen, isoLen, total);
+}

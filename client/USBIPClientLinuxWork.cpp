@@ -1,0 +1,145 @@
+// The work thread: attaches the device, then moves PDUs from the kernel to the peer.
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "client/IClientUsbipListenter.h"
+#include "client/USBIPClientLinux.h"
+#include "module/XJModLog.h"
+#include "vhci/USBVHCI_linux.h"
+
+namespace {
+
+constexpr int kPollMs = 500;
+
+// The kernel has well below a hundred URBs in flight for one device. More entries mean that
+// replies are missing.
+constexpr std::size_t kOutSeqWarning = 256;
+
+}  // namespace
+
+bool CUsbipClientLinux::WorkThreadFunction() {
+    const bool again = WorkThreadLoop();
+    if (!again)
+        XJModLog(1, "[CUsbipClientLinux] %d work thread prepare quit", static_cast<int>(m_devId));
+    return again;
+}
+
+bool CUsbipClientLinux::WorkThreadLoop() {
+    XJModLog(1, "[CUsbipClientLinux] start attach vhci device");
+    if (!AttachDevice()) {
+        LeaveClientEnd();
+        return false;
+    }
+    XJModLog(1, "[CUsbipClientLinux] attach sucess");
+    XJModLog(1, "start forward data loop");
+    ForwardLoop();
+    XJModLog(1, "[CUsbipClientLinux] work loop exit");
+    ReportDetach();
+    m_bQuit = true;
+    m_recvSem.Post();
+    // The kernel frees the port now, and a write in progress ends.
+    ShutdownClientEnd();
+    LeaveClientEnd();
+    return false;
+}
+
+bool CUsbipClientLinux::AttachDevice() try {
+    // Held from reading the port table to the attach request: two clients never choose one port.
+    CLockGuard guard(CLinuxVHCI::AttachLock());
+    CLinuxVHCI vhci;
+    if (!vhci.Open()) {
+        XJModLog(4, "[CUsbipClientLinux]  vhci open fail");
+        return false;
+    }
+    unsigned char port = 0;
+    if (!vhci.Attach(m_sockfd[1], static_cast<unsigned short>(m_devInfo.busid),
+                     static_cast<unsigned short>(m_devInfo.portid), m_devInfo.speed, &port)) {
+        XJModLog(4, "[CUsbipClientLinux]  vhci attach fail");
+        return false;
+    }
+    m_sockfd[1] = -1;  // Attach has closed it; the kernel holds the socket
+    XJModLog(1, "[CUsbipClientLinux] attach vid: %04x, pid: %04x", m_devInfo.vid, m_devInfo.pid);
+    return true;
+} catch (const std::bad_alloc&) {
+    XJModLog(4, "[CUsbipClientLinux]  vhci attach fail, out of memory");
+    return false;
+}
+
+void CUsbipClientLinux::ForwardLoop() {
+    while (!m_bQuit) {
+        pollfd end{m_sockfd[0], POLLIN, 0};
+        poll(&end, 1, kPollMs);
+        if (m_bQuit) return;
+        if ((end.revents & POLLERR) != 0) {
+            XJModLog(4, "poll err");
+            return;
+        }
+        if ((end.revents & (POLLIN | POLLHUP)) == 0) continue;
+        if (!CheckDevRead()) {
+            XJModLog(4, "read dev fail");
+            return;
+        }
+    }
+}
+
+// One read of at most the rest of one PDU; hands the PDU on when it is whole. False: the
+// connection is at its end or cannot go on.
+bool CUsbipClientLinux::CheckDevRead() try {
+    const auto* header = reinterpret_cast<const usbip_header*>(m_devBuf.data());
+    bool isOut = false;
+    int dataLen = 0;
+    int isoLen = 0;
+    int total = sizeof *header;
+    if (m_devBufLen >= sizeof *header &&
+        !CalcLen(header, static_cast<int>(m_devBufLen), true, total)) {
+        return false;
+    }
+    const std::size_t need = static_cast<std::size_t>(total) - m_devBufLen;
+    if (m_devBuf.size() < static_cast<std::size_t>(total)) {
+        m_devBuf.resize(static_cast<std::size_t>(total));
+        header = reinterpret_cast<const usbip_header*>(m_devBuf.data());
+    }
+    const ssize_t got = recv(m_sockfd[0], m_devBuf.data() + m_devBufLen, need, 0);
+    if (got < 0) {
+        if (errno == EINTR) return true;
+        XJModLog(4, "[CUsbipClientLinux] read device fail, %d", errno);
+        return false;
+    }
+    if (got == 0) return false;  // the kernel has shut its end
+    m_devBufLen += static_cast<std::size_t>(got);
+
+    if (m_devBufLen < sizeof *header) return true;
+    if (!CalcLen(header, static_cast<int>(m_devBufLen), true, isOut, dataLen, isoLen, total)) {
+        return false;
+    }
+    if (m_devBufLen < static_cast<std::size_t>(total)) return true;
+    // Recorded before the peer sees the command, so that its reply finds the entry.
+    if (isOut) RecordOutSeq(be32toh(header->seqnum));
+    SendUsbipPacket(m_devBuf.data(), static_cast<unsigned long>(total));
+    m_devBufLen = 0;  // no read goes past the PDU
+    return true;
+} catch (const std::bad_alloc&) {
+    XJModLog(4, "[CUsbipClientLinux] out of memory for a PDU of the kernel's");
+    return false;
+}
+
+void CUsbipClientLinux::RecordOutSeq(unsigned int seqnum) {
+    CLockGuard guard(m_seqLock);
+    if (m_outSeqs.size() > kOutSeqWarning) {
+        XJModLog(4, "[CUsbipClientLinux] out seq list overflow");
+    }
+    m_outSeqs.insert(seqnum);
+}
+
+void CUsbipClientLinux::SendUsbipPacket(const char* data, unsigned long len) {
+    if (m_pListener != nullptr) m_pListener->OnUsbipPacket(m_devId, data, len);
+}
+
+void CUsbipClientLinux::ReportDetach() {
+    if (m_pListener != nullptr) m_pListener->OnUsbipDeviceError(m_devId);
+}

@@ -1,0 +1,161 @@
+// What the plug-in does with each channel message, and the messages it sends for its devices.
+
+#include <zlib.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <memory>
+
+#include "client/USBIPClientLinux.h"
+#include "module/XJModLog.h"
+#include "plugin/USBIPClientPlugin.h"
+
+namespace {
+
+struct Free {
+    void operator()(void* memory) const { std::free(memory); }
+};
+
+// Zero-filled memory that the system commits only where it is written.
+using ScratchArea = std::unique_ptr<Bytef, Free>;
+
+ScratchArea make_scratch(std::size_t size) {
+    ScratchArea scratch(static_cast<Bytef*>(std::calloc(size, 1)));
+    if (!scratch) XJModLog(4, "[usbipclient] no scratch area of %zu bytes, data dropped", size);
+    return scratch;
+}
+
+template <typename Message>
+const Message& as(IBuffer* buffer) {
+    return *static_cast<const Message*>(buffer->GetPointer());
+}
+
+template <typename Message>
+bool long_enough(IBuffer* buffer, const char* name, std::size_t least = sizeof(Message)) {
+    if (buffer->GetSize() >= least) return true;
+    XJModLog(4, "[usbipclient] invalid %s package size %d", name,
+             static_cast<int>(buffer->GetSize()));
+    return false;
+}
+
+}  // namespace
+
+bool UsbipClientPlugin::OnProtoVersionReq(const void*, unsigned long, IBuffer* message) {
+    if (!long_enough<usbip_version_req>(message, "usbip_version_req")) return false;
+    XJModLog(8, "[usbipclient] version req");
+    m_bCompress = (as<usbip_version_req>(message).flags & kVersionFlagCompress) != 0;
+
+    const CRefObj<IBuffer> response = NewMessage(sizeof(usbip_version_rsp));
+    if (!response) return true;
+    const usbip_version_rsp body{MakeMessageHead(kUsbipVersionRsp, sizeof body),
+                                 kUsbipProtocolVersion};
+    std::memcpy(response->GetPointer(), &body, sizeof body);
+    if (m_pStream) WriteMessage(response->GetPointer(), response->GetSize());
+    return true;
+}
+
+bool UsbipClientPlugin::OnProtoDevMap(const void*, unsigned long, IBuffer* message) {
+    if (!long_enough<usbip_dev_map>(message, "usbip_dev_map")) return false;
+    const auto& map = as<usbip_dev_map>(message);
+    char instanceid[sizeof map.dev.instanceid + 1] = {};  // the peer's text may lack its NUL
+    std::memcpy(instanceid, map.dev.instanceid, sizeof map.dev.instanceid);
+    XJModLog(1, "[usbipclient] map device %d, busid %d portid %d instanceid %s",
+             static_cast<int>(map.devid), static_cast<int>(map.dev.busid),
+             static_cast<int>(map.dev.portid), instanceid);
+
+    const CRefObj<IUsbipClient> client(new CUsbipClientLinux);
+    client->SetListener(this);
+    client->SetDevId(map.devid);
+    client->SetDevInfo(map.dev);
+
+    TakeDevice(map.devid);  // drops the last reference on an earlier client of this id: it ends
+    // Registered only when it runs, so that ExitInstance never meets a client that is starting.
+    client->Run();
+    CLockGuard guard(m_devicesLock);
+    m_devices[map.devid] = client;
+    return true;
+}
+
+bool UsbipClientPlugin::OnProtoDevUnmap(const void*, unsigned long, IBuffer* message) {
+    if (!long_enough<usbip_dev_unmap>(message, "usbip_dev_unmap")) return false;
+    const unsigned int devid = as<usbip_dev_unmap>(message).devid;
+    XJModLog(1, "[usbipclient] unmap device %d", static_cast<int>(devid));
+    if (const CRefObj<IUsbipClient> client = TakeDevice(devid)) client->Stop();
+    return true;
+}
+
+bool UsbipClientPlugin::OnProtoForward(const void*, unsigned long, IBuffer* message) {
+    if (!long_enough<usbip_forward>(message, "usbip_forward", kForwardOverhead)) return false;
+    const auto& forward = as<usbip_forward>(message);
+    const unsigned long size = message->GetSize();
+    if (forward.datasize > size - sizeof forward) {
+        XJModLog(4, "[usbipclient] invalid usbip_forward package size %d datasize %d",
+                 static_cast<int>(size), static_cast<int>(forward.datasize));
+        return false;
+    }
+    const auto* data = static_cast<const char*>(message->GetPointer()) + sizeof forward;
+
+    const CRefObj<IUsbipClient> client = FindDevice(forward.devid);
+    if (!client) return true;
+    if (forward.rawsize == 0) {
+        client->Forward(data, forward.datasize);
+        return true;
+    }
+    if (forward.rawsize > kMaxRawSize) {
+        XJModLog(4, "[usbipclient] invalid usbip_forward rawsize %u, limit %zu", forward.rawsize,
+                 kMaxRawSize);
+        return false;
+    }
+    const ScratchArea scratch = make_scratch(forward.rawsize);
+    if (!scratch) return true;
+    // What a broken stream inflates to is not judged here: the client checks every PDU it writes.
+    uLongf raw_length = forward.rawsize;
+    uncompress(scratch.get(), &raw_length, reinterpret_cast<const Bytef*>(data), forward.datasize);
+    client->Forward(reinterpret_cast<const char*>(scratch.get()), raw_length);
+    return true;
+}
+
+void UsbipClientPlugin::QueueForward(unsigned int devid, const void* data, unsigned long size,
+                                     std::uint32_t rawsize) {
+    const CRefObj<IBuffer> message = NewMessage(size + kForwardOverhead);
+    if (!message) return;
+    const usbip_forward forward{MakeMessageHead(kUsbipForward, size + kForwardOverhead), devid,
+                                static_cast<std::uint32_t>(size), rawsize};
+    auto* bytes = static_cast<char*>(message->GetPointer());
+    std::memcpy(bytes, &forward, sizeof forward);
+    std::memcpy(bytes + sizeof forward, data, size);
+    std::memset(bytes + sizeof forward + size, 0, kForwardFiller);
+    m_sendQueue.push(message);
+}
+
+void UsbipClientPlugin::OnUsbipPacket(unsigned int devid, const char* data, unsigned long len) try {
+    if (len > kMaxRawSize) {
+        XJModLog(4, "[usbipclient] PDU of %lu bytes from device %u is too long, dropped", len,
+                 devid);
+        return;
+    }
+    if (!m_bCompress || len <= kCompressThreshold) {
+        QueueForward(devid, data, len, 0);
+        return;
+    }
+    uLongf compressed_length = compressBound(len);
+    const ScratchArea scratch = make_scratch(compressed_length);
+    if (!scratch) return;
+    compress2(scratch.get(), &compressed_length, reinterpret_cast<const Bytef*>(data), len,
+              Z_DEFAULT_COMPRESSION);
+    QueueForward(devid, scratch.get(), compressed_length, static_cast<std::uint32_t>(len));
+} catch (const std::bad_alloc&) {
+    XJModLog(4, "[usbipclient] out of memory, PDU of device %u dropped", devid);
+}
+
+void UsbipClientPlugin::OnUsbipDeviceError(unsigned int devid) try {
+    XJModLog(1, "[usbipclient] device end %d", static_cast<int>(devid));
+    const CRefObj<IBuffer> message = NewMessage(sizeof(usbip_dev_unmap));
+    if (!message) return;
+    const usbip_dev_unmap unmap{MakeMessageHead(kUsbipDevUnmap, sizeof unmap), devid};
+    std::memcpy(message->GetPointer(), &unmap, sizeof unmap);
+    m_sendQueue.push(message);
+} catch (const std::bad_alloc&) {
+    XJModLog(4, "[usbipclient] out of memory, end of device %u not reported", devid);
+}

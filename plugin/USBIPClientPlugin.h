@@ -1,0 +1,80 @@
+// The plug-in object: the host's stream, the registry of mapped devices, and the send queue.
+//
+// Threads that enter it: the host's thread in Run (reading and all handlers), the host's thread in
+// ExitInstance and Release, the send thread, and each device client's work thread through the
+// listener interface.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <memory>
+
+#include "base/BaseThread.h"
+#include "base/Buffer.h"
+#include "base/Lock.h"
+#include "base/SemQueue.h"
+#include "client/IClientUsbipListenter.h"
+#include "client/IUsbipClient.h"
+#include "module/abi/PluginAbi.h"
+#include "plugin/MessageSeparation.h"
+
+using CUsbipMessageSeparation =
+    CMessageSeparation_T<_MESSAGE_HEADER, IBuffer*, 2, unsigned long, bool>;
+
+// Bases, and the operations in this order, are the ABI that hosts are compiled against.
+class UsbipClientPlugin : public CUsbipMessageSeparation,
+                          public IClientUsbipPlugin,
+                          public IClientUsbipListenter,
+                          protected CReference {
+  public:
+    UsbipClientPlugin();
+    ~UsbipClientPlugin() override;
+    const _MESSAGE_MAP_ENTRY* GetSeparationMessageMap(unsigned long& entrySize) const override;
+    bool OnSeparationMessage(int index, const void* payload, unsigned long length,
+                             IBuffer* message) override;
+
+    long AddRef() override { return CReference::AddRef(); }
+    long Release() override { return CReference::Release(); }
+    void SetListener(IClientUsbipListenter*) override {}
+    long GetInterface(const char*, void**) override { return 0; }
+    long SetProperty(const char*, IXJModData*) override { return 0; }
+    IXJModData* GetProperty(const char*) override { return nullptr; }
+    long InitInstance(IPluginStreamRaw* stream) override;
+    long Run() override;
+    long ExitInstance() override;
+    long Load(const wchar_t*) override { return 0; }
+    void OnUsbipPacket(unsigned int devid, const char* data, unsigned long len) override;
+    void OnUsbipDeviceError(unsigned int devid) override;
+
+  private:
+    // Handlers of the message map, on the Run thread. They read their fields from the start of
+    // `message`, which holds the whole message. False: refused, with a log line.
+    bool OnProtoVersionReq(const void* payload, unsigned long length, IBuffer* message);
+    bool OnProtoDevMap(const void* payload, unsigned long length, IBuffer* message);
+    bool OnProtoDevUnmap(const void* payload, unsigned long length, IBuffer* message);
+    bool OnProtoForward(const void* payload, unsigned long length, IBuffer* message);
+
+    bool SendLoop();  // one pass of the send thread; true
+    // Writes a whole message; false when the stream failed or takes nothing.
+    bool WriteMessage(const void* data, unsigned long size);
+    // A buffer of exactly `size` bytes in use; empty, with a log line, when there is none.
+    CRefObj<IBuffer> NewMessage(unsigned long size);
+    // Queues a forward message. `rawsize`: see usbip_forward.
+    void QueueForward(unsigned int devid, const void* data, unsigned long size,
+                      std::uint32_t rawsize);
+
+    CRefObj<IUsbipClient> FindDevice(unsigned int devid);
+    CRefObj<IUsbipClient> TakeDevice(unsigned int devid);
+
+    std::map<unsigned int, CRefObj<IUsbipClient>> m_devices;  // guarded by m_devicesLock
+    CRefObj<IPluginStreamRaw> m_pStream;   // constant while Run or the send thread is active
+    CRefObj<IMemAlloctor> m_pAllocator;    // constant
+    std::atomic<bool> m_bCompress{false};  // set on the Run thread, read on work threads
+    std::unique_ptr<CUsbipClientThread> m_pSendThread;  // constant
+    CBufferQueue_T<CRefObj<IBuffer>> m_sendQueue;       // whole messages; locks itself
+
+    // Never held while a client is started, stopped or destroyed: those take their time.
+    CMutexLock m_devicesLock;
+    // Held for one whole message: the send thread and the version response share the stream.
+    CMutexLock m_writeLock;
+};
