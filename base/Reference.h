@@ -61,7 +61,10 @@ class CRefObj {
         CRefObj(object).Swap(*this);
         return *this;
     }
-    CRefObj& operator=(const CRefObj& other) { return *this = other.m_pObject; }
+    CRefObj& operator=(const CRefObj& other) {
+        CRefObj(other).Swap(*this);
+        return *this;
+    }
     CRefObj& operator=(CRefObj&& other) noexcept {
         CRefObj(std::move(other)).Swap(*this);
         return *this;
