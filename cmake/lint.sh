@@ -1,0 +1,49 @@
+#!/usr/bin/env bash
+# Holds the house rules that a machine can hold: formatting, who may include whom, shell scripts,
+# and, with --tidy, clang-tidy over every source file (minutes). Prints what is wrong; exits 1.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+failed=0
+complain() {
+    printf '%s\n' "$@" >&2
+    failed=1
+}
+
+mapfile -t sources < <(git ls-files -co --exclude-standard '*.cpp' '*.h')
+mapfile -t scripts < <(git ls-files -co --exclude-standard | grep -vE '\.(cpp|h|md|json|cmake|map)$' |
+    xargs grep -lE '^(#!.*(bash|/sh)|# shellcheck shell=)')
+
+clang-format --dry-run -Werror "${sources[@]}" || complain "lint: clang-format -i mends the above"
+shellcheck -x "${scripts[@]}" || complain "lint: shellcheck is not content"
+
+# FOLDER ALLOWED...: our headers that files of a folder may include, as path prefixes. Arrows
+# point one way only, so there is no circle between folders.
+while read -r folder allowed; do
+    pattern="^($(tr ' ' '|' <<<"$folder/ $allowed"))"
+    while IFS=: read -r file _ include; do
+        header=$(sed 's/.*"\(.*\)".*/\1/' <<<"$include")
+        [[ $header =~ $pattern ]] || complain "lint: $file may not include $header"
+    done < <(grep -HnE '^#include "' "$folder"/*.cpp "$folder"/*.h "$folder"/*/*.h 2>/dev/null || true)
+done <<'RULES'
+base
+wire
+module base/ plugin/USBIPClientPlugin.h
+vhci base/ module/XJModLog.h
+client base/ wire/ vhci/ module/XJModLog.h
+plugin base/ wire/ client/ module/XJModLog.h module/abi/
+host base/Reference.h module/abi/
+remote wire/
+RULES
+
+if [ "${1:-}" = --tidy ]; then
+    cmake --preset lint >/dev/null
+    run-clang-tidy -quiet -p build/lint -j "$(nproc)" "^$PWD/(base|client|host|module|plugin|remote|tests|vhci)/.*" \
+        >build/lint/tidy.log 2>&1 || {
+        grep -E 'error:|warning:' build/lint/tidy.log | sort -u >&2
+        complain "lint: clang-tidy is not content"
+    }
+fi
+
+[ "$failed" = 0 ] && echo "lint: ${#sources[@]} source files and ${#scripts[@]} scripts are clean"
+exit "$failed"

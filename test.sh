@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# Builds and tests everything: lint, the tests in release, with the address and undefined-behaviour
+# sanitizers and with the thread sanitizer, then the scenarios on the real ARM kernel.
+#   ./test.sh          all of it
+#   ./test.sh --quick  what to run on every change: the release tests and the fast part of lint
+set -euo pipefail
+cd "$(dirname "$0")"
+
+case "${1:-}" in
+"") quick=no ;;
+--quick) quick=yes ;;
+*)
+    echo "usage: $0 [--quick]" >&2
+    exit 2
+    ;;
+esac
+
+passed=0
+failed=0
+
+# Runs ctest and adds its figures to the totals.
+run_tests() {
+    local preset=$1 log
+    shift
+    echo "== tests: $preset $*"
+    log=$(mktemp)
+    ctest --preset "$preset" "$@" 2>&1 | tee "$log" || true
+    # "98% tests passed, 2 tests failed out of 120"; without that line nothing ran, which is a failure
+    local counts
+    counts=$(sed -nE 's/.* tests passed, ([0-9]+) tests failed out of ([0-9]+)/\1 \2/p' "$log")
+    rm -f "$log"
+    local bad all
+    read -r bad all <<<"${counts:-1 1}"
+    passed=$((passed + all - bad))
+    failed=$((failed + bad))
+}
+
+build() {
+    echo "== build: $1"
+    cmake --preset "$1" >/dev/null
+    cmake --build --preset "$1"
+}
+
+cmake/packages.sh
+build release
+if [ "$quick" = yes ]; then
+    run_tests release -LE 'vm|tidy' -j "$(nproc)"
+else
+    for preset in asan tsan arm64; do build "$preset"; done
+    run_tests release -LE vm -j "$(nproc)"
+    for preset in asan tsan; do run_tests "$preset" -j "$(nproc)"; done
+    run_tests release -L vm
+fi
+
+echo "$passed passed, $failed failed"
+[ "$failed" = 0 ]
