@@ -1,0 +1,141 @@
+# shellcheck shell=dash
+# The words of which scenarios are made. Every wait is bounded; what does not happen in time, or
+# happens wrongly, fails the scenario with a sentence that says what was expected.
+#
+# Given by the environment: VM_DIR, LOG_DIR, HOST_PROGRAM, MODULE, REMOTE_ADDRESS (where the remote
+# side's port is reached), and two descriptors: 8 takes requests to the outside, 9 gives its answers.
+
+vhci=/sys/devices/platform/vhci_hcd.0
+host_pid=
+
+log() { echo "[$(cut -d' ' -f1 /proc/uptime)] $*" >&2; }
+
+fail() {
+    log "FAIL: $*"
+    exit 1
+}
+
+# say TEXT: a line of the story for the person who watches.
+say() { outside say "$@"; }
+
+# outside ACTION ARG...: has the machine outside do an action of vm/outside.sh, waits until it is
+# done and prints its answer. Arguments are single words.
+outside() {
+    local verdict answer
+    log "outside: $*"
+    echo "$*" >&8
+    read -r verdict answer <&9
+    [ "$verdict" = ok ] || fail "outside: $*: $answer"
+    [ -z "$answer" ] || echo "$answer"
+}
+
+now() { cut -d. -f1 /proc/uptime; }
+
+# wait_until SECONDS WHAT COMMAND...: COMMAND succeeds before that much time is over.
+wait_until() {
+    local deadline what
+    deadline=$(($(now) + $1))
+    what=$2
+    log "waiting for $what, at most $1 s"
+    shift 2
+    until "$@"; do
+        [ "$(now)" -lt "$deadline" ] || fail "still waiting for $what"
+        sleep 0.1
+    done
+    log "there: $what"
+}
+
+# expect_same WHAT EXPECTED FOUND
+expect_same() {
+    [ "$2" = "$3" ] || fail "$1: expected '$2', found '$3'"
+    [ -n "$3" ] || fail "$1: nothing to compare"
+    log "as expected, $1: $3"
+}
+
+# --- the host -------------------------------------------------------------------------------
+
+# start_host ARG...: connects the host to the remote side that runs outside.
+start_host() {
+    local port
+    port=$(outside remote_port)
+    "$HOST_PROGRAM" --module "$MODULE" --connect "$REMOTE_ADDRESS:$port" "$@" \
+        >>"$LOG_DIR/host.log" 2>&1 </dev/null 8>&- 9<&- &
+    host_pid=$!
+}
+
+# ended PID: a child that has ended but was not waited for is a zombie.
+ended() { ! grep -q '^State:[[:space:]]*[^Z]' "/proc/$1/status" 2>/dev/null; }
+
+# wait_for_end PID SECONDS WHAT: leaves the exit status in $ended_with.
+wait_for_end() {
+    wait_until "$2" "the end of $3" ended "$1"
+    ended_with=0
+    wait "$1" || ended_with=$?
+}
+
+# stop_host: asks the host to end, as a person with Ctrl-C would; it must succeed.
+stop_host() {
+    kill -TERM "$host_pid"
+    wait_for_end "$host_pid" 10 "the host"
+    host_pid=
+    expect_same "exit status of the host" 0 "$ended_with"
+}
+
+# --- the kernel's ports -----------------------------------------------------------------------
+
+# Lines of the port table that are not free: the kernel gives a free port the state 4.
+ports_in_use() { cat "$vhci"/status* | awk '$3 ~ /^[0-9]+$/ && $3 != 4'; }
+count_ports_in_use() { ports_in_use | wc -l; }
+
+ports_used_by_us_are() { [ "$(count_ports_in_use)" -eq $((ports_in_use_before + $1)) ]; }
+
+# wait_all_ports_free [SECONDS]: all those that were free before the scenario.
+wait_all_ports_free() { wait_until "${1:-5}" "all ports to be free" ports_used_by_us_are 0; }
+wait_ports_used() { wait_until 10 "$1 port(s) to be in use" ports_used_by_us_are "$1"; }
+
+# --- disks ------------------------------------------------------------------------------------
+
+# find_disk MIB: names the disk of that size behind vhci, such as sda. Scenarios with several
+# disks give them different sizes.
+find_disk() {
+    local block
+    for block in /sys/block/sd*; do
+        case $(readlink -f "$block") in
+        */vhci_hcd.*) [ "$(cat "$block/size")" -ne $(($1 * 2048)) ] || basename "$block" ;;
+        esac
+    done
+}
+disk_is_there() { [ -n "$(find_disk "$1")" ]; }
+disk_is_gone() { ! disk_is_there "$1"; }
+
+# wait_for_disk MIB: waits until it can be used and prints its name. Half a second is enumeration,
+# one is the storage driver's own delay; the rest is for a busy machine.
+wait_for_disk() {
+    wait_until 20 "the disk of $1 MiB" disk_is_there "$1"
+    find_disk "$1"
+}
+wait_disk_gone() { wait_until 5 "the disk of $1 MiB to go" disk_is_gone "$1"; }
+
+# usb_of_disk DISK: directory of the USB device that the disk is.
+usb_of_disk() { readlink -f "/sys/block/$1/device/../../../.."; }
+
+# sha256 FILE. Of a disk: read from the device, not from what the kernel remembers of it.
+sha256() {
+    [ ! -b "$1" ] || blockdev --flushbufs "$1"
+    sha256sum "$1" | cut -d' ' -f1
+}
+
+sectors_read() { awk '{ print $3 }' "/sys/block/$1/stat"; }
+has_read_more() { [ "$(sectors_read "$1")" -gt "$2" ]; }
+
+# start_reading DISK: reads it over and over, past the page cache, and returns when data flows.
+start_reading() {
+    local before
+    before=$(sectors_read "$1")
+    (while dd if="/dev/$1" of=/dev/null bs=256k iflag=direct; do :; done) 8>&- 9<&- &
+    reader=$!
+    wait_until 10 "data to flow from $1" has_read_more "$1" $((before + 4096))
+}
+
+# expect_read_error SECONDS: the reader gets an I/O error and ends, it does not hang.
+expect_read_error() { wait_for_end "$reader" "$1" "reading with an I/O error"; }

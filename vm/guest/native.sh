@@ -1,0 +1,9 @@
+#!/bin/bash
+# native.sh FILE: runs one scenario on this machine, with this machine's vhci_hcd, and says how it
+# ended. What start.sh is for the guest.
+mark="xj-usbip scenario $$ begins"
+echo "$mark" >/dev/kmsg
+status=0
+bash "$VM_DIR/guest/scenario.sh" "$1" || status=$?
+dmesg | sed -n "/$mark/,\$p" >"$LOG_DIR/dmesg"
+echo "done $status" >&8

@@ -1,0 +1,100 @@
+# shellcheck shell=bash
+# What the guest can ask the machine outside for: each function named act_... is an action, run in
+# the scenario's folder. An action prints its answer (one line) and succeeds or fails; none waits
+# without a bound. The functions run in the caller's shell and share these variables.
+
+remote_pid=''
+remote_port=0  # 0: the remote side chooses a free one; kept when it is started again
+
+act_say() { echo "  $*" >&"$story"; }
+
+# act_make_image NAME MIB: a disk image of random bytes.
+act_make_image() { head -c "${2}M" /dev/urandom >"$1"; }
+
+# act_make_text_image NAME MIB: one that compresses well.
+act_make_text_image() { yes 'The quick brown fox jumps over the lazy dog.' | head -c "${2}M" >"$1"; }
+
+# act_make_empty_image NAME MIB: zeros that take no room.
+act_make_empty_image() { truncate -s "${2}M" "$1"; }
+
+act_sha256() { sha256sum "$1" | cut -d' ' -f1; }
+
+remote_is_listening() { grep -q 'listening on' remote.fresh.log; }
+
+# within SECONDS COMMAND...: COMMAND succeeds before that much time is over.
+within() {
+    local deadline=$((SECONDS + $1))
+    shift
+    until "$@"; do
+        ((SECONDS <= deadline)) || return 1
+        sleep 0.05
+    done
+}
+
+# act_start_remote ARG...: starts the remote side and waits until it listens.
+act_start_remote() {
+    [ -p remote.commands ] || mkfifo remote.commands
+    exec {remote_commands}<>remote.commands
+    : >remote.fresh.log
+    "$remote_program" --listen "127.0.0.1:$remote_port" "$@" \
+        <remote.commands > >(tee -a remote.log remote.fresh.log) 2>&1 &
+    remote_pid=$!
+    within 10 remote_is_listening || { echo "the remote side does not listen"; return 1; }
+    remote_port=$(sed -n 's/.*listening on .*:\([0-9]*\).*/\1/p' remote.fresh.log | head -n1)
+}
+
+act_remote_port() { echo "$remote_port"; }
+
+# act_tell_remote COMMAND ARG...: one command on the remote side's standard input.
+act_tell_remote() { echo "$*" >&"$remote_commands"; }
+
+act_kill_remote() {
+    kill -KILL "$remote_pid"
+    remote_pid=''
+}
+
+has_ended() { ! kill -0 "$1" 2>/dev/null; }
+
+# act_stop_remote: ends it as a person would; it must succeed.
+act_stop_remote() {
+    local status=0
+    act_tell_remote quit
+    within 10 has_ended "$remote_pid" || { echo "the remote side does not end"; return 1; }
+    wait "$remote_pid" || status=$?
+    remote_pid=''
+    echo "$status"
+    return "$status"
+}
+
+# answer REQUEST: does what the guest asked for and prints the line that goes back.
+answer() {
+    local -a words
+    read -ra words <<<"$1"
+    if ! declare -F "act_${words[0]-}" >/dev/null; then
+        echo "failed: there is no such action"
+        return
+    fi
+    # Not in a subshell: an action's variables outlive it.
+    if "act_${words[0]}" "${words[@]:1}" >answer 2>>outside.log; then
+        echo "ok $(tr '\n' ' ' <answer)"
+    else
+        echo "failed $(tr '\n' ' ' <answer)"
+    fi
+}
+
+# serve_guest SECONDS FROM TO: answers requests on these descriptors until the guest says how the
+# scenario ended. Leaves that in $guest_status: a number, "gone" or "silent".
+serve_guest() {
+    local deadline=$((SECONDS + $1)) from=$2 to=$3 line
+    guest_status=silent
+    while ((SECONDS < deadline)); do
+        if ! read -r -t $((deadline - SECONDS + 1)) -u "$from" line; then
+            ((SECONDS >= deadline)) || guest_status=gone
+            return
+        fi
+        case $line in
+        "done "*) guest_status=${line#done }; return ;;
+        *) answer "$line" >&"$to" ;;
+        esac
+    done
+}
