@@ -56,17 +56,10 @@ class CRefObj {
         if (m_pObject != nullptr) m_pObject->Release();
     }
 
-    // The new reference is taken before the old one is dropped: self-assignment is safe.
-    CRefObj& operator=(T* object) {
-        CRefObj(object).Swap(*this);
-        return *this;
-    }
-    CRefObj& operator=(const CRefObj& other) {
-        CRefObj(other).Swap(*this);
-        return *this;
-    }
-    CRefObj& operator=(CRefObj&& other) noexcept {
-        CRefObj(std::move(other)).Swap(*this);
+    // From a pointer or another CRefObj. The new reference is taken before the old one is dropped,
+    // so that assigning an object to itself is safe.
+    CRefObj& operator=(CRefObj other) noexcept {
+        std::swap(m_pObject, other.m_pObject);
         return *this;
     }
 
@@ -74,8 +67,6 @@ class CRefObj {
     T* operator->() const { return m_pObject; }
     T& operator*() const { return *m_pObject; }
     explicit operator bool() const { return m_pObject != nullptr; }
-
-    void Swap(CRefObj& other) noexcept { std::swap(m_pObject, other.m_pObject); }
 
   private:
     T* m_pObject = nullptr;
