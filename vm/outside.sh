@@ -8,8 +8,8 @@ remote_port=0  # 0: the remote side chooses a free one; kept when it is started 
 
 act_say() { echo "  $*" >&"$story"; }
 
-# act_make_image NAME MIB: a disk image of random bytes.
-act_make_image() { head -c "${2}M" /dev/urandom >"$1"; }
+# act_make_random_image NAME MIB: a disk image of random bytes.
+act_make_random_image() { head -c "${2}M" /dev/urandom >"$1"; }
 
 # act_make_text_image NAME MIB: one that compresses well.
 act_make_text_image() { yes 'The quick brown fox jumps over the lazy dog.' | head -c "${2}M" >"$1"; }
