@@ -6,18 +6,22 @@
 remote_pid=''
 remote_port=0  # 0: the remote side chooses a free one; kept when it is started again
 
-act_say() { echo "  $*" >&"$story"; }
+# act_say TEXT: shows it to the person who watches, spaces and all.
+act_say() { echo "  ${request#say }" >&"$story"; }
 
 # act_make_random_image NAME MIB: a disk image of random bytes.
 act_make_random_image() { head -c "${2}M" /dev/urandom >"$1"; }
 
 # act_make_text_image NAME MIB: one that compresses well.
-act_make_text_image() { yes 'The quick brown fox jumps over the lazy dog.' | head -c "${2}M" >"$1"; }
+act_make_text_image() { head -c "${2}M" <(yes 'The quick brown fox jumps over the lazy dog.') >"$1"; }
 
 # act_make_empty_image NAME MIB: zeros that take no room.
 act_make_empty_image() { truncate -s "${2}M" "$1"; }
 
 act_sha256() { sha256sum "$1" | cut -d' ' -f1; }
+
+# act_first_line_at NAME BLOCK: the text in this block of 1 KiB of an image.
+act_first_line_at() { dd if="$1" bs=1k skip="$2" count=1 status=none | head -n1; }
 
 remote_is_listening() { grep -q 'listening on' remote.fresh.log; }
 
@@ -39,7 +43,7 @@ act_start_remote() {
     "$remote_program" --listen "127.0.0.1:$remote_port" "$@" \
         <remote.commands > >(tee -a remote.log remote.fresh.log) 2>&1 &
     remote_pid=$!
-    within 10 remote_is_listening || { echo "the remote side does not listen"; return 1; }
+    within 10 remote_is_listening || { echo "the remote side does not listen; see remote.log"; return 1; }
     remote_port=$(sed -n 's/.*listening on .*:\([0-9]*\).*/\1/p' remote.fresh.log | head -n1)
 }
 
@@ -68,8 +72,9 @@ act_stop_remote() {
 
 # answer REQUEST: does what the guest asked for and prints the line that goes back.
 answer() {
+    local request=$1
     local -a words
-    read -ra words <<<"$1"
+    read -ra words <<<"$request"
     if ! declare -F "act_${words[0]-}" >/dev/null; then
         echo "failed: there is no such action"
         return

@@ -7,6 +7,7 @@
 
 vhci=/sys/devices/platform/vhci_hcd.0
 host_pid=
+disks_before=" $(echo /sys/block/sd*) "  # one line, each between spaces
 
 log() { echo "[$(cut -d' ' -f1 /proc/uptime)] $*" >&2; }
 
@@ -95,11 +96,12 @@ wait_ports_used() { wait_until 10 "$1 port(s) to be in use" ports_used_by_us_are
 
 # --- disks ------------------------------------------------------------------------------------
 
-# find_disk MIB: names the disk of that size behind vhci, such as sda. Scenarios with several
-# disks give them different sizes.
+# find_disk MIB: names the disks of that size behind vhci, such as sda, but for those that were
+# there before the scenario. Scenarios with several disks give them different sizes.
 find_disk() {
     local block
     for block in /sys/block/sd*; do
+        case $disks_before in *" $block "*) continue ;; esac
         case $(readlink -f "$block") in
         */vhci_hcd.*) [ "$(cat "$block/size")" -ne $(($1 * 2048)) ] || basename "$block" ;;
         esac

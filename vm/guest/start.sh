@@ -5,12 +5,14 @@ ip link set lo up
 ip link set eth0 up
 ip addr add 10.0.2.15/24 dev eth0
 modprobe -a vhci-hcd usb-storage sd_mod
+echo root:x:0:0:root:/root:/bin/sh >/etc/passwd
 echo 20 >/proc/sys/kernel/hung_task_timeout_secs  # a stuck task is told within a scenario
 
 # QEMU's user network shows the outside's own loopback at this address.
 export REMOTE_ADDRESS=10.0.2.2
 export VM_DIR ARM64_DIR LOG_DIR
 export HOST_PROGRAM="$ARM64_DIR/host/xj-usbip-host" MODULE="$ARM64_DIR/libxj-client-usbip.so"
+export PATH="$PATH:$ARM64_DIR/host"
 
 exec 8<>/dev/vport0p1 9<&8  # requests to the outside and its answers; see lib.sh
 
