@@ -1,0 +1,14 @@
+// Log lines on standard error.
+#pragma once
+
+#include <string>
+
+namespace remote {
+
+// Writes one line (without its newline in `format`) in one piece, cut at 1 KiB.
+void Log(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// The text of errno value `error`.
+std::string ErrorText(int error);
+
+}  // namespace remote

@@ -1,0 +1,175 @@
+#include "remote/Server.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cstdio>
+#include <utility>
+
+#include "remote/Log.h"
+
+namespace remote {
+namespace {
+
+constexpr std::size_t kMaxCommandLine = 256;  // longer ones are no command of ours
+
+}  // namespace
+
+Server::Server(std::vector<std::unique_ptr<Device>> devices, bool compress, Controls controls)
+    : compress_(compress), controls_(controls) {
+    std::uint32_t number = 0;
+    for (auto& device : devices)
+        ports_.push_back({std::move(device), ++number, true, {}});
+}
+
+bool Server::Run(Listener& listener) {
+    return Loop(&listener);
+}
+
+bool Server::Run(HostLink link) {
+    StartSession(std::move(link));
+    return Loop(nullptr);
+}
+
+bool Server::Loop(Listener* listener) {
+    for (;;) {
+        if (session_ && session_->Over()) {
+            const bool failed = session_->Failed();
+            session_.reset();
+            if (listener == nullptr) return !failed;
+        }
+        if (quitting_ && !session_) return true;
+
+        // A host that comes while another one is served waits in the backlog.
+        const bool accepting = listener != nullptr && !session_;
+        std::array<pollfd, 5> fds{{
+            {controls_.signals, POLLIN, 0},
+            {controls_.commands, POLLIN, 0},
+            {accepting ? listener->Fd() : -1, POLLIN, 0},
+            {session_ ? session_->ReadableFd() : -1, POLLIN, 0},
+            {session_ ? session_->WritableFd() : -1, POLLOUT, 0},
+        }};
+        if (poll(fds.data(), fds.size(), PollTimeout()) < 0) {
+            if (errno == EINTR) continue;
+            Log("cannot wait for events: %s", ErrorText(errno).c_str());
+            return false;
+        }
+        if (fds[0].revents != 0) OnSignal();
+        if (fds[1].revents != 0) OnCommands();
+        if (accepting && fds[2].revents != 0 && !quitting_) {
+            FileDescriptor host = listener->Accept();
+            if (host) StartSession({std::move(host), {}});
+            continue;
+        }
+        if (!session_) continue;
+        if (fds[3].revents != 0 && !session_->Over()) session_->OnReadable();
+        if (fds[4].revents != 0 && !session_->Over()) session_->OnWritable();
+        const auto deadline = session_->Deadline();
+        if (deadline && Session::Clock::now() >= *deadline) session_->OnDeadline();
+    }
+}
+
+void Server::StartSession(HostLink link) {
+    Log("host connected");
+    session_ = std::make_unique<Session>(std::move(link), ports_, compress_);
+}
+
+int Server::PollTimeout() const {
+    const auto deadline = session_ ? session_->Deadline() : std::nullopt;
+    if (!deadline) return -1;
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(*deadline - Session::Clock::now());
+    return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
+}
+
+void Server::OnSignal() {
+    signalfd_siginfo info{};
+    if (read(controls_.signals, &info, sizeof info) != sizeof info) return;
+    if (info.ssi_signo == SIGUSR1) {
+        ReportCounters();
+    } else {
+        Quit();
+    }
+}
+
+void Server::OnCommands() {
+    std::array<char, 512> text{};
+    const ssize_t count = read(controls_.commands, text.data(), text.size());
+    if (count < 0 && (errno == EINTR || errno == EAGAIN)) return;
+    if (count <= 0) {
+        controls_.commands = -1;
+        return;
+    }
+    typed_.append(text.data(), static_cast<std::size_t>(count));
+    for (std::size_t end = 0; (end = typed_.find('\n')) != std::string::npos;) {
+        const std::string line = typed_.substr(0, end);
+        typed_.erase(0, end + 1);
+        OnCommand(line);
+    }
+    if (typed_.size() > kMaxCommandLine) typed_.clear();
+}
+
+void Server::OnCommand(const std::string& line) {
+    const std::size_t blank = line.find(' ');
+    const std::string verb = line.substr(0, blank);
+    const std::string_view rest =
+        blank == std::string::npos ? std::string_view() : std::string_view(line).substr(blank + 1);
+    if (verb == "plug" || verb == "unplug") {
+        Plug(rest, verb == "plug");
+    } else if (line == "list") {
+        List();
+    } else if (line == "quit") {
+        Answer("quitting");
+        Quit();
+    } else {
+        Answer("error: unknown command; there are: list, plug N, unplug N, quit");
+    }
+}
+
+void Server::List() const {
+    for (const Port& port : ports_) {
+        const char* state = !port.plugged                        ? "unplugged"
+                            : session_ && session_->Mapped(port) ? "mapped"
+                                                                 : "plugged";
+        Answer(std::to_string(port.number) + " " + state + " " + port.device->Info().instance);
+    }
+}
+
+void Server::Plug(std::string_view number, bool plugged) {
+    std::uint32_t wanted = 0;
+    const char* end = number.data() + number.size();
+    const auto [stop, error] = std::from_chars(number.data(), end, wanted);
+    if (error != std::errc() || stop != end || wanted == 0 || wanted > ports_.size()) {
+        Answer("error: no device " + std::string(number));
+        return;
+    }
+    Port& port = ports_[wanted - 1];
+    port.plugged = plugged;
+    if (session_ && plugged) session_->Map(port);
+    if (session_ && !plugged) session_->Unmap(port);
+    Answer(std::string(plugged ? "plugged " : "unplugged ") + std::to_string(wanted));
+}
+
+void Server::Quit() {
+    quitting_ = true;
+    if (session_) session_->Close();
+}
+
+void Server::Answer(const std::string& line) const {
+    dprintf(controls_.answers, "%s\n", line.c_str());
+}
+
+void Server::ReportCounters() const {
+    for (const Port& port : ports_) {
+        Log("device %u: %s", port.number, port.counters.Text().c_str());
+    }
+}
+
+}  // namespace remote

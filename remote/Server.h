@@ -1,0 +1,55 @@
+// The program's one thread: a poll loop over signals, typed commands, the listener and the session
+// of the one host that is served at a time.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "remote/Device.h"
+#include "remote/Listener.h"
+#include "remote/Session.h"
+
+namespace remote {
+
+class Server {
+  public:
+    // Borrowed descriptors; negative: not there.
+    struct Controls {
+        int signals = -1;   // a signalfd: SIGUSR1 reports the counters, any other signal ends
+        int commands = -1;  // lines: list, plug N, unplug N, quit; its end is ignored
+        int answers = -1;   // where their answers are written, one line each
+    };
+
+    Server(std::vector<std::unique_ptr<Device>> devices, bool compress, Controls controls);
+
+    // Both serve until told to end; the second one also until its host has gone. False: the host
+    // or its link was at fault. The devices' data is safe on return.
+    bool Run(Listener& listener);
+    bool Run(HostLink link);
+
+    void ReportCounters() const;
+
+  private:
+    bool Loop(Listener* listener);
+    void StartSession(HostLink link);
+    int PollTimeout() const;  // milliseconds
+    void OnSignal();
+    void OnCommands();
+    void OnCommand(const std::string& line);
+    void List() const;
+    void Plug(std::string_view number, bool plugged);
+    void Quit();
+    void Answer(const std::string& line) const;
+
+    std::vector<Port> ports_;
+    const bool compress_;
+    Controls controls_;
+    std::unique_ptr<Session> session_;
+    std::string typed_;  // a command line without its end yet
+    bool quitting_ = false;
+};
+
+}  // namespace remote

@@ -1,0 +1,104 @@
+// One host's connection: the version exchange, the mapping of the plugged devices, and forwards
+// both ways. It reads and writes when its owner's poll loop says so, and never blocks.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "remote/Channel.h"
+#include "remote/Counters.h"
+#include "remote/Device.h"
+#include "remote/FileDescriptor.h"
+
+namespace remote {
+
+// A device with its place at the remote computer.
+struct Port {
+    std::unique_ptr<Device> device;
+    std::uint32_t number;  // from 1
+    bool plugged = true;
+    Counters counters;
+};
+
+// The two ways of a host's stream; a socket serves both and has no `separate_output`. Both must be
+// non-blocking.
+struct HostLink {
+    FileDescriptor input;
+    FileDescriptor separate_output;
+};
+
+class Session {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    // While more bytes than this wait to be sent, nothing is read: a host that does not read its
+    // replies cannot make us hold more than this and what one command can cause.
+    static constexpr std::size_t kMaxPendingOutput = std::size_t{8} << 20;
+
+    // `ports` are borrowed and outlive the session.
+    Session(HostLink link, std::vector<Port>& ports, bool compress);
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    // The descriptors to wait for at this moment; negative: none.
+    int ReadableFd() const;
+    int WritableFd() const;
+    std::optional<Clock::time_point> Deadline() const { return deadline_; }
+
+    void OnReadable();
+    void OnWritable();
+    void OnDeadline();
+
+    bool Over() const { return over_; }
+    bool Failed() const { return failed_; }  // ended by the host's fault or the link's
+
+    // Follow a change of the port's `plugged`.
+    void Map(Port& port);    // does nothing when it is mapped, or before the version exchange
+    void Unmap(Port& port);  // does nothing when it is not mapped
+    bool Mapped(const Port& port) const { return FindMapping(port) != mappings_.end(); }
+
+    // Unmaps everything and is over when the host has taken note, or soon after.
+    void Close();
+
+  private:
+    class Mapping;
+    using Mappings = std::map<std::uint32_t, std::unique_ptr<Mapping>>;
+
+    int OutputFd() const;
+    Mappings::const_iterator FindMapping(const Port& port) const;
+    void Pump();
+    void Handle(ByteView whole);
+    void OnVersion(std::uint32_t version);
+    void OnDeviceEnd(std::uint32_t devid);
+    void OnForward(const Message& message);
+    void Send(Mapping& from, Bytes pdu);
+    void EndClosing();
+    void End(bool failed, const std::string& reason);
+
+    const HostLink link_;
+    std::vector<Port>& ports_;
+    const bool compress_;
+
+    MessageReader reader_;
+    OutputQueue output_;
+    bool version_known_ = false;
+    bool closing_ = false;
+    bool over_ = false;
+    bool failed_ = false;
+    std::optional<Clock::time_point> deadline_;
+
+    // By device id. An id is never used twice in a session: what the host still sends for an
+    // earlier mapping of the same device cannot reach the new one.
+    Mappings mappings_;
+    std::uint32_t next_devid_ = 1;
+    std::set<std::uint32_t> unmapping_;  // we asked for the unmap, the host has yet to confirm
+};
+
+}  // namespace remote
