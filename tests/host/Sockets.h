@@ -2,11 +2,13 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -14,6 +16,8 @@
 #include "host/UniqueFd.h"
 
 namespace host {
+
+constexpr int kSoonMs = 10'000;  // far above what anything in these tests takes
 
 inline int Checked(int result) {
     if (result < 0) throw std::system_error(errno, std::generic_category());
@@ -60,7 +64,11 @@ class Listener {
         return client;
     }
 
-    UniqueFd Accept() const { return UniqueFd(Checked(::accept(socket_.Get(), nullptr, nullptr))); }
+    UniqueFd Accept() const {
+        pollfd pending{socket_.Get(), POLLIN, 0};
+        if (::poll(&pending, 1, kSoonMs) != 1) throw std::runtime_error("nobody connects");
+        return UniqueFd(Checked(::accept(socket_.Get(), nullptr, nullptr)));
+    }
     const std::string& Address() const { return address_; }
 
   private:

@@ -1,4 +1,5 @@
 // Runs the real program with the real module, as a user would.
+#include <fnmatch.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 
@@ -6,7 +7,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <regex>
 
 #include "host/Child.h"
 #include "host/Runtime.h"
@@ -14,8 +14,6 @@
 
 namespace host {
 namespace {
-
-constexpr int kSoonMs = 10'000;  // far above what anything here takes
 
 constexpr unsigned char kVersionRequest[20] = {12, 0, 0, 0, 11, 0, 0, 0, 4, 0,
                                                0,  0, 1, 0, 0,  0, 0, 0, 0, 0};
@@ -186,9 +184,12 @@ TEST(RuntimeTest, ALineCannotForgeAnotherOrReachTheTerminal) {
     runtime.Log(1, "device \x1B[2J\n12:00:00.000 1 forged");
     runtime.Log(4, "not asked for");
     const std::string shown = testing::internal::GetCapturedStderr();
-    const std::regex expected(
-        R"(\d\d:\d\d:\d\d\.\d\d\d 1 device \\x1B\[2J\\x0A12:00:00\.000 1 forged\n)");
-    EXPECT_TRUE(std::regex_match(shown, expected)) << shown;
+    const std::string expected = " 1 device \\x1B[2J\\x0A12:00:00.000 1 forged\n";
+    ASSERT_GT(shown.size(), expected.size());
+    const std::string time = shown.substr(0, shown.size() - expected.size());
+    EXPECT_EQ(time + expected, shown);
+    EXPECT_EQ(0, ::fnmatch("[0-2][0-9]:[0-5][0-9]:[0-6][0-9].[0-9][0-9][0-9]", time.c_str(), 0))
+        << time;
 }
 
 }  // namespace

@@ -16,7 +16,7 @@
 namespace host {
 namespace {
 
-constexpr std::chrono::seconds kSoon{10};  // far above what anything here takes
+constexpr std::chrono::milliseconds kSoon{kSoonMs};
 
 // The stream under test and its peer, over each kind of socket that the program uses.
 class StreamTest : public testing::TestWithParam<bool> {
