@@ -1,17 +1,15 @@
-// Listening sockets and socket pairs for the host's tests. Every failure to make one throws.
+// A listening socket for the host's tests. Every failure throws.
 #pragma once
 
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <stdexcept>
 #include <string>
 #include <system_error>
-#include <utility>
 
 #include "host/UniqueFd.h"
 
@@ -27,40 +25,27 @@ inline int Checked(int result) {
 class Listener {
   public:
     // On a port of 127.0.0.1 that the kernel chooses.
-    static Listener Tcp(int backlog = 4) {
-        Listener listener(AF_INET);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        auto* generic = reinterpret_cast<sockaddr*>(&address);
-        Checked(::bind(listener.socket_.Get(), generic, size));
-        Checked(::listen(listener.socket_.Get(), backlog));
-        Checked(::getsockname(listener.socket_.Get(), generic, &size));
-        listener.address_ = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-        return listener;
+    explicit Listener(int backlog = 4) : socket_(Checked(::socket(AF_INET, SOCK_STREAM, 0))) {
+        in_.sin_family = AF_INET;
+        in_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof in_;
+        Checked(::bind(socket_.Get(), reinterpret_cast<sockaddr*>(&in_), size));
+        Checked(::listen(socket_.Get(), backlog));
+        Checked(::getsockname(socket_.Get(), reinterpret_cast<sockaddr*>(&in_), &size));
     }
-
-    static Listener Unix(const std::string& path) {
-        Listener listener(AF_UNIX);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
+    explicit Listener(const std::string& path)
+        : socket_(Checked(::socket(AF_UNIX, SOCK_STREAM, 0))) {
+        sockaddr_un address{AF_UNIX, {}};
         path.copy(address.sun_path, sizeof address.sun_path - 1);
-        Checked(::bind(listener.socket_.Get(), reinterpret_cast<const sockaddr*>(&address),
-                       sizeof address));
-        Checked(::listen(listener.socket_.Get(), 4));
-        listener.address_ = "unix:" + path;
-        return listener;
+        Checked(::bind(socket_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address));
+        Checked(::listen(socket_.Get(), 4));
     }
 
-    // A connection of our own to it; Tcp only.
+    std::string Port() const { return ':' + std::to_string(ntohs(in_.sin_port)); }
+
     UniqueFd Connect() const {
-        UniqueFd client(Checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)));
-        sockaddr_in address{};
-        socklen_t size = sizeof address;
-        auto* generic = reinterpret_cast<sockaddr*>(&address);
-        Checked(::getsockname(socket_.Get(), generic, &size));
-        Checked(::connect(client.Get(), generic, size));
+        UniqueFd client(Checked(::socket(AF_INET, SOCK_STREAM, 0)));
+        Checked(::connect(client.Get(), reinterpret_cast<const sockaddr*>(&in_), sizeof in_));
         return client;
     }
 
@@ -69,20 +54,10 @@ class Listener {
         if (::poll(&pending, 1, kSoonMs) != 1) throw std::runtime_error("nobody connects");
         return UniqueFd(Checked(::accept(socket_.Get(), nullptr, nullptr)));
     }
-    const std::string& Address() const { return address_; }
 
   private:
-    explicit Listener(int family)
-        : socket_(Checked(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0))) {}
-
     UniqueFd socket_;
-    std::string address_;
+    sockaddr_in in_{};
 };
-
-inline std::pair<UniqueFd, UniqueFd> MakePair() {
-    int pair[2];
-    Checked(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
-    return {UniqueFd(pair[0]), UniqueFd(pair[1])};
-}
 
 }  // namespace host

@@ -68,13 +68,6 @@ TEST_F(DoctorTest, CountsThePortsOfEveryControllerByHub) {
     EXPECT_TRUE(Reports("This machine can attach")) << report_;
 }
 
-TEST_F(DoctorTest, AllPortsInUseMeansNo) {
-    Write("attach", "");
-    Write("status", std::string(kHeader) + "hs  0000 006 003 0011000a 000005 1-1\n");
-    EXPECT_FALSE(IsHealthy());
-    EXPECT_TRUE(Reports("No port is free")) << report_;
-}
-
 TEST_F(DoctorTest, StatusLinesItCannotUnderstandMeanNo) {
     Write("attach", "");
     for (const char* line :
@@ -89,18 +82,17 @@ TEST_F(DoctorTest, StatusLinesItCannotUnderstandMeanNo) {
     }
 }
 
-TEST_F(DoctorTest, AnUnreadableStatusMeansNo) {
+TEST_F(DoctorTest, NoStatusOrNoFreePortMeansNo) {
     Write("attach", "");
     EXPECT_FALSE(IsHealthy());
     EXPECT_TRUE(Reports("status cannot be read")) << report_;
-    Write("status", "");
+    Write("status", std::string(kHeader) + "hs  0000 006 003 0011000a 000005 1-1\n");
     EXPECT_FALSE(IsHealthy());
+    EXPECT_TRUE(Reports("No port is free")) << report_;
 }
 
 TEST_F(DoctorTest, WithoutPermissionNamesTheUserAndTheRemedy) {
     Write("status", std::string(kHeader) + kTwoFree);
-    EXPECT_FALSE(IsHealthy()) << "no attach file at all";
-    EXPECT_TRUE(Reports("may not write")) << report_;
     Write("attach", "");
     ASSERT_EQ(0, ::chmod((root_ / "devices/platform/vhci_hcd.0/attach").c_str(), 0444));
     ASSERT_EQ(0, ::chmod(root_.c_str(), 0755));
@@ -121,9 +113,6 @@ TEST_F(DoctorTest, TheRecordDirectoryIsOnlyANote) {
     std::filesystem::create_directory(root_ / "records");
     EXPECT_TRUE(IsHealthy());
     EXPECT_TRUE(Reports("records is writable")) << report_;
-    std::ostringstream out;
-    EXPECT_TRUE(Doctor(out, root_.string(), "/nonexistent/records")) << out.str();
-    EXPECT_NE(std::string::npos, out.str().find("cannot be created")) << out.str();
 }
 
 }  // namespace

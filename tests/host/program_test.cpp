@@ -1,5 +1,4 @@
 // Runs the real program with the real module, as a user would.
-#include <fnmatch.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 
@@ -45,9 +44,9 @@ class ProgramTest : public testing::Test {
     std::string SocketPath() const { return directory_ / "socket"; }
 
     // Both of its outputs come to us.
-    void Start(const std::string& arguments, const std::string& module = MODULE) {
+    void Start(const std::string& arguments) {
         std::string error;
-        program_ = Child::Start("exec " PROGRAM " --module " + module + ' ' + arguments + " 2>&1",
+        program_ = Child::Start("exec " PROGRAM " --module " MODULE " " + arguments + " 2>&1",
                                 output_, error);
         ASSERT_TRUE(program_) << error;
     }
@@ -93,7 +92,7 @@ class ProgramTest : public testing::Test {
 };
 
 TEST_F(ProgramTest, TheModuleAnswersOverTheStreamAndSigtermEndsItCleanly) {
-    const Listener listener = Listener::Unix(SocketPath());
+    const Listener listener(SocketPath());
     StartConnecting();
     const UniqueFd peer = listener.Accept();
     ExchangeVersions(peer);
@@ -104,22 +103,13 @@ TEST_F(ProgramTest, TheModuleAnswersOverTheStreamAndSigtermEndsItCleanly) {
     EXPECT_TRUE(Shows("stopped, all devices detached")) << seen_;
 }
 
-TEST_F(ProgramTest, ALostStreamIsAFailureThatIsExplained) {
-    const Listener listener = Listener::Unix(SocketPath());
+TEST_F(ProgramTest, ALostStreamIsAFailureAndTheReaderOfTheLogMayBeGoneByThen) {
+    const Listener listener(SocketPath());
     StartConnecting();
-    ExchangeVersions(listener.Accept());
-    EXPECT_EQ("1", Exit());
-    EXPECT_TRUE(Shows("lost the stream to unix:" + SocketPath() + ": the remote side ended it"))
-        << seen_;
-}
-
-TEST_F(ProgramTest, SurvivesTheReaderOfItsLog) {
-    const Listener listener = Listener::Unix(SocketPath());
-    StartConnecting();
-    UniqueFd peer = listener.Accept();
+    const UniqueFd peer = listener.Accept();
     output_ = {};
-    peer = {};
-    EXPECT_EQ("1", Exit()) << "not ended by SIGPIPE";
+    ::shutdown(peer.Get(), SHUT_RDWR);
+    EXPECT_EQ("1", Exit()) << "not a signal";
 }
 
 TEST_F(ProgramTest, ReconnectsAfterARefusedAndAfterALostStream) {
@@ -127,22 +117,22 @@ TEST_F(ProgramTest, ReconnectsAfterARefusedAndAfterALostStream) {
     ASSERT_TRUE(Shows("cannot open unix:" + SocketPath() + ": No such file")) << seen_;
     ASSERT_TRUE(Shows("trying again in 1 s")) << seen_;
     {
-        const Listener listener = Listener::Unix(SocketPath());
+        const Listener listener(SocketPath());
         ExchangeVersions(listener.Accept());
         ASSERT_TRUE(Shows("lost the stream")) << seen_;
         ExchangeVersions(listener.Accept());
     }
-    ASSERT_TRUE(Shows("lost the stream")) << seen_;
-    ASSERT_TRUE(Shows("trying again in ")) << seen_;
+    ASSERT_TRUE(Shows(": the remote side ended it")) << seen_;
     EXPECT_EQ("0", ExitOn(SIGINT)) << "in the middle of a pause";
 }
 
 TEST_F(ProgramTest, SigintEndsAConnectThatNobodyAnswers) {
-    const Listener listener = Listener::Tcp(0);  // a backlog of one, which we fill
+    const Listener listener(0);  // a backlog of one, which we fill
     const UniqueFd queued = listener.Connect();
-    Start("--connect " + listener.Address());
+    Start("--connect 127.0.0.1" + listener.Port());
     ASSERT_TRUE(Shows("loaded xj-client-usbip")) << seen_;
     EXPECT_EQ("0", ExitOn(SIGINT));
+    EXPECT_FALSE(Shows("connected")) << "it was to wait for the connection";
 }
 
 TEST_F(ProgramTest, ACommandCanBeTheStream) {
@@ -152,20 +142,6 @@ TEST_F(ProgramTest, ACommandCanBeTheStream) {
     EXPECT_TRUE(Shows(" 0c 00 00 00 0b 00 00 00 04 00 00 00 02 00 00 00 03 00 00 00\n")) << seen_;
     EXPECT_EQ("1", Exit());
     EXPECT_TRUE(Shows("the command ended with status 7")) << seen_;
-}
-
-TEST_F(ProgramTest, ShowsTheLevelsAskedFor) {
-    Start("--exec true --log-level 8");
-    EXPECT_EQ("1", Exit());
-    EXPECT_TRUE(Shows(" 8 usbip_client_init")) << seen_;
-    EXPECT_FALSE(Shows(" 1 ")) << seen_;
-}
-
-TEST_F(ProgramTest, AMissingModuleIsNamed) {
-    Start("--exec true", "missing.so");
-    EXPECT_EQ("1", Exit());
-    EXPECT_TRUE(Shows("./missing.so")) << seen_;
-    EXPECT_TRUE(Shows("--module PATH")) << seen_;
 }
 
 TEST_F(ProgramTest, MistakesOnTheCommandLineAreTold) {
@@ -184,12 +160,8 @@ TEST(RuntimeTest, ALineCannotForgeAnotherOrReachTheTerminal) {
     runtime.Log(1, "device \x1B[2J\n12:00:00.000 1 forged");
     runtime.Log(4, "not asked for");
     const std::string shown = testing::internal::GetCapturedStderr();
-    const std::string expected = " 1 device \\x1B[2J\\x0A12:00:00.000 1 forged\n";
-    ASSERT_GT(shown.size(), expected.size());
-    const std::string time = shown.substr(0, shown.size() - expected.size());
-    EXPECT_EQ(time + expected, shown);
-    EXPECT_EQ(0, ::fnmatch("[0-2][0-9]:[0-5][0-9]:[0-6][0-9].[0-9][0-9][0-9]", time.c_str(), 0))
-        << time;
+    EXPECT_EQ(" 1 device \\x1B[2J\\x0A12:00:00.000 1 forged\n",
+              shown.substr(std::string("HH:MM:SS.mmm").size()));
 }
 
 }  // namespace
