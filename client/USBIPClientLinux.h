@@ -46,6 +46,8 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
     bool WorkThreadFunction();
     bool WorkThreadLoop();
     bool AttachDevice();
+    enum class AttachResult { kDone, kFailed, kUnsettled };
+    AttachResult TryAttach();
     void ForwardLoop();
     bool CheckDevRead();
     void RecordOutSeq(unsigned int seqnum);

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <new>
 
@@ -15,6 +16,11 @@
 namespace {
 
 constexpr int kPollMs = 500;
+
+// From its address to its sysfs entry a device answers a dozen control requests, across a link that
+// may be slow; the kernel gives each of them five seconds.
+constexpr std::chrono::seconds kSettleTime{5};
+constexpr int kSettlePauseMs = 250;
 
 // The kernel has well below a hundred URBs in flight for one device. More entries mean that
 // replies are missing.
@@ -48,26 +54,43 @@ bool CUsbipClientLinux::WorkThreadLoop() {
     return false;
 }
 
-bool CUsbipClientLinux::AttachDevice() try {
+// A device that is mapped while the kernel enumerates another one finds a port in use without its
+// local device. That passes, so it is given a while.
+bool CUsbipClientLinux::AttachDevice() {
+    const auto give_up = std::chrono::steady_clock::now() + kSettleTime;
+    for (;;) {
+        const AttachResult result = TryAttach();
+        if (result != AttachResult::kUnsettled) return result == AttachResult::kDone;
+        pollfd end{m_sockfd[0], POLLIN, 0};
+        poll(&end, 1, kSettlePauseMs);  // Stop's shutdown ends the pause
+        if (m_bQuit || std::chrono::steady_clock::now() >= give_up) {
+            XJModLog(4, "[CUsbipClientLinux]  vhci open fail");
+            return false;
+        }
+    }
+}
+
+CUsbipClientLinux::AttachResult CUsbipClientLinux::TryAttach() try {
     // Held from reading the port table to the attach request: two clients never choose one port.
     CLockGuard guard(CLinuxVHCI::AttachLock());
     CLinuxVHCI vhci;
     if (!vhci.Open()) {
+        if (vhci.Unsettled()) return AttachResult::kUnsettled;
         XJModLog(4, "[CUsbipClientLinux]  vhci open fail");
-        return false;
+        return AttachResult::kFailed;
     }
     unsigned char port = 0;
     if (!vhci.Attach(m_sockfd[1], static_cast<unsigned short>(m_devInfo.busid),
                      static_cast<unsigned short>(m_devInfo.portid), m_devInfo.speed, &port)) {
         XJModLog(4, "[CUsbipClientLinux]  vhci attach fail");
-        return false;
+        return AttachResult::kFailed;
     }
     m_sockfd[1] = -1;  // Attach has closed it; the kernel holds the socket
     XJModLog(1, "[CUsbipClientLinux] attach vid: %04x, pid: %04x", m_devInfo.vid, m_devInfo.pid);
-    return true;
+    return AttachResult::kDone;
 } catch (const std::bad_alloc&) {
     XJModLog(4, "[CUsbipClientLinux]  vhci attach fail, out of memory");
-    return false;
+    return AttachResult::kFailed;
 }
 
 void CUsbipClientLinux::ForwardLoop() {

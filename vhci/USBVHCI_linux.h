@@ -60,6 +60,9 @@ class CLinuxVHCI {
 
     // Finds the driver and loads the port table. False, with a log line, leaves the object closed.
     bool Open();
+    // After a failed Open: a port in use had no local device, as while the kernel is enumerating
+    // or removing one. Opening again a little later may succeed.
+    bool Unsettled() const { return unsettled_; }
     void Close();
 
     // Plugs the device at the other end of `sockfd` into a free port that suits `speed`. True: the
@@ -84,4 +87,5 @@ class CLinuxVHCI {
     int ncontrollers_ = 0;
     int nports_ = 0;                           // over all controllers
     std::vector<usbip_imported_device> idev_;  // indexed by port number
+    bool unsettled_ = false;
 };
