@@ -21,8 +21,12 @@ act_make_empty_image() { truncate -s "${2}M" "$1"; }
 act_sha256() { sha256sum "$1" | cut -d' ' -f1; }
 
 # act_first_line_at NAME BLOCK: the text in this block of 1 KiB of an image.
-act_first_line_at() { dd if="$1" bs=1k skip="$2" count=1 status=none | head -n1; }
+act_first_line_at() { dd if="$1" bs=1k skip="$2" count=1 status=none | tr -d '\0' | head -n1; }
 
+# act_remote_counter NAME: from the line that the remote side leaves when it ends.
+act_remote_counter() { sed -n "s/.* $1 \([0-9]*\).*/\1/p" remote.log | tail -n1; }
+
+remote_has_started() { remote_is_listening || has_ended "$remote_pid"; }
 remote_is_listening() { grep -q 'listening on' remote.fresh.log; }
 
 # within SECONDS COMMAND...: COMMAND succeeds before that much time is over.
@@ -41,9 +45,10 @@ act_start_remote() {
     exec {remote_commands}<>remote.commands
     : >remote.fresh.log
     "$remote_program" --listen "127.0.0.1:$remote_port" "$@" \
-        <remote.commands > >(tee -a remote.log remote.fresh.log) 2>&1 &
+        <remote.commands > >(exec tee -a remote.log >remote.fresh.log) 2>&1 &
     remote_pid=$!
-    within 10 remote_is_listening || { echo "the remote side does not listen; see remote.log"; return 1; }
+    within 10 remote_has_started
+    remote_is_listening || { echo "the remote side does not listen; see remote.log"; return 1; }
     remote_port=$(sed -n 's/.*listening on .*:\([0-9]*\).*/\1/p' remote.fresh.log | head -n1)
 }
 

@@ -8,17 +8,17 @@ disk_story() {
     local kind speed disk
     kind=$1 speed=$2
     shift 2
-    outside "make_${kind}_image" disk.img 32
+    outside "make_${kind}_image" disk.img 16
     outside start_remote --disk "disk.img,speed=$speed" "$@"
     start_host
-    disk=$(wait_for_disk 32)
+    disk=$(wait_for_disk 16)
     expect_same "speed in Mbit/s" "$([ "$speed" = super ] && echo 5000 || echo 480)" \
         "$(cat "$(usb_of_disk "$disk")/speed")"
     expect_same "whole disk" "$(outside sha256 disk.img)" "$(sha256 "/dev/$disk")"
 
     mkfs.ext4 -q "/dev/$disk"
-    mount "/dev/$disk" /mnt
-    head -c 4M /dev/urandom >/mnt/random
+    mount -t ext4 "/dev/$disk" /mnt
+    head -c 2097152 /dev/urandom >/mnt/random
     seq 20000 >/mnt/numbers
     random=$(sha256 /mnt/random)
     numbers=$(sha256 /mnt/numbers)
@@ -26,12 +26,12 @@ disk_story() {
     expect_same "whole disk after writing" "$(sha256 "/dev/$disk")" "$(outside sha256 disk.img)"
 
     stop_host
-    wait_disk_gone 32
+    wait_disk_gone 16
     wait_all_ports_free
     start_host
-    disk=$(wait_for_disk 32)
+    disk=$(wait_for_disk 16)
     e2fsck -fn "/dev/$disk"
-    mount -o ro "/dev/$disk" /mnt
+    mount -t ext4 -o ro "/dev/$disk" /mnt
     expect_same "file of random bytes" "$random" "$(sha256 /mnt/random)"
     expect_same "file of numbers" "$numbers" "$(sha256 /mnt/numbers)"
     umount /mnt

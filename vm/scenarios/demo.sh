@@ -1,5 +1,5 @@
 # about: what ./demo.sh shows: a remote disk arrives, is read, is written, and leaves again
-size=32
+size=16
 mark="the demo begins, $$ at $(now)"
 echo "$mark" >/dev/kmsg
 
