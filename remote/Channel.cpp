@@ -11,9 +11,6 @@
 namespace remote {
 namespace {
 
-// Large enough that a 120 KiB request of the kernel arrives in one or two reads.
-constexpr std::size_t kReadChunk = std::size_t{256} << 10;
-
 constexpr std::size_t kHead = sizeof(usbip_message_head);
 constexpr std::size_t kForwardFields = sizeof(usbip_forward) - kHead;
 
@@ -80,22 +77,8 @@ std::string decode_forward(ByteView payload, Message& message) {
 
 }  // namespace
 
-ByteSpan MessageReader::Space() {
-    if (begin_ != 0) {
-        std::copy(buffer_.begin() + static_cast<std::ptrdiff_t>(begin_),
-                  buffer_.begin() + static_cast<std::ptrdiff_t>(end_), buffer_.begin());
-        end_ -= std::exchange(begin_, 0);
-    }
-    if (buffer_.size() - end_ < kReadChunk) buffer_.resize(end_ + kReadChunk);
-    return ByteSpan(buffer_).subspan(end_);
-}
-
-void MessageReader::Advance(std::size_t count) {
-    end_ += count;
-}
-
 ByteView MessageReader::Next() {
-    const ByteView unread = ByteView(buffer_).subspan(begin_, end_ - begin_);
+    const ByteView unread = input_.Unread();
     if (!error_.empty() || unread.size() < sizeof(_MESSAGE_HEADER)) return {};
     const std::size_t length = LoadLe32(unread.data());
     if (length > kMaxMessage - sizeof(_MESSAGE_HEADER)) {
@@ -103,9 +86,7 @@ ByteView MessageReader::Next() {
         return {};
     }
     if (length > unread.size() - sizeof(_MESSAGE_HEADER)) return {};
-    const ByteView message = unread.first(sizeof(_MESSAGE_HEADER) + length);
-    begin_ += message.size();
-    return message;
+    return input_.Take(sizeof(_MESSAGE_HEADER) + length);
 }
 
 std::string DecodeMessage(ByteView whole, Message& message) {

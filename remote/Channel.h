@@ -13,6 +13,7 @@
 
 #include "remote/Bytes.h"
 #include "remote/Device.h"
+#include "remote/InputBuffer.h"
 #include "wire/ChannelMessages.h"
 
 namespace remote {
@@ -21,24 +22,21 @@ namespace remote {
 // does not compress (less than 1/2048).
 inline constexpr std::size_t kMaxMessage = kForwardOverhead + kMaxRawSize + (kMaxRawSize >> 11);
 
-// Cuts the byte stream into messages. The buffer grows with the bytes that have come, not with the
-// length that was announced.
+// Cuts the byte stream into messages.
 class MessageReader {
   public:
     // Where the next bytes of the stream go; never empty. Ends the life of the last message.
-    ByteSpan Space();
-    void Advance(std::size_t count);  // `count` bytes have been placed in Space
+    ByteSpan Space() { return input_.Space(); }
+    void Advance(std::size_t count) { input_.Advance(count); }  // so many were placed in Space
 
     // The next whole message, from its outer header. Empty: more bytes are needed, or Error says
     // why there will be none.
     ByteView Next();
     const std::string& Error() const { return error_; }
-    bool Empty() const { return begin_ == end_; }  // at a message boundary
+    bool Empty() const { return input_.Unread().empty(); }  // at a message boundary
 
   private:
-    Bytes buffer_;
-    std::size_t begin_ = 0;  // bytes before were given out as messages
-    std::size_t end_ = 0;    // bytes before were received
+    InputBuffer input_;
     std::string error_;
 };
 

@@ -74,7 +74,7 @@ void UsbDisk::Detach() {
     out_waiting_.clear();
     in_waiting_.clear();
     waiting_bytes_ = 0;
-    seen_.reset();
+    submitted_ = {};
     bulk_.Sync();
 }
 
@@ -84,8 +84,7 @@ void UsbDisk::Command(ByteView pdu) {
     if (be32toh(header.command) == USBIP_CMD_UNLINK) {
         Unlink(seqnum, be32toh(header.u.cmd_unlink.seqnum));
     } else {
-        if (!seen_) seen_ = SeenRange{seqnum, seqnum};
-        seen_->last = seqnum;
+        submitted_.Add(seqnum);
         Submit(pdu);
     }
     ServeWaiting();
@@ -257,20 +256,7 @@ void UsbDisk::Unlink(std::uint32_t seqnum, std::uint32_t target) {
         return true;
     };
     const bool removed = remove(out_waiting_) || remove(in_waiting_);
-    usbip_header reply{};
-    reply.command = htobe32(USBIP_RET_UNLINK);
-    reply.seqnum = htobe32(seqnum);
-    const int status = removed || !WasSubmitted(target) ? -ECONNRESET : 0;
-    reply.u.ret_unlink.status = htobe32(static_cast<std::uint32_t>(status));
-    Bytes pdu = empty_reply();
-    StoreRaw(pdu.data(), reply);
-    sink_->Reply(std::move(pdu));
-}
-
-// The kernel numbers commands upwards (modulo 2^32), so the range of numbers seen is memory enough
-// for what does not wait any more. A number of an earlier connection lies before it.
-bool UsbDisk::WasSubmitted(std::uint32_t seqnum) const {
-    return seen_ && seqnum - seen_->first <= seen_->last - seen_->first;
+    sink_->Reply(RetUnlinkPdu(seqnum, removed || !submitted_.Contains(target) ? -ECONNRESET : 0));
 }
 
 // `pdu` has room for the header, and the data of an IN transfer behind it.

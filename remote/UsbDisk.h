@@ -12,6 +12,7 @@
 #include "remote/Bytes.h"
 #include "remote/Device.h"
 #include "remote/DiskImage.h"
+#include "remote/Unlink.h"
 
 namespace remote {
 
@@ -55,7 +56,6 @@ class UsbDisk final : public Device {
     void ServeWaiting();
 
     void Reply(std::uint32_t seqnum, int status, std::size_t actual, Bytes pdu);
-    bool WasSubmitted(std::uint32_t seqnum) const;
 
     const DeviceInfo info_;
     const std::string serial_;
@@ -67,11 +67,7 @@ class UsbDisk final : public Device {
     std::deque<Urb> out_waiting_;
     std::deque<Urb> in_waiting_;
     std::size_t waiting_bytes_ = 0;
-    struct SeenRange {
-        std::uint32_t first;
-        std::uint32_t last;
-    };
-    std::optional<SeenRange> seen_;  // sequence numbers of the commands submitted so far
+    SubmittedNumbers submitted_;
 };
 
 }  // namespace remote
