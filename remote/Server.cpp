@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdio>
 #include <utility>
+#include <vector>
 
 #include "remote/Log.h"
 
@@ -46,21 +47,26 @@ bool Server::Loop(Listener* listener) {
             if (listener == nullptr) return !failed;
         }
         if (quitting_ && !session_) return true;
+        if (session_) session_->FollowDevices();
 
         // A host that comes while another one is served waits in the backlog.
         const bool accepting = listener != nullptr && !session_;
-        std::array<pollfd, 5> fds{{
+        std::vector<pollfd> fds{
             {controls_.signals, POLLIN, 0},
             {controls_.commands, POLLIN, 0},
             {accepting ? listener->Fd() : -1, POLLIN, 0},
             {session_ ? session_->ReadableFd() : -1, POLLIN, 0},
             {session_ ? session_->WritableFd() : -1, POLLOUT, 0},
-        }};
+        };
+        const std::size_t first_device = fds.size();
+        for (const Port& port : ports_)
+            fds.push_back(DevicePoll(*port.device));
         if (poll(fds.data(), fds.size(), PollTimeout()) < 0) {
             if (errno == EINTR) continue;
             Log("cannot wait for events: %s", ErrorText(errno).c_str());
             return false;
         }
+        OnDevices(std::span(fds).subspan(first_device));
         if (fds[0].revents != 0) OnSignal();
         if (fds[1].revents != 0) OnCommands();
         if (accepting && fds[2].revents != 0 && !quitting_) {
@@ -81,8 +87,38 @@ void Server::StartSession(HostLink link) {
     session_ = std::make_unique<Session>(std::move(link), ports_, compress_);
 }
 
+bool Server::Congested() const {
+    return session_ && session_->Congested();
+}
+
+// Nothing is read from a device whose replies have no room: its own connection holds it back.
+pollfd Server::DevicePoll(const Device& device) const {
+    const int wanted = device.Events() & (Congested() ? POLLOUT : ~0);
+    return {wanted != 0 ? device.Fd() : -1, static_cast<short>(wanted), 0};
+}
+
+// A device is not late while there is something to be read from it.
+void Server::OnDevices(std::span<const pollfd> fds) {
+    const bool read = !Congested();
+    for (std::size_t i = 0; i < ports_.size(); ++i) {
+        Device& device = *ports_[i].device;
+        const auto deadline = device.Deadline();
+        if (fds[i].revents != 0) {
+            device.OnEvents(fds[i].revents);
+        } else if (read && deadline && Clock::now() >= *deadline) {
+            device.OnDeadline();
+        }
+    }
+}
+
 int Server::PollTimeout() const {
-    const auto deadline = session_ ? session_->Deadline() : std::nullopt;
+    auto deadline = session_ ? session_->Deadline() : std::nullopt;
+    if (!Congested()) {
+        for (const Port& port : ports_) {
+            const auto other = port.device->Deadline();
+            if (other && (!deadline || *other < *deadline)) deadline = other;
+        }
+    }
     if (!deadline) return -1;
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(*deadline - Session::Clock::now());

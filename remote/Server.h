@@ -2,8 +2,11 @@
 // of the one host that is served at a time.
 #pragma once
 
+#include <poll.h>
+
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -35,7 +38,10 @@ class Server {
   private:
     bool Loop(Listener* listener);
     void StartSession(HostLink link);
-    int PollTimeout() const;  // milliseconds
+    bool Congested() const;
+    pollfd DevicePoll(const Device& device) const;
+    void OnDevices(std::span<const pollfd> fds);  // one for each port
+    int PollTimeout() const;                      // milliseconds
     void OnSignal();
     void OnCommands();
     void OnCommand(const std::string& line);

@@ -16,7 +16,7 @@ namespace {
 constexpr std::chrono::seconds kVersionTimeout{30};  // an emulated machine may be slow to start
 constexpr std::chrono::seconds kCloseTimeout{2};     // a device whose attach failed never confirms
 constexpr std::size_t kVectors = 32;                 // pieces of one write
-constexpr std::uint32_t kBusNumber = 1;              // of all our devices
+constexpr std::uint32_t kBusNumber = 1;              // of devices that do not care
 
 bool retry(ssize_t result) {
     return result < 0 && (errno == EAGAIN || errno == EINTR);
@@ -52,14 +52,16 @@ Session::Session(HostLink link, std::vector<Port>& ports, bool compress)
     output_.Push(EncodeVersionReq(compress));
 }
 
-Session::~Session() = default;
+Session::~Session() {
+    ReleaseAll();
+}
 
 int Session::OutputFd() const {
     return link_.separate_output ? link_.separate_output.Get() : link_.input.Get();
 }
 
 int Session::ReadableFd() const {
-    return output_.Pending() <= kMaxPendingOutput ? link_.input.Get() : -1;
+    return Congested() ? -1 : link_.input.Get();
 }
 
 int Session::WritableFd() const {
@@ -96,7 +98,7 @@ void Session::OnDeadline() {
 
 // Handles what has been received, as far as the output has room.
 void Session::Pump() {
-    while (!over_ && output_.Pending() <= kMaxPendingOutput) {
+    while (!over_ && !Congested()) {
         const ByteView whole = reader_.Next();
         if (!reader_.Error().empty()) return End(true, "malformed " + reader_.Error());
         if (whole.empty()) break;
@@ -141,9 +143,11 @@ void Session::OnDeviceEnd(std::uint32_t devid) {
         Log("host reports the end of device id %u, which is not mapped", devid);
         return;
     }
-    Log("device %u has ended at the host", ended->second->port_.number);
+    Port& port = ended->second->port_;
+    Log("device %u has ended at the host", port.number);
     mappings_.erase(ended);
     output_.Push(EncodeDevUnmap(devid));  // until then the host keeps the id
+    Forget(port);
 }
 
 void Session::OnForward(const Message& message) {
@@ -168,21 +172,53 @@ Session::Mappings::const_iterator Session::FindMapping(const Port& port) const {
 }
 
 void Session::Map(Port& port) {
-    if (over_ || closing_ || !version_known_ || Mapped(port)) return;
-    const std::uint32_t devid = next_devid_++;
-    output_.Push(EncodeDevMap(devid, kBusNumber, port.number, port.device->Info()));
-    mappings_.emplace(devid, std::make_unique<Mapping>(*this, port, devid));
-    Log("device %u mapped with id %u: %s", port.number, devid,
-        port.device->Info().instance.c_str());
+    if (over_ || closing_ || !version_known_) return;
+    wanted_.insert(&port);
+    Follow(port);  // also when the device has left this very moment
+    if (!Mapped(port)) port.device->Acquire();
 }
 
 void Session::Unmap(Port& port) {
+    if (Mapped(port)) Withdraw(port);
+    Forget(port);
+}
+
+void Session::FollowDevices() {
+    for (Port* port : wanted_)
+        Follow(*port);
+}
+
+void Session::Follow(Port& port) {
+    const bool mapped = Mapped(port);
+    if (port.device->Present() == mapped) return;
+    mapped ? Withdraw(port) : Announce(port);
+}
+
+void Session::Announce(Port& port) {
+    const DeviceInfo& info = port.device->Info();
+    const std::uint32_t devid = next_devid_++;
+    output_.Push(EncodeDevMap(devid, info.bus != 0 ? info.bus : kBusNumber,
+                              info.bus != 0 ? info.number : port.number, info));
+    mappings_.emplace(devid, std::make_unique<Mapping>(*this, port, devid));
+    Log("device %u mapped with id %u: %s", port.number, devid, info.instance.c_str());
+}
+
+void Session::Withdraw(Port& port) {
     const auto mapping = FindMapping(port);
-    if (mapping == mappings_.end()) return;
     output_.Push(EncodeDevUnmap(mapping->first));
     unmapping_.insert(mapping->first);
     Log("device %u unmapped", port.number);
     mappings_.erase(mapping);
+}
+
+void Session::Forget(Port& port) {
+    if (wanted_.erase(&port) != 0) port.device->Release();
+}
+
+void Session::ReleaseAll() {
+    mappings_.clear();
+    while (!wanted_.empty())
+        Forget(**wanted_.begin());
 }
 
 void Session::Close() {
@@ -205,7 +241,7 @@ void Session::End(bool failed, const std::string& reason) {
     over_ = true;
     failed_ = failed;
     deadline_.reset();
-    mappings_.clear();
+    ReleaseAll();
 }
 
 }  // namespace remote

@@ -35,7 +35,7 @@ struct HostLink {
 
 class Session {
   public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = remote::Clock;
 
     // While more bytes than this wait to be sent, nothing is read: a host that does not read its
     // replies cannot make us hold more than this and what one command can cause.
@@ -59,9 +59,15 @@ class Session {
     bool Over() const { return over_; }
     bool Failed() const { return failed_; }  // ended by the host's fault or the link's
 
+    // While this holds, replies of devices have to wait where they are.
+    bool Congested() const { return output_.Pending() > kMaxPendingOutput; }
+
     // Follow a change of the port's `plugged`.
-    void Map(Port& port);    // does nothing when it is mapped, or before the version exchange
+    void Map(Port& port);  // as soon as the device is present; nothing before the version exchange
     void Unmap(Port& port);  // does nothing when it is not mapped
+
+    // Maps and unmaps the devices that have come or gone by themselves.
+    void FollowDevices();
     bool Mapped(const Port& port) const { return FindMapping(port) != mappings_.end(); }
 
     // Unmaps everything and is over when the host has taken note, or soon after.
@@ -78,6 +84,11 @@ class Session {
     void OnVersion(std::uint32_t version);
     void OnDeviceEnd(std::uint32_t devid);
     void OnForward(const Message& message);
+    void Follow(Port& port);
+    void Announce(Port& port);
+    void Withdraw(Port& port);
+    void Forget(Port& port);
+    void ReleaseAll();
     void Send(Mapping& from, Bytes pdu);
     void EndClosing();
     void End(bool failed, const std::string& reason);
@@ -97,6 +108,7 @@ class Session {
     // By device id. An id is never used twice in a session: what the host still sends for an
     // earlier mapping of the same device cannot reach the new one.
     Mappings mappings_;
+    std::set<Port*> wanted_;  // the host is to have these when they are present
     std::uint32_t next_devid_ = 1;
     std::set<std::uint32_t> unmapping_;  // we asked for the unmap, the host has yet to confirm
 };

@@ -4,6 +4,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -23,6 +24,8 @@
 #include "remote/Options.h"
 #include "remote/Server.h"
 #include "remote/UsbDisk.h"
+#include "remote/UsbipDevice.h"
+#include "remote/UsbipServer.h"
 
 namespace remote {
 namespace {
@@ -65,6 +68,41 @@ std::unique_ptr<Device> make_disk(const DiskOption& option, std::size_t number) 
                                      serial_of(option.path));
 }
 
+// Null when there is no such device to be had now and nobody wants to wait for it; logged.
+std::unique_ptr<Device> make_import(const UsbipOption& option, bool wait) {
+    std::string error;
+    std::optional<UsbipServer> server = UsbipServer::Resolve(option.server, error);
+    if (server && !wait) {
+        const auto devices = server->List(error);
+        const bool there = devices && std::any_of(devices->begin(), devices->end(),
+                                                  [&option](const ServedDevice& device) {
+                                                      return device.busid == option.busid;
+                                                  });
+        if (devices && !there) {
+            error = option.server + " does not offer device " + option.busid +
+                    " (not shared, or in use)";
+        }
+        if (!there) server.reset();
+    }
+    if (!server) {
+        Log("%s", error.c_str());
+        return nullptr;
+    }
+    return std::make_unique<UsbipDevice>(std::move(*server), option.busid, wait);
+}
+
+int list(const std::string& name) {
+    std::string error;
+    const std::optional<UsbipServer> server = UsbipServer::Resolve(name, error);
+    const auto devices = server ? server->List(error) : std::nullopt;
+    if (!devices) {
+        Log("cannot list the devices of %s", error.c_str());
+        return EXIT_FAILURE;
+    }
+    std::fputs(DeviceTable(*devices).c_str(), stdout);
+    return EXIT_SUCCESS;
+}
+
 // Makes a descriptor non-blocking for as long as this lives: others may share it with us.
 class NonBlocking {
   public:
@@ -95,7 +133,7 @@ bool serve_listener(Server& server, const std::string& address) {
     }
     if (!listener->Private()) {
         Log("WARNING: %s can be reached from other machines, and the channel has no "
-            "authentication: whoever connects can read and write the disks",
+            "authentication: whoever connects can use the devices",
             listener->Name().c_str());
     }
     std::printf("listening on %s\n", listener->Name().c_str());
@@ -104,12 +142,21 @@ bool serve_listener(Server& server, const std::string& address) {
 }
 
 int run(const Options& options) {
+    if (!options.list.empty()) return list(options.list);
     const FileDescriptor signals = take_signals();
     std::vector<std::unique_ptr<Device>> devices;
     for (const DiskOption& option : options.disks) {
         auto disk = make_disk(option, devices.size() + 1);
         if (!disk) return EXIT_FAILURE;
         devices.push_back(std::move(disk));
+    }
+    for (const UsbipOption& option : options.imports) {
+        auto device = make_import(option, options.wait);
+        if (device) devices.push_back(std::move(device));
+    }
+    if (devices.empty()) {
+        Log("there is no device to offer");
+        return EXIT_FAILURE;
     }
     const bool stdio = options.listen.empty();
     const int commands = stdio ? -1 : STDIN_FILENO;
