@@ -12,7 +12,7 @@ build() { # PRESET TARGET...
     shift
     echo "Building for $preset: $* ..."
     cmake --preset "$preset" >/dev/null
-    cmake --build --preset "$preset" --target "$@" -- --quiet
+    cmake --build --preset "$preset" --target "$@" -- --quiet | sed '/^ninja: no work to do/d'
 }
 
 case ${1-} in

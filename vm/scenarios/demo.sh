@@ -3,11 +3,10 @@ size=16
 mark="the demo begins, $$ at $(now)"
 echo "$mark" >/dev/kmsg
 
-# What the kernel has said about USB and disks since it was told the mark, or since the last call.
+# The telling ones of the kernel's lines since it was told the mark.
+telling='new .*-speed USB|New USB device found|Product:|Manufacturer:|Mass Storage device|Direct-Access|logical blocks|Attached SCSI|USB disconnect'
 kernel_says() {
-    dmesg | sed "1,/$mark/d" | grep -E 'usb |usb-storage|scsi|sd ' | while read -r line; do
-        say "    $line"
-    done
+    dmesg | sed "1,/$mark/d" | grep -E "$telling" | while read -r line; do say "    $line"; done
     mark="$mark."
     echo "$mark" >/dev/kmsg
 }
