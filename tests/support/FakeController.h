@@ -1,0 +1,102 @@
+// The kernel's vhci_hcd, as far as the module can see it.
+//
+// A stand-in for libudev over a temporary directory and an interposed `write` make the test
+// executable believe that the driver is loaded: what is written to the fake's attach file takes a
+// port and hands the kernel's end of the socket to the test. Works for modules that the executable
+// loads, too, since its symbols come first. The record directory /var/run/vhci_hcd is redirected
+// into the temporary directory; without a controller nothing is found and nothing is touched.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <filesystem>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+class FakeController;
+
+// The kernel's end of one attached device. Closing it (or destroying it) frees the port.
+// Used by one thread; must not outlive its controller.
+class KernelEnd {
+  public:
+    KernelEnd(FakeController& controller, unsigned port, int socket, std::string request);
+    ~KernelEnd() { Close(); }
+    KernelEnd(const KernelEnd&) = delete;
+    KernelEnd& operator=(const KernelEnd&) = delete;
+
+    void Close();
+    bool Send(std::string_view bytes);  // false when the client's end is gone
+    std::string Receive(
+        std::size_t size);         // exactly `size` bytes; fewer at the end or out of patience
+    bool WaitForEnd();             // reads until the client's end is closed
+    bool WaitForUnread(int size);  // until so many bytes wait to be read
+    void StopReading();            // later writes of the client fail
+
+    const unsigned port;
+    const std::string request;  // what was written to the attach file
+
+  private:
+    FakeController& controller_;
+    int socket_;
+};
+
+// One at a time. All operations may be called from any thread.
+class FakeController {
+  public:
+    // Of each controller, half of the ports are high-speed and half super-speed.
+    explicit FakeController(int controllers = 1, int ports_each = 16);
+    ~FakeController();
+    FakeController(const FakeController&) = delete;
+    FakeController& operator=(const FakeController&) = delete;
+
+    std::unique_ptr<KernelEnd> WaitForAttach();  // in the order of the attaches; null: none came
+    void RefuseAttaches(int error) { refusal_ = error; }
+    std::vector<std::string> Requests() const;  // every attach request so far, refused ones too
+
+    void Occupy(unsigned port, int state, std::string local_busid);
+    void Free(unsigned port);
+    std::vector<int> States() const;
+
+    // Attributes of "vhci_hcd.0" or of a local USB device, in place of the generated ones.
+    void SetAttribute(const std::string& device, const std::string& name, std::string text);
+    void RemoveAttribute(const std::string& device, const std::string& name);
+    void RemoveDevice(const std::string& device);
+    void AddUsbDevice(const std::string& busid, std::map<std::string, std::string> attributes);
+
+    static int LiveUdevObjects();  // contexts and devices not yet given back
+
+    const std::filesystem::path root;              // holds platform/ and usb/
+    const std::filesystem::path record_directory;  // where /var/run/vhci_hcd leads
+
+    // For the stand-ins; see FakeController.cpp.
+    static FakeController* Current();
+    std::optional<std::filesystem::path> FindDevice(const std::string& subsystem,
+                                                    const std::string& name) const;
+    std::optional<std::string> Attribute(const std::string& device, const std::string& name) const;
+    bool IsAttachFile(int fd) const;
+    int Attach(std::string_view request);  // 0 or an error number
+
+  private:
+    struct Port {
+        int state = 4;
+        std::string local_busid = "0-0";
+    };
+    static bool super_speed(unsigned port, int ports_each);
+    std::string status_text(int controller) const;
+
+    const int ports_each_;
+    mutable std::mutex mutex_;  // guards everything below
+    std::condition_variable attached_;
+    int refusal_ = 0;
+    std::vector<Port> ports_;
+    std::vector<std::string> requests_;
+    std::list<std::unique_ptr<KernelEnd>> attaches_;  // not yet taken by the test
+    // By device and attribute name; no text: the attribute is missing.
+    std::map<std::string, std::map<std::string, std::optional<std::string>>> attributes_;
+};

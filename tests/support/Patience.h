@@ -1,0 +1,54 @@
+// How long tests wait, and what they measure about their own process.
+#pragma once
+
+#include <sys/resource.h>
+
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <iterator>
+
+// The bound of every wait for something that has to happen. Only a failing test ever waits so
+// long, so it is sized for the slowest setting: emulated, sanitized, on a busy machine.
+inline constexpr std::chrono::seconds kPatience{20};
+
+// Looks again and again until `condition` holds; false when patience has run out.
+template <typename Condition>
+bool Eventually(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        const timespec pause{0, 1'000'000};
+        nanosleep(&pause, nullptr);
+    }
+    return true;
+}
+
+class Stopwatch {
+  public:
+    long Milliseconds() const {
+        const auto elapsed = std::chrono::steady_clock::now() - start_;
+        return std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count();
+    }
+
+  private:
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+// Of CLOCK_THREAD_CPUTIME_ID (the calling thread) or CLOCK_PROCESS_CPUTIME_ID.
+inline long CpuMilliseconds(clockid_t clock) {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return now.tv_sec * 1000 + now.tv_nsec / 1'000'000;
+}
+
+inline long PeakResidentKilobytes() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
+
+inline long OpenDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                         std::filesystem::directory_iterator());
+}
