@@ -9,6 +9,7 @@
 
 #include "base/Lock.h"
 #include "base/MemAlloctor.h"
+#include "support/Patience.h"
 
 namespace {
 
@@ -117,9 +118,7 @@ TEST_F(BufferTest, ReallocKeepsBytesAndSize) {
 
 // Sizes are read at run time, so that the compiler does not refuse them itself.
 TEST_F(BufferTest, ImpossibleSizesFailCleanly) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "the sanitizer ends the process for such a size";
-#endif
+    if (kSanitized) GTEST_SKIP() << "the sanitizer ends the process for such a size";
     volatile unsigned long impossible = ~0UL - 100;
     EXPECT_FALSE(allocator_->GetFreeBuffer(impossible));
     const CRefObj<IBuffer> buffer = allocator_->GetFreeBuffer(8);

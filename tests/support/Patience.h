@@ -12,6 +12,13 @@
 // long, so it is sized for the slowest setting: emulated, sanitized, on a busy machine.
 inline constexpr std::chrono::seconds kPatience{20};
 
+// Sanitizers keep books about memory, which costs memory where the program itself uses none.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
 // Looks again and again until `condition` holds; false when patience has run out.
 template <typename Condition>
 bool Eventually(Condition condition) {
