@@ -22,7 +22,7 @@ failed=0
 run_tests() {
     local preset=$1 log
     shift
-    echo "== tests: $preset $*"
+    echo "== test: $preset $*"
     log=$(mktemp)
     ctest --preset "$preset" "$@" 2>&1 | tee "$log" || true
     # "98% tests passed, 2 tests failed out of 120"; without that line nothing ran, which is a failure
