@@ -199,7 +199,7 @@ void FakeController::RemoveDevice(const std::string& device) {
 }
 
 void FakeController::AddUsbDevice(const std::string& busid,
-                                  std::map<std::string, std::string> attributes) {
+                                  const std::map<std::string, std::string>& attributes) {
     fs::create_directories(root / "usb" / busid);
     for (auto& [name, text] : attributes)
         SetAttribute(busid, name, text);

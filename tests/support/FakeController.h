@@ -67,7 +67,8 @@ class FakeController {
     void SetAttribute(const std::string& device, const std::string& name, std::string text);
     void RemoveAttribute(const std::string& device, const std::string& name);
     void RemoveDevice(const std::string& device);
-    void AddUsbDevice(const std::string& busid, std::map<std::string, std::string> attributes);
+    void AddUsbDevice(const std::string& busid,
+                      const std::map<std::string, std::string>& attributes);
 
     static int LiveUdevObjects();  // contexts and devices not yet given back
 
