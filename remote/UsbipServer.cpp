@@ -47,7 +47,7 @@ bool wait_for(int fd, short events, Clock::time_point deadline) {
 
 // Reads the list from a new connection. Returns why it cannot, or nothing.
 std::string read_list(int fd, Clock::time_point deadline, ListReader& reader) {
-    const std::string too_late = "the server does not answer";
+    std::string too_late = "the server does not answer";
     if (!wait_for(fd, POLLOUT, deadline)) return too_late;
     if (const int error = ConnectError(fd)) return ErrorText(error);
     const Bytes request = EncodeListRequest();  // small enough for the empty socket to take it
