@@ -76,7 +76,7 @@ TEST_F(ForwardTest, AnUnlinkBecomesThese80Bytes) {
 }
 
 TEST_F(ForwardTest, CompressesAboveTheThresholdWhenAllowed) {
-    for (const std::size_t size : {48 + 1, 4096, 4097, 200'000}) {
+    for (const std::size_t size : {49UL, 4096UL, 4097UL, 200'000UL}) {
         AllowCompression(false);
         std::string message = Sent(size);
         EXPECT_TRUE(message == ForwardMessage(7, pdu)) << size << " bytes, not allowed";

@@ -106,7 +106,7 @@ TEST(StreamLoop, ReadsExactlyWhatIsMissing) {
 TEST(StreamLoop, AnyBlockSizeYieldsTheSameMessages) {
     const std::string bytes = Message(1, "abc") + Header(0, 0x0C) + Header(0, 0x0B) +
                               Message(2, "dropped") + Message(1, "def") + "surplus";
-    for (const unsigned long block : {1, 2, 3, 7, 8, 9, 1000}) {
+    for (const unsigned long block : {1UL, 2UL, 3UL, 7UL, 8UL, 9UL, 1000UL}) {
         // The surplus is no message of its own: it only starts a header that never comes.
         const Loop loop(bytes, block);
         EXPECT_EQ(loop.target.dispatched, (Strings{"0:abc", "1:", "0:def"})) << block;
