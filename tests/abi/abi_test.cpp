@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <iterator>
 #include <regex>
 #include <string>
 #include <utility>
@@ -138,7 +139,7 @@ struct Stream : Object {
         : Object(table, "stream"),
           table{At(5, &Stream::Read), At(6, &Stream::Write)},
           counting(kCounting, "stream's counting interface") {
-        table.before[std::size(table.before) + kCountingAt] =
+        std::end(table.before)[kCountingAt] =
             reinterpret_cast<std::intptr_t>(&counting) - reinterpret_cast<std::intptr_t>(this);
     }
     Stream(const Stream&) = delete;
