@@ -73,13 +73,16 @@ TEST_F(VhciTest, ReadsEveryController) {
     vhci_.emplace();
     ASSERT_TRUE(vhci_->Open());
     EXPECT_EQ(port_table(*vhci_).size(), 16U);
-    for (const auto& line :
-         {"[linuxvhci] open start", "[linuxvhci] available port 16", "[linuxvhci] ncontrollers_ 2",
-          "[linuxvhci] RefreshImportedDeviceList controller  0",
-          "[linuxvhci] RefreshImportedDeviceList controller  1",
-          "[linuxvhci] ParseStatus hub ss port 4 status 4 speed 0 devid 0 "
-          "sockfd 0 lbusid 0-0",
-          "[linuxvhci] open success"}) {
+    const char* const lines[] = {
+        "[linuxvhci] open start",
+        "[linuxvhci] available port 16",
+        "[linuxvhci] ncontrollers_ 2",
+        "[linuxvhci] RefreshImportedDeviceList controller  0",
+        "[linuxvhci] RefreshImportedDeviceList controller  1",
+        "[linuxvhci] ParseStatus hub ss port 4 status 4 speed 0 devid 0 sockfd 0 lbusid 0-0",
+        "[linuxvhci] open success",
+    };
+    for (const char* line : lines) {
         EXPECT_EQ(runtime_.Count({8, line}), 1) << line;
     }
     EXPECT_EQ(Record(3).hub, HUB_SPEED_HIGH);
@@ -245,10 +248,12 @@ TEST_F(VhciTest, UnsettledUntilThePortHasItsDevice) {
     EXPECT_FALSE(vhci.Unsettled()) << "trying again cannot help without the driver";
 }
 
-TEST_F(VhciTest, HugePortCountCostsNoMemory) {
-    controller_.SetAttribute("vhci_hcd.0", "nports", "4294967295");
-    vhci_.emplace();
-    EXPECT_FALSE(vhci_->Open());
+TEST_F(VhciTest, ImpossiblePortCountsAreRefused) {
+    for (const char* count : {"-1", "4294967295", "2147483647", "18446744073709551615", "many"}) {
+        controller_.SetAttribute("vhci_hcd.0", "nports", count);
+        vhci_.emplace();
+        EXPECT_FALSE(vhci_->Open()) << count;
+    }
 }
 
 TEST_F(VhciTest, AttachRequestText) {
