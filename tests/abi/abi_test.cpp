@@ -28,17 +28,19 @@ struct Object {
     const void* slots;  // the table's address point, as a compiler would store it
     const char* name;
     long references = 1;
+    std::uintptr_t unexpected = 0;  // what a slot answers that nobody should call
 
     Object(const Table& table, const char* the_name);
 };
 
 template <int number>
 std::uintptr_t unexpected(void* self) {
-    ADD_FAILURE() << static_cast<Object*>(self)->name << ": slot " << number << " was called";
-    return 0;
+    const auto* object = static_cast<Object*>(self);
+    ADD_FAILURE() << object->name << ": slot " << number << " was called";
+    return object->unexpected;
 }
 
-constexpr int kSlots = 11;
+constexpr int kSlots = 16;  // more than any object has: an operation too many is noticed
 
 // In front of a table, in words. The three words below the type information belong to the three
 // operations of the counting interface.
@@ -139,6 +141,7 @@ struct Stream : Object {
         : Object(table, "stream"),
           table{At(5, &Stream::Read), At(6, &Stream::Write)},
           counting(kCounting, "stream's counting interface") {
+        unexpected = 1;  // a failure, or a wrong Read would be tried for ever
         std::end(table.before)[kCountingAt] =
             reinterpret_cast<std::intptr_t>(&counting) - reinterpret_cast<std::intptr_t>(this);
     }
