@@ -13,7 +13,6 @@
 #include <initializer_list>
 #include <iterator>
 #include <string>
-#include <string_view>
 
 #include "remote/Bytes.h"
 #include "wire/UsbipPdu.h"
@@ -70,7 +69,10 @@ struct ReplyFields {
 };
 
 inline ReplyFields ParseReply(ByteView pdu) {
-    EXPECT_GE(pdu.size(), sizeof(usbip_header));
+    if (pdu.size() < sizeof(usbip_header)) {
+        ADD_FAILURE() << "reply of " << pdu.size() << " bytes";
+        return {};
+    }
     const auto header = LoadRaw<usbip_header>(pdu.data());
     EXPECT_TRUE(header.devid == 0 && header.direction == 0 && header.ep == 0);
     EXPECT_EQ(header.u.ret_submit.number_of_packets, 0U);

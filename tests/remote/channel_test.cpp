@@ -4,7 +4,6 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <functional>
 
 #include "Pdus.h"
 
@@ -91,7 +90,8 @@ TEST(Channel, MessagesComeOutWholeInPiecesOfAnySize) {
 TEST(Channel, TruncatedAnywhereNothingComesOut) {
     const Bytes message = Forward(WritePdu(31));
     for (std::size_t size = 1; size < message.size(); ++size) {
-        const Received received = Feed({message.begin(), message.begin() + size}, 16);
+        const Bytes part(message.begin(), message.begin() + static_cast<std::ptrdiff_t>(size));
+        const Received received = Feed(part, 16);
         EXPECT_TRUE(received.pdus.empty() && received.error == "incomplete") << size << " bytes";
     }
 }
