@@ -15,7 +15,8 @@
 namespace remote {
 namespace {
 
-// A server whose machine has vanished is noticed after about 15 s, idle or not.
+// A server whose machine has vanished is noticed after about 15 s, idle or not; so is one that
+// takes nothing of what waits for it.
 constexpr int kIdleSeconds = 5;
 constexpr int kProbeSeconds = 5;
 constexpr int kProbes = 2;

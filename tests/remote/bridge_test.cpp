@@ -1,5 +1,6 @@
 // The bridge as a whole: a server thread of ours between a host at the other end of a socket pair
 // and a USB/IP server on the loopback network, both played by the test.
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -142,6 +143,7 @@ class BridgeTest : public testing::Test {
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
         host_ = Peer(FileDescriptor(ends[0]));
         FileDescriptor ours(ends[1]);
+        fcntl(ours.Get(), F_SETFL, O_NONBLOCK);
         thread_ = std::thread([this, link = std::move(ours)]() mutable {
             server_->Run(HostLink{std::move(link), {}});
         });
