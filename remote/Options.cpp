@@ -44,8 +44,9 @@ program exits with 1. Later, a device that a host cannot get within 10 s, or tha
 leaves, stays away until the next host or "plug". With --wait, missing devices are
 neither left out nor given up: they are tried every 2 s until they appear, and again
 after they have left. Server names are resolved once, at the start.
-A server that stops reading loses the device when 32 MiB wait for it. So does one
-that leaves an unlink unanswered for 10 s.
+A server that stops reading loses the device when 32 MiB wait for it, or after 15 s;
+so does one that leaves an unlink unanswered for 10 s. Names that cannot be resolved
+are left out even with --wait.
 
 The channel itself knows no authentication: whoever can connect can read and write
 the devices. Listen on 127.0.0.1 or a Unix socket and let ssh carry the rest.)";
