@@ -58,18 +58,6 @@ TEST_F(PluginTest, ReleasedUnusedItExitsOnce) {
     EXPECT_EQ(host.runtime.Lines(), kExitLines);
 }
 
-TEST_F(PluginTest, OperationsWithoutEffect) {
-    void* out = this;
-    EXPECT_EQ(host.plugin->GetInterface("IClientUsbipPlugin", &out), 0);
-    EXPECT_EQ(out, this);
-    EXPECT_EQ(host.plugin->GetProperty("xj.module.version"), nullptr);
-    EXPECT_EQ(host.plugin->SetProperty("x", nullptr), 0);
-    EXPECT_EQ(host.plugin->Load(L"x"), 0);
-    EXPECT_EQ(host.plugin->SetPermission("x", 1), 0);
-    EXPECT_EQ(host.plugin->Empty(), 0);
-    EXPECT_FALSE(host.plugin->GetPluginStream());
-}
-
 TEST_F(PluginTest, HoldsOneReferenceOnItsStream) {
     const CRefObj<FakeStream> other(new FakeStream);
     const long before = other->References();
