@@ -62,6 +62,18 @@ act_kill_remote() {
     remote_pid=''
 }
 
+# act_monitor COMMAND ARG...: has QEMU do this, a command of its human monitor.
+act_monitor() {
+    local before
+    before=$(monitor_answers | wc -l)
+    echo "{\"execute\": \"human-monitor-command\", \"arguments\": {\"command-line\": \"$*\"}}" >&"$monitor"
+    within 5 monitor_has_answered "$before" || { echo "no answer"; return 1; }
+    # An answer is empty, OK, or a complaint.
+    monitor_answers | tail -n1 | grep -E '"return": "(OK)?(\\r\\n)?"' >&2 || { monitor_answers | tail -n1; return 1; }
+}
+monitor_answers() { grep -E '^\{"(return|error)"' monitor.out || true; }
+monitor_has_answered() { (($(monitor_answers | wc -l) > $1)); }
+
 has_ended() { ! kill -0 "$1" 2>/dev/null; }
 
 # act_stop_remote: ends it as a person would; it must succeed.

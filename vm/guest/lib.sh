@@ -7,6 +7,7 @@
 
 vhci=/sys/devices/platform/vhci_hcd.0
 host_pid=
+remote=
 disks_before=" $(echo /sys/block/sd*) "  # one line, each between spaces
 
 log() { echo "[$(cut -d' ' -f1 /proc/uptime)] $*" >&2; }
@@ -55,11 +56,11 @@ expect_same() {
 
 # --- the host -------------------------------------------------------------------------------
 
-# start_host ARG...: connects the host to the remote side that runs outside.
+# start_host ARG...: connects the host to the remote side: the one that runs outside, but for
+# scenarios that have set $remote.
 start_host() {
-    local port
-    port=$(outside remote_port)
-    "$HOST_PROGRAM" --module "$MODULE" --connect "$REMOTE_ADDRESS:$port" "$@" \
+    "$HOST_PROGRAM" --module "$MODULE" \
+        --connect "${remote:-$REMOTE_ADDRESS:$(outside remote_port)}" "$@" \
         >>"$LOG_DIR/host.log" 2>&1 </dev/null 8>&- 9<&- &
     host_pid=$!
 }
@@ -86,6 +87,8 @@ stop_host() {
 
 # Lines of the port table that are not free: the kernel gives a free port the state 4.
 ports_in_use() { cat "$vhci"/status* | awk '$3 ~ /^[0-9]+$/ && $3 != 4'; }
+# Their numbers, without the zeros in front, which busybox takes for octal.
+port_numbers_in_use() { ports_in_use | awk '{ sub(/^0*/, "", $2); print $2 == "" ? 0 : $2 }'; }
 count_ports_in_use() { ports_in_use | wc -l; }
 
 ports_used_by_us_are() { [ "$(count_ports_in_use)" -eq $((ports_in_use_before + $1)) ]; }

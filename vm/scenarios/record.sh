@@ -4,7 +4,7 @@ outside start_remote --disk 8.img
 start_host
 wait_for_disk 8
 # Fields of a line of the port table: hub, port, state, speed, device, socket, local bus id.
-port=$(ports_in_use | awk '{ print $2 + 0 }')
+port=$(port_numbers_in_use)
 device=$(ports_in_use | awk '{ print $5 }')
 record=/var/run/vhci_hcd/port$port
 log "$record: $(cat "$record")"

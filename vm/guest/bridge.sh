@@ -1,0 +1,127 @@
+# shellcheck shell=dash
+# Devices that nobody here wrote: QEMU's, on a USB bus of the guest. A USB/IP server in the guest
+# offers them, and they come back as second devices: in "our" way, through a remote side in the
+# guest, the host and the module; or, to compare, in the "kernel" way, with `usbip attach`.
+#
+# A scenario with these words has in its head: # qemu: -device qemu-xhci,id=xhci
+
+remote=127.0.0.1:9000
+remote_pid=
+
+# start_server: the bus's driver, the drivers of the devices that are named, and the server.
+start_server() {
+    modprobe -a xhci-pci usbip-host "$@"
+    usbipd >>"$LOG_DIR/usbipd.log" 2>&1 </dev/null 8>&- 9<&- &
+    usbipd_pid=$!
+    wait_until 10 "the USB/IP server" grep -q "listening on" "$LOG_DIR/usbipd.log"
+}
+
+# busid PORT: of the device in this port of QEMU's controller; nothing without one. The controller
+# has two buses, one of them for super speed, so that this is known when it is there.
+busid() {
+    local device
+    for device in /sys/bus/pci/devices/*/usb*/*-"$1"; do
+        [ ! -e "$device/bConfigurationValue" ] || basename "$device"
+    done
+}
+
+is_there() { [ -n "$(busid "$1")" ]; }
+is_gone() { ! is_there "$1"; }
+
+# plug PORT DEVICE: plugs a device of QEMU's, with QEMU's name and options for it, into this port of
+# the bus and has the server offer it.
+plug() {
+    outside monitor device_add "$2,id=usb$1,bus=xhci.0,port=$1"
+    wait_until 10 "$2 on the bus" is_there "$1"
+    usbip bind -b "$(busid "$1")"
+}
+
+# plug_disk PORT FILE
+plug_disk() {
+    outside monitor drive_add 0 "if=none,id=drive$1,format=raw,file=$2"
+    plug "$1" "usb-storage,drive=drive$1"
+}
+
+# unplug PORT
+unplug() { outside monitor device_del "usb$1"; }
+
+# start_remote_here ARG...: a remote side in the guest.
+start_remote_here() {
+    : >"$LOG_DIR/remote.log"
+    xj-usbip-remote --listen "$remote" "$@" \
+        >>"$LOG_DIR/remote.log" 2>&1 </dev/null 8>&- 9<&- &
+    remote_pid=$!
+    wait_until 10 "the remote side to listen" grep -q 'listening on' "$LOG_DIR/remote.log"
+}
+
+# attach WAY PORT...: the devices in these ports, and starts the clock.
+attach() {
+    local way port arguments
+    way=$1
+    shift
+    arguments=
+    for port; do arguments="$arguments --usbip 127.0.0.1/$(busid "$port")"; done
+    # shellcheck disable=SC2086  # a list
+    [ "$way" = kernel ] || start_remote_here $arguments
+    attached_at=$(hundredths)
+    if [ "$way" = kernel ]; then
+        for port; do usbip attach -r 127.0.0.1 -b "$(busid "$port")"; done
+    else
+        start_host
+    fi
+}
+
+# detach WAY: everything.
+detach() {
+    local port
+    if [ "$1" = kernel ]; then
+        for port in $(port_numbers_in_use); do usbip detach -p "$port"; done
+    else
+        stop_host
+        kill -TERM "$remote_pid"
+        wait_for_end "$remote_pid" 10 "the remote side"
+        expect_same "exit status of the remote side" 0 "$ended_with"
+    fi
+    wait_all_ports_free
+}
+
+# find_input: names the imported keyboard, such as event0.
+find_input() {
+    local event
+    for event in "$vhci"/usb*/*/*/*/input/input*/event*; do
+        [ ! -e "$event" ] || basename "$event"
+    done
+}
+input_is_there() { [ -n "$(find_input)" ]; }
+
+# wait_for_input: waits until its keys can be read and prints its name.
+wait_for_input() {
+    wait_until 10 "the keyboard" input_is_there
+    find_input
+}
+
+# start_typing_log INPUT: collects the input's events.
+start_typing_log() {
+    cat "/dev/input/$1" >/tmp/events 8>&- 9<&- &
+    typing_logger=$!
+}
+
+# typed: the events of keys so far, "CODE 1" for pressed and "CODE 0" for released, as
+# linux/input-event-codes.h has the codes. An event has 24 bytes; its type, 1 for keys, follows 16
+# of time.
+typed() { od -An -t d2 -w24 -v /tmp/events | awk '$9 == 1 { printf "%s%d %d", sep, $10, $11; sep = ", " }'; }
+typed_is() { [ "$(typed)" = "$1" ]; }
+
+hundredths() { cut -d' ' -f1 /proc/uptime | tr -d .; }
+
+# passed SINCE: the time since then, in seconds.
+passed() { awk -v t="$(($(hundredths) - $1))" 'BEGIN { printf "%.2f\n", t / 100 }'; }
+
+# timed WHAT COMMAND...: tells how long it takes.
+timed() {
+    local what started
+    what=$1 started=$(hundredths)
+    shift
+    "$@"
+    say "$what takes $(passed "$started") s"
+}
