@@ -62,6 +62,15 @@ act_kill_remote() {
     remote_pid=''
 }
 
+# The other end of a serial line of QEMU's (a character device `pipe` named line): a file for what
+# comes out, and a pipe, held open since QEMU takes its end for a hang-up.
+act_make_serial_line() {
+    mkfifo line.in
+    : >line.out
+    exec {line_in}<>line.in
+}
+act_send_serial_line() { cat "$1" >&"$line_in"; }
+
 # act_monitor COMMAND ARG...: has QEMU do this, a command of its human monitor.
 act_monitor() {
     local before

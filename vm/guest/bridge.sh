@@ -4,6 +4,7 @@
 # guest, the host and the module; or, to compare, in the "kernel" way, with `usbip attach`.
 #
 # A scenario with these words has in its head: # qemu: -device qemu-xhci,id=xhci
+# Its words for what the devices do are in jobs.sh.
 
 remote=127.0.0.1:9000
 remote_pid=
@@ -85,32 +86,23 @@ detach() {
     wait_all_ports_free
 }
 
-# find_input: names the imported keyboard, such as event0.
-find_input() {
-    local event
-    for event in "$vhci"/usb*/*/*/*/input/input*/event*; do
-        [ ! -e "$event" ] || basename "$event"
+# find_imported CLASS PATTERN: the first device of this class of the kernel's, with such a name,
+# that has come through a port of vhci.
+find_imported() {
+    local device
+    for device in "/sys/class/$1/"$2; do
+        case $(readlink -f "$device") in
+        */vhci_hcd.*) basename "$device"; return ;;
+        esac
     done
 }
-input_is_there() { [ -n "$(find_input)" ]; }
+is_imported() { [ -n "$(find_imported "$@")" ]; }
 
-# wait_for_input: waits until its keys can be read and prints its name.
-wait_for_input() {
-    wait_until 10 "the keyboard" input_is_there
-    find_input
+# wait_for_imported CLASS PATTERN: waits until it is there and prints its name.
+wait_for_imported() {
+    wait_until 15 "an imported $2" is_imported "$@"
+    find_imported "$@"
 }
-
-# start_typing_log INPUT: collects the input's events.
-start_typing_log() {
-    cat "/dev/input/$1" >/tmp/events 8>&- 9<&- &
-    typing_logger=$!
-}
-
-# typed: the events of keys so far, "CODE 1" for pressed and "CODE 0" for released, as
-# linux/input-event-codes.h has the codes. An event has 24 bytes; its type, 1 for keys, follows 16
-# of time.
-typed() { od -An -t d2 -w24 -v /tmp/events | awk '$9 == 1 { printf "%s%d %d", sep, $10, $11; sep = ", " }'; }
-typed_is() { [ "$(typed)" = "$1" ]; }
 
 hundredths() { cut -d' ' -f1 /proc/uptime | tr -d .; }
 
@@ -125,3 +117,9 @@ timed() {
     "$@"
     say "$what takes $(passed "$started") s"
 }
+
+# tell_when_usable WAY
+tell_when_usable() { say "$1 way: usable after $(passed "$attached_at") s"; }
+
+# shellcheck source=guest/jobs.sh
+. "$VM_DIR/guest/jobs.sh"

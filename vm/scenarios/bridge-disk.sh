@@ -9,7 +9,7 @@ plug_disk 1 disk.img
 for way in kernel our; do
     attach $way 1
     disk=$(wait_for_disk 8)
-    say "$way way: usable after $(passed "$attached_at") s"
+    tell_when_usable $way
     expect_same "whole disk" "$(outside sha256 disk.img)" "$(sha256 "/dev/$disk")"
     head -c 4194304 /dev/urandom >/tmp/new
     timed "$way way: reading 8 MiB" dd if="/dev/$disk" of=/dev/null bs=256k iflag=direct

@@ -1,0 +1,69 @@
+# shellcheck shell=dash
+# What devices other than disks do for a living, and how to see that they do it.
+
+# --- a keyboard -------------------------------------------------------------------------------
+
+# start_typing_log INPUT: collects the events of this input, such as event0, until it goes.
+start_typing_log() {
+    cat "/dev/input/$1" >/tmp/events 8>&- 9<&- &
+    typing_logger=$!
+}
+
+# type_and_expect: types on QEMU's keyboard and finds it in the input's events. They have the codes
+# of linux/input-event-codes.h, here x, j, 1 and return, with a 1 for pressed and a 0 for released.
+type_and_expect() {
+    for key in x j 1 ret; do outside monitor sendkey $key; done
+    wait_until 10 "four keys, pressed and released" \
+        typed_is "45 1, 45 0, 36 1, 36 0, 2 1, 2 0, 28 1, 28 0"
+}
+typed_is() { [ "$(typed)" = "$1" ]; }
+
+# An event has 24 bytes; its type, 1 for keys, follows 16 of time.
+typed() { od -An -t d2 -w24 -v /tmp/events | awk '$9 == 1 { printf "%s%d %d", sep, $10, $11; sep = ", " }'; }
+
+# --- a loudspeaker ----------------------------------------------------------------------------
+
+# QEMU writes what the loudspeaker hears to this file, untouched (mixing-engine=off).
+heard=$LOG_DIR/heard.wav
+
+# make_sound: one second of noise, without bytes that silence has.
+make_sound() { tr -d '\000' </dev/urandom | head -c 192000 >/tmp/sound; }
+
+# play PCM: the sound on this device, such as pcmC0D0p, without an underrun.
+play() {
+    local card
+    card=${1#pcmC}
+    aplay -q -D "hw:${card%%D*},0" -t raw -f S16_LE -c 2 -r 48000 /tmp/sound >/tmp/aplay.log 2>&1 ||
+        fail "aplay: $(cat /tmp/aplay.log)"
+    expect_same "complaints of aplay" "none" "$(grep . /tmp/aplay.log || echo none)"
+}
+
+# heard_is TIMES: all samples of the sound in order, so many times, and nothing else but silence.
+heard_is() {
+    local expected
+    expected=$(for _ in $(seq "$1"); do cat /tmp/sound; done | sha256sum)
+    [ "$(tail -c +45 "$heard" | tr -d '\000' | sha256sum)" = "$expected" ]
+}
+
+# --- a serial adapter -------------------------------------------------------------------------
+
+# plug_serial PORT: with a file at its other end for what it sends, and a pipe for what it receives.
+plug_serial() {
+    outside make_serial_line
+    outside monitor chardev-add "pipe,id=line,path=line"
+    plug "$1" "usb-serial,chardev=line"
+}
+
+# send_and_receive TTY: new bytes through this device, such as ttyUSB0, out and then in.
+send_and_receive() {
+    head -c 20000 /dev/urandom >"$LOG_DIR/bytes"
+    exec 5<>"/dev/$1"
+    stty raw -echo <&5
+    cat "$LOG_DIR/bytes" >&5
+    wait_until 10 "the bytes sent" line_has_the_bytes
+    outside send_serial_line bytes
+    timeout 10 head -c 20000 <&5 >/tmp/received || fail "the bytes have not been received"
+    exec 5>&-
+    expect_same "bytes received" "$(sha256 "$LOG_DIR/bytes")" "$(sha256 /tmp/received)"
+}
+line_has_the_bytes() { tail -c 20000 "$LOG_DIR/line.out" | cmp -s "$LOG_DIR/bytes"; }

@@ -1,0 +1,17 @@
+# about: a loudspeaker that a USB/IP server offers: every sample is heard, in order, no underrun
+# qemu: -device qemu-xhci,id=xhci -audiodev wav,id=sound,path=heard.wav,out.mixing-engine=off
+# shellcheck source=guest/bridge.sh
+. "$VM_DIR/guest/bridge.sh"
+start_server snd-usb-audio
+plug 1 usb-audio,audiodev=sound
+make_sound
+times=0
+for way in kernel our; do
+    attach $way 1
+    pcm=$(wait_for_imported sound 'pcmC*p')
+    tell_when_usable $way
+    timed "$way way: one second of sound" play "$pcm"
+    times=$((times + 1))
+    wait_until 5 "the whole sound to be heard" heard_is $times
+    detach $way
+done
