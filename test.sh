@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and tests everything: lint, the tests in release, with the address and undefined-behaviour
-# sanitizers and with the thread sanitizer, then the scenarios on the real ARM kernel.
+# sanitizers and with the thread sanitizer, 20 seconds of each fuzz target, then the scenarios on the
+# real ARM kernel.
 #   ./test.sh          all of it
 #   ./test.sh --quick  what to run on every change: the release tests and the fast part of lint
 set -euo pipefail
@@ -49,6 +50,8 @@ else
     for preset in asan tsan arm64; do build "$preset"; done
     run_tests release -LE vm -j "$(nproc)"
     for preset in asan tsan; do run_tests "$preset" -j "$(nproc)"; done
+    build fuzz
+    run_tests fuzz -j "$(nproc)"
     run_tests release -L vm
 fi
 

@@ -2,7 +2,8 @@
 # Installs what building and testing need, on Debian 12, as root. Does nothing when all is there.
 set -eu
 
-native="g++ cmake ninja-build pkg-config clang-format clang-tidy git ca-certificates
+native="g++ cmake ninja-build pkg-config git ca-certificates
+    clang libclang-rt-14-dev clang-format clang-tidy
     libudev-dev zlib1g-dev libcli11-dev libgtest-dev
     shellcheck g++-aarch64-linux-gnu qemu-user qemu-system-arm ipxe-qemu cpio kmod"
 # The :arm64 libraries must have the same version as the native ones, so both are named.

@@ -1,0 +1,54 @@
+// PDUs from the peer into the write thread, while OUT commands 1 to 4 wait for their replies. Each
+// PDU has its length before it. The kernel gets those before the first that is refused.
+#include <set>
+
+#include "fuzz/MappedDevice.h"
+#include "module/XJModRuntime.h"
+#include "support/FakeHost.h"
+
+namespace {
+
+bool accepted(std::string_view pdu, std::set<std::uint32_t>& out_commands) {
+    if (pdu.size() < sizeof(usbip_header)) return false;
+    const auto header = Parse<usbip_header>(pdu);
+    const std::uint32_t command = be32toh(header.command);
+    if (command != USBIP_RET_SUBMIT) return command == USBIP_RET_UNLINK;
+    const bool answers_out = out_commands.erase(be32toh(header.seqnum)) != 0;
+    const UsbipPduLength length = UsbipRetSubmitLength(header, answers_out);
+    return length.Acceptable() && length.Total() <= pdu.size();
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const NothingLeftBehind check;
+    FakeRuntime runtime;
+    CXJModRuntime::Instance()->SetRuntime(&runtime);
+    {
+        MappedDevice device;
+        std::set<std::uint32_t> out_commands{1, 2, 3, 4};
+        std::string commands;
+        for (const std::uint32_t seqnum : out_commands)
+            commands += SubmitOut(seqnum, "data");
+        device.kernel->Send(commands);
+        Require(device.listener.WaitForBytes(commands.size()), "commands reach the peer");
+
+        bool refused = false;
+        std::string expected;
+        for (Input input(data, size); !input.Empty() && !refused;) {
+            const std::string_view pdu = input.Block();
+            device.client->Forward(pdu.data(), pdu.size());
+            refused = !accepted(pdu, out_commands);
+            if (!refused) expected += pdu;
+        }
+        Require(device.kernel->Receive(expected.size()) == expected, "replies arrive in order");
+        if (refused) {
+            const LogLine quit{1, "[CUsbipClientLinux] 5 write thread prepare quit"};
+            Require(runtime.WaitForLine(quit), "a refused PDU ends the writing");
+        }
+        device.client->Stop();
+        Require(device.kernel->Receive(1).empty(), "nothing but accepted PDUs arrives");
+    }
+    CXJModRuntime::Instance()->SetRuntime(nullptr);
+    return 0;
+}
