@@ -3,8 +3,8 @@
 //
 // Real traffic makes seeds, too, since it passes through a command that the reference host runs:
 //   xj-usbip-host --exec 'tee to-remote | xj-usbip-remote --stdio --disk disk.img | tee to-host'
-// (in a VM scenario or beside a real driver). A byte 0 before it makes to-host one of host_stream
-// and to-remote, without its first message, one of remote_channel.
+// A byte 0 before to-host makes it one of host_stream, a byte 2 before to-remote one of
+// remote_channel.
 #include <zlib.h>
 
 #include <filesystem>
