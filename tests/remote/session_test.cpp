@@ -1,0 +1,394 @@
+// A scripted host against the server: over a socket pair and over a real Unix socket.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "Pdus.h"
+#include "remote/Channel.h"
+#include "remote/DiskImage.h"
+#include "remote/Listener.h"
+#include "remote/Server.h"
+#include "remote/UsbDisk.h"
+
+namespace remote::test {
+namespace {
+
+constexpr int kPatience = 20'000;  // milliseconds; nothing here takes that long
+
+// The client's side of the channel, as far as a script needs it.
+class ScriptedHost {
+  public:
+    ScriptedHost() = default;
+    explicit ScriptedHost(FileDescriptor socket) : socket_(std::move(socket)) {}
+
+    void Send(const Bytes& bytes) const {
+        EXPECT_EQ(send(socket_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+    // Whether something, or the end, comes within `milliseconds`.
+    bool Comes(int milliseconds) const {
+        pollfd fd{socket_.Get(), POLLIN, 0};
+        return poll(&fd, 1, milliseconds) == 1;
+    }
+    // The next message; empty at the end of the connection.
+    Bytes Receive() const {
+        Bytes message = Exactly(sizeof(_MESSAGE_HEADER));
+        if (message.empty()) return message;
+        const Bytes rest = Exactly(LoadLe32(message.data()));
+        message.insert(message.end(), rest.begin(), rest.end());
+        return message;
+    }
+    std::uint32_t Expect(UsbipMessageType type) const {  // returns the message's first field
+        const Bytes message = Receive();
+        if (message.size() < 20) {
+            ADD_FAILURE() << "the connection ended instead of message " << type;
+            return 0;
+        }
+        EXPECT_EQ(message[12], type);
+        return LoadLe32(&message[16]);
+    }
+    bool Ended() const { return Receive().empty(); }
+
+    std::uint32_t Greet() const {  // returns the flags of the version request
+        const std::uint32_t flags = Expect(kUsbipVersionReq);
+        usbip_version_rsp response{};
+        response.head = MakeMessageHead(kUsbipVersionRsp, sizeof response);
+        response.version = kUsbipProtocolVersion;
+        Bytes bytes(sizeof response);
+        StoreRaw(bytes.data(), response);
+        Send(bytes);
+        return flags;
+    }
+    void ReportEnd(std::uint32_t devid) const { Send(EncodeDevUnmap(devid)); }
+
+    void Forward(std::uint32_t devid, const Bytes& pdu, bool compress = false) const {
+        OutputQueue queue;
+        queue.PushForward(devid, pdu, compress);
+        std::array<iovec, 3> vectors{};
+        queue.Gather(vectors);
+        Bytes message;
+        for (const iovec& vector : vectors) {
+            const auto* data = static_cast<const std::uint8_t*>(vector.iov_base);
+            message.insert(message.end(), data, data + vector.iov_len);
+        }
+        Send(message);
+    }
+    // The next reply, which must be of this device. `compressed`: how it came.
+    ReplyFields Reply(std::uint32_t devid, bool* compressed = nullptr) const {
+        const Bytes message = Receive();
+        if (message.size() < kForwardOverhead || message[12] != kUsbipForward) {
+            ADD_FAILURE() << "no forward but " << message.size() << " bytes";
+            return {};
+        }
+        EXPECT_EQ(LoadLe32(&message[16]), devid);
+        const std::uint32_t datasize = LoadLe32(&message[20]);
+        const std::uint32_t rawsize = LoadLe32(&message[24]);
+        EXPECT_EQ(message.size(), datasize + kForwardOverhead);
+        if (compressed != nullptr) *compressed = rawsize != 0;
+        Bytes pdu(message.begin() + sizeof(usbip_forward), message.end() - kForwardFiller);
+        if (rawsize != 0) {
+            Bytes raw(rawsize);
+            uLongf size = rawsize;
+            EXPECT_EQ(uncompress(raw.data(), &size, pdu.data(), pdu.size()), Z_OK);
+            pdu = raw;
+        }
+        return ParseReply(pdu);
+    }
+
+    // Runs one bulk-only command with `data` to write, or `length` bytes to read.
+    Bytes Transfer(std::uint32_t devid, const Bytes& block, const Bytes& data, std::uint32_t length,
+                   bool compress) const {
+        const std::uint32_t direction = data.empty() ? kIn : kOut;
+        const auto size = data.empty() ? length : static_cast<std::uint32_t>(data.size());
+        Forward(devid, Bulk(11, Cbw(size, direction, block)));
+        EXPECT_EQ(Reply(devid).status, 0);
+        Forward(devid, data.empty() ? Bulk(12, length) : Bulk(12, data), compress);
+        bool compressed = false;
+        const ReplyFields moved = Reply(devid, &compressed);
+        EXPECT_EQ(compressed, compress && data.empty());
+        EXPECT_EQ(moved.actual, size);
+        Forward(devid, Bulk(13, 13));
+        const ReplyFields csw = Reply(devid);
+        EXPECT_TRUE(csw.data.size() == 13 && csw.data[12] == 0) << "command failed";
+        return moved.data;
+    }
+    void Configure(std::uint32_t devid) const {
+        Forward(devid, Submit{.seqnum = 9, .direction = kOut, .setup = {0x00, 9, 1}}.Pdu());
+        EXPECT_EQ(Reply(devid).status, 0);
+    }
+
+    static Bytes Bulk(std::uint32_t seqnum, const Bytes& data) {
+        return Submit{.seqnum = seqnum, .endpoint = 2, .direction = kOut, .data = data}.Pdu();
+    }
+    static Bytes Bulk(std::uint32_t seqnum, std::uint32_t length) {
+        return Submit{.seqnum = seqnum, .endpoint = 1, .length = length}.Pdu();
+    }
+
+  private:
+    Bytes Exactly(std::size_t size) const {
+        Bytes bytes(size);
+        for (std::size_t at = 0; at < size;) {
+            const ssize_t count =
+                Comes(kPatience) ? recv(socket_.Get(), &bytes[at], size - at, 0) : -1;
+            if (count <= 0) {
+                EXPECT_TRUE(count == 0 || errno == ECONNRESET) << "nothing more came";
+                return {};
+            }
+            at += static_cast<std::size_t>(count);
+        }
+        return bytes;
+    }
+
+    FileDescriptor socket_;
+};
+
+class SessionTest : public testing::Test {
+  protected:
+    // Serves `disks` disks over a socket pair on a thread of its own.
+    ScriptedHost Serve(bool compress = false, int disks = 1) {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        FileDescriptor ours(ends[0]);
+        fcntl(ends[1], F_SETFL, O_NONBLOCK);
+        MakeServer(compress, disks);
+        thread_ = std::thread([this, theirs = ends[1]] {
+            result_ = server_->Run(HostLink{FileDescriptor(theirs), {}});
+        });
+        return ScriptedHost(std::move(ours));
+    }
+
+    void MakeServer(bool compress, int disks) {
+        int commands[2];
+        int answers[2];
+        EXPECT_TRUE(pipe(commands) == 0 && pipe(answers) == 0);
+        commands_from_ = FileDescriptor(commands[0]);
+        commands_to_ = FileDescriptor(commands[1]);
+        answers_from_ = FileDescriptor(answers[0]);
+        answers_to_ = FileDescriptor(answers[1]);
+        std::vector<std::unique_ptr<Device>> devices;
+        for (int i = 1; i <= disks; ++i) {
+            std::string error;
+            auto image = DiskImage::Open(scratch_.Image(), false, error);
+            ASSERT_TRUE(image) << error;
+            devices.push_back(std::make_unique<UsbDisk>(
+                std::move(*image), UsbSpeed::kHigh, "disk" + std::to_string(i), "0123456789AB"));
+        }
+        server_ =
+            std::make_unique<Server>(std::move(devices), compress,
+                                     Server::Controls{-1, commands_from_.Get(), answers_to_.Get()});
+    }
+
+    // Types a command; returns the first line of the answer.
+    std::string Type(const std::string& command) const {
+        dprintf(commands_to_.Get(), "%s\n", command.c_str());
+        return Answer();
+    }
+    std::string Answer() const {
+        std::string line;
+        pollfd fd{answers_from_.Get(), POLLIN, 0};
+        for (char c = 0; poll(&fd, 1, kPatience) == 1 && read(fd.fd, &c, 1) == 1 && c != '\n';) {
+            line += c;
+        }
+        return line;
+    }
+
+    bool Finish() {  // waits for the server; returns its verdict
+        thread_.join();
+        return result_;
+    }
+    void TearDown() override {
+        if (thread_.joinable()) {
+            Type("quit");
+            thread_.join();
+        }
+    }
+
+    Scratch scratch_;
+    FileDescriptor commands_from_, commands_to_, answers_from_, answers_to_;
+    std::unique_ptr<Server> server_;
+    std::thread thread_;
+    bool result_ = false;
+};
+
+TEST_F(SessionTest, NothingIsMappedBeforeTheVersionExchange) {
+    const ScriptedHost host = Serve(false, 2);
+    EXPECT_EQ(host.Expect(kUsbipVersionReq), 0U);
+    EXPECT_EQ(Type("list"), "1 plugged disk1");
+    EXPECT_FALSE(host.Comes(0));
+}
+
+TEST_F(SessionTest, MapsEveryDiskAndEndsWithItsHost) {
+    {
+        const ScriptedHost host = Serve(false, 3);
+        EXPECT_EQ(host.Greet(), 0U);
+        for (const std::uint32_t devid : {1U, 2U, 3U})
+            EXPECT_EQ(host.Expect(kUsbipDevMap), devid);
+        const Submit descriptor{.seqnum = 1, .length = 64, .setup = {0x80, 6, 0, 1, 0, 0, 64, 0}};
+        host.Forward(2, descriptor.Pdu());
+        EXPECT_EQ(host.Reply(2).data.size(), 18U);
+    }
+    EXPECT_TRUE(Finish()) << "an orderly end is no failure";
+}
+
+TEST_F(SessionTest, WritesAndReadsBackPlainAndCompressed) {
+    for (const bool compress : {false, true}) {
+        SCOPED_TRACE(compress ? "compressed" : "plain");
+        const ScriptedHost host = Serve(compress);
+        EXPECT_EQ(host.Greet(), compress ? 1U : 0U);
+        const std::uint32_t devid = host.Expect(kUsbipDevMap);
+        host.Configure(devid);
+        const Bytes data = Pattern(64 * 512, compress ? 5 : 9);
+        host.Transfer(devid, Write10(16, 64), data, 0, compress);
+        EXPECT_EQ(scratch_.Content(16 * 512, data.size()), data);
+        const auto length = static_cast<std::uint32_t>(data.size());
+        EXPECT_EQ(host.Transfer(devid, Read10(16, 64), {}, length, compress), data);
+        EXPECT_EQ(Type("quit"), "quitting");
+        EXPECT_EQ(host.Expect(kUsbipDevUnmap), devid);
+        host.ReportEnd(devid);
+        EXPECT_TRUE(host.Ended());
+        EXPECT_TRUE(Finish());
+    }
+}
+
+TEST_F(SessionTest, UnplugUnmapsAndPlugMapsWithAFreshId) {
+    const ScriptedHost host = Serve(false, 2);
+    host.Greet();
+    EXPECT_EQ(host.Expect(kUsbipDevMap), 1U);
+    EXPECT_EQ(host.Expect(kUsbipDevMap), 2U);
+    EXPECT_EQ(Type("unplug 1"), "unplugged 1");
+    EXPECT_EQ(host.Expect(kUsbipDevUnmap), 1U);
+    EXPECT_EQ(Type("plug 1"), "plugged 1");
+    EXPECT_EQ(host.Expect(kUsbipDevMap), 3U);
+    // What was on its way for the old mapping, its end included, does not reach the new one.
+    host.Forward(1, UnlinkPdu(50, 49));
+    host.ReportEnd(1);
+    host.Forward(3, UnlinkPdu(52, 51));
+    EXPECT_EQ(host.Reply(3).seqnum, 52U);
+    EXPECT_EQ(Type("list"), "1 mapped disk1");
+    EXPECT_EQ(Answer(), "2 mapped disk2");
+}
+
+TEST_F(SessionTest, ADeviceThatEndedAtTheHostIsUnmappedAndCanComeBack) {
+    const ScriptedHost host = Serve();
+    host.Greet();
+    EXPECT_EQ(host.Expect(kUsbipDevMap), 1U);
+    host.ReportEnd(1);
+    EXPECT_EQ(host.Expect(kUsbipDevUnmap), 1U);
+    EXPECT_EQ(Type("list"), "1 plugged disk1");
+    EXPECT_EQ(Type("plug 1"), "plugged 1");
+    EXPECT_EQ(host.Expect(kUsbipDevMap), 2U);
+    EXPECT_FALSE(host.Comes(0));
+}
+
+TEST_F(SessionTest, CommandsThatMakeNoSenseAreAnswered) {
+    const ScriptedHost host = Serve();
+    EXPECT_EQ(Type("unplug 2"), "error: no device 2");
+    EXPECT_EQ(Type("unplug 0"), "error: no device 0");
+    EXPECT_EQ(Type("plug 1x"), "error: no device 1x");
+    EXPECT_EQ(Type("plug"), "error: no device ");
+    EXPECT_EQ(Type("eject 1").substr(0, 22), "error: unknown command");
+}
+
+TEST_F(SessionTest, AMalformedMessageEndsTheConnection) {
+    const ScriptedHost host = Serve();
+    host.Greet();
+    host.Expect(kUsbipDevMap);
+    host.Forward(1, Bytes(47));
+    EXPECT_TRUE(host.Ended());
+    EXPECT_FALSE(Finish());
+}
+
+// The host asks for far more than it reads: the server must stop reading, not hoard replies.
+TEST_F(SessionTest, AHostThatDoesNotReadIsNotReadFromEither) {
+    const ScriptedHost host = Serve();
+    host.Greet();
+    host.Expect(kUsbipDevMap);
+    host.Configure(1);
+    const std::uint32_t length = Scratch::kBlocks * 512;
+    const std::uint32_t rounds = 4 * Session::kMaxPendingOutput / length;
+    std::thread sender([&] {
+        for (std::uint32_t i = 0; i < rounds; ++i) {
+            host.Forward(1, ScriptedHost::Bulk(3 * i, Cbw(length, kIn, Read10(0, 256))));
+            host.Forward(1, ScriptedHost::Bulk(3 * i + 1, length));
+            host.Forward(1, ScriptedHost::Bulk(3 * i + 2, 13));
+        }
+    });
+    for (std::uint32_t i = 0; i < 3 * rounds; ++i)
+        EXPECT_EQ(host.Reply(1).seqnum, i);
+    sender.join();
+}
+
+ScriptedHost Connect(const std::string& path) {
+    FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(connect(socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    return ScriptedHost(std::move(socket));
+}
+
+TEST_F(SessionTest, TheNextHostIsServedWhenTheFirstHasGone) {
+    const std::string path = scratch_.Path("socket");
+    std::string error;
+    // A socket that a killed program left behind does not stand in the way.
+    {
+        const FileDescriptor stale(socket(AF_UNIX, SOCK_STREAM, 0));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        ASSERT_EQ(bind(stale.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    const auto listener = Listener::Open("unix:" + path, error);
+    ASSERT_TRUE(listener) << error;
+    EXPECT_FALSE(Listener::Open("unix:" + path, error)) << "a living one does";
+    MakeServer(false, 1);
+    thread_ = std::thread([this, &listener] { result_ = server_->Run(*listener); });
+    auto first = std::make_unique<ScriptedHost>(Connect(path));
+    first->Greet();
+    EXPECT_EQ(first->Expect(kUsbipDevMap), 1U);
+    first->Configure(1);
+    first->Forward(1, ScriptedHost::Bulk(20, 13));  // left waiting for ever
+
+    const ScriptedHost second = Connect(path);
+    EXPECT_EQ(Type("list"), "1 mapped disk1");
+    EXPECT_FALSE(second.Comes(0)) << "waits in the backlog";
+    first.reset();
+    second.Greet();
+    EXPECT_EQ(second.Expect(kUsbipDevMap), 1U);
+    second.Configure(1);
+    EXPECT_EQ(second.Transfer(1, Read10(0, 1), {}, 512, false), scratch_.Content(0, 512));
+    EXPECT_EQ(Type("quit"), "quitting");
+    EXPECT_EQ(second.Expect(kUsbipDevUnmap), 1U);
+    second.ReportEnd(1);
+    EXPECT_TRUE(Finish());
+}
+
+TEST(Listener, TellsThePortItReallyBound) {
+    std::string error;
+    const auto listener = Listener::Open("127.0.0.1:0", error);
+    ASSERT_TRUE(listener) << error;
+    EXPECT_TRUE(listener->Private());
+    EXPECT_EQ(listener->Name().find("127.0.0.1:"), 0U);
+    EXPECT_NE(listener->Name(), "127.0.0.1:0");
+    EXPECT_FALSE(Listener::Open(listener->Name(), error)) << "taken";
+    const auto open = Listener::Open("0.0.0.0:0", error);
+    ASSERT_TRUE(open) << error;
+    EXPECT_FALSE(open->Private());
+    for (const char* wrong : {"", "7575", ":7575", "127.0.0.1:", "127.0.0.1:x", "unix:"}) {
+        EXPECT_FALSE(Listener::Open(wrong, error)) << wrong;
+    }
+}
+
+}  // namespace
+}  // namespace remote::test
