@@ -352,6 +352,8 @@ TEST_F(ClientTest, PassesRepliesWhoseLengthFitsTheirCommand) {
         Reply(reply);
     for (const std::string& reply : replies)
         EXPECT_TRUE(kernel->Receive(reply.size()) == reply) << reply.substr(0, 48);
+    Reply(SubmitReply(11, 4));  // its command has been answered: data is missing now
+    EXPECT_TRUE(runtime.WaitForLine({4, "[CUsbipClientLinux] CheckNetRecv invalid"}));
 }
 
 TEST_F(ClientTest, InvalidRepliesEndTheWriteThreadOnly) {

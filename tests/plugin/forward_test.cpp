@@ -44,8 +44,9 @@ class ForwardTest : public ::testing::Test {
     }
     void SetUp() override { ASSERT_TRUE(kernel) << "the device was not attached"; }
 
-    void AllowCompression(bool allow) {
-        host.Receive(VersionRequest(allow ? 1 : 0));
+    void AllowCompression(bool allow) { RequestVersion(allow ? 1 : 0); }
+    void RequestVersion(std::uint8_t flags) {
+        host.Receive(VersionRequest(flags));
         host.stream->WaitForMessage();
     }
     // A whole PDU of the given size from the kernel, and the message it became.
@@ -92,6 +93,18 @@ TEST_F(ForwardTest, CompressesAboveTheThresholdWhenAllowed) {
         const std::string data = message.substr(28, forward.datasize);
         EXPECT_TRUE(Inflate(data, size) == pdu) << size;
         EXPECT_TRUE(message == ForwardMessage(7, data, forward.rawsize)) << "headers and filler";
+    }
+}
+
+TEST_F(ForwardTest, OnlyTheLowestFlagAllowsCompression) {
+    const struct {
+        std::uint8_t flags;
+        bool compressed;
+    } cases[] = {{0xFE, false}, {0xFF, true}, {0x02, false}, {0x01, true}, {0x00, false}};
+    for (const auto& test : cases) {
+        RequestVersion(test.flags);
+        EXPECT_EQ(Parse<usbip_forward>(Sent(5000)).rawsize, test.compressed ? 5000U : 0U)
+            << "flags " << +test.flags;
     }
 }
 
