@@ -36,6 +36,7 @@ class KernelEnd {
         std::size_t size);         // exactly `size` bytes; fewer at the end or out of patience
     bool WaitForEnd();             // reads until the client's end is closed
     bool WaitForUnread(int size);  // until so many bytes wait to be read
+    bool WaitUntilTaken();         // until the client has read what was sent, or has closed its end
     void StopReading();            // later writes of the client fail
 
     const unsigned port;

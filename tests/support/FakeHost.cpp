@@ -113,6 +113,16 @@ void FakeStream::End() {
     changed_.notify_all();
 }
 
+void FakeStream::Resume() {
+    const std::lock_guard lock(mutex_);
+    ended_ = false;
+}
+
+bool FakeStream::Drained() const {
+    const std::lock_guard lock(mutex_);
+    return inbound_.empty() && hungry_;
+}
+
 bool FakeStream::WaitUntilDrained() {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, kPatience, [&] { return inbound_.empty() && hungry_; });
@@ -172,14 +182,19 @@ bool FakeStream::WritesOverlapped() const {
 
 FakeHost::FakeHost(xjmod_entrypoint* module) : module_(module) {
     module_->init(static_cast<IXJModRuntime*>(&runtime));
+    plugin = Create(module_);
+    runtime.Forget();
+}
+
+CRefObj<IClientUsbipPlugin> FakeHost::Create(xjmod_entrypoint* module) {
     const CRefObj<FakePropertySet> props(new FakePropertySet);
     props->Set(kPropertyInterfaceName, std::string_view(kInterfaceClientUsbipPlugin));
     props->Set(kPropertyVersion, static_cast<std::int64_t>(kModuleVersion));
     void* created = nullptr;
-    if (!module_->create(static_cast<IXJModPropertySet*>(props.Get()), &created)) std::abort();
-    plugin = static_cast<IClientUsbipPlugin*>(created);
-    plugin->Release();  // `plugin` holds the one reference now
-    runtime.Forget();
+    if (!module->create(static_cast<IXJModPropertySet*>(props.Get()), &created)) std::abort();
+    CRefObj<IClientUsbipPlugin> result(static_cast<IClientUsbipPlugin*>(created));
+    result->Release();  // `result` holds the one reference now
+    return result;
 }
 
 FakeHost::~FakeHost() {
@@ -195,6 +210,12 @@ void FakeHost::Start() {
 void FakeHost::EndRun() {
     stream->End();
     if (run_thread_.joinable()) run_thread_.join();
+}
+
+void FakeHost::RunAgain() {
+    EndRun();
+    stream->Resume();
+    run_thread_ = std::thread([this] { plugin->Run(); });
 }
 
 void FakeHost::DropPlugin() {

@@ -74,6 +74,8 @@ class FakeStream : public IPluginStreamRaw, protected CReference {
     // The remote side's part.
     void Feed(const std::string& bytes);
     void End();                    // Read fails once everything fed has been read
+    void Resume();                 // Read works again
+    bool Drained() const;          // everything fed was read and Read is called again
     bool WaitUntilDrained();       // until everything fed was read and Read is called again
     std::string WaitForMessage();  // the next whole message from the module; empty: none came
     std::string Written() const;   // bytes from the module not yet taken as messages
@@ -116,7 +118,11 @@ class FakeHost {
 
     void Start();       // InitInstance with `stream`, then Run on a thread of its own
     void EndRun();      // ends the stream and waits for Run
+    void RunAgain();    // EndRun, then Run with the same stream, without ExitInstance
     void DropPlugin();  // EndRun, ExitInstance, Release
+
+    // One more plug-in of the same module.
+    static CRefObj<IClientUsbipPlugin> Create(xjmod_entrypoint* module);
 
     // Several messages, one after the other.
     void Receive(const std::string& messages) { stream->Feed(messages); }
