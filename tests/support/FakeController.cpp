@@ -52,6 +52,16 @@ Function next_definition(const char* name) {
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
+// Waits for bytes or the end; false when patience has run out. A signal does not end the wait.
+bool wait_readable(int socket) {
+    pollfd readable{socket, POLLIN, 0};
+    int ready = 0;
+    do {
+        ready = poll(&readable, 1, kPatienceMilliseconds);
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0;
+}
+
 // Where a path under the record directory leads; nothing for other paths. Without a controller
 // the way leads to a directory that does not exist.
 std::optional<std::string> redirected(const char* path) {
@@ -81,6 +91,7 @@ void KernelEnd::Close() {
 bool KernelEnd::Send(std::string_view bytes) {
     while (!bytes.empty()) {
         const ssize_t sent = send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (sent < 0 && errno == EINTR) continue;
         if (sent < 0) return false;
         bytes.remove_prefix(static_cast<std::size_t>(sent));
     }
@@ -91,8 +102,7 @@ std::string KernelEnd::Receive(std::size_t size) {
     std::string bytes(size, '\0');
     std::size_t got = 0;
     while (got < size) {
-        pollfd readable{socket_, POLLIN, 0};
-        if (poll(&readable, 1, kPatienceMilliseconds) <= 0) break;
+        if (!wait_readable(socket_)) break;
         const ssize_t count = read(socket_, bytes.data() + got, size - got);
         if (count <= 0) break;
         got += static_cast<std::size_t>(count);
@@ -104,8 +114,7 @@ std::string KernelEnd::Receive(std::size_t size) {
 bool KernelEnd::WaitForEnd() {
     char scrap[4096];
     while (true) {
-        pollfd readable{socket_, POLLIN, 0};
-        if (poll(&readable, 1, kPatienceMilliseconds) <= 0) return false;
+        if (!wait_readable(socket_)) return false;
         if (read(socket_, scrap, sizeof scrap) <= 0) return true;
     }
 }
