@@ -52,6 +52,7 @@ struct MappedDevice {
     static constexpr unsigned int kDevId = 5;
 
     MappedDevice() {
+        controller.status_pause = {};
         client->SetListener(&listener);
         client->SetDevId(kDevId);
         client->SetDevInfo(DeviceInfo());

@@ -3,6 +3,8 @@
 // has started has ended when it returns, so that a finding needs no other input before it.
 #pragma once
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -16,10 +18,13 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
+// Standard error as the process found it: fuzz/run closes it to the product's own lines.
+inline const int kReport = dup(STDERR_FILENO);
+
 // What must hold for every input. Ends the process, which makes the input a finding.
 inline void Require(bool holds, const char* what) {
     if (holds) return;
-    std::fprintf(stderr, "fuzz: does not hold: %s\n", what);
+    dprintf(kReport, "fuzz: does not hold: %s\n", what);
     std::abort();
 }
 

@@ -73,6 +73,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const NothingLeftBehind check;
     Input input(data, size);
     FakeController controller(1, 8);
+    controller.status_pause = {};
     host.stream->most = 0;
     host.Receive(MapMessage(1));
     const auto kernel = controller.WaitForAttach();

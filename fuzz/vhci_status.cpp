@@ -52,6 +52,7 @@ void attach(CLinuxVHCI& vhci, FakeController& controller, unsigned int speed) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const NothingLeftBehind check;
     FakeController controller(2, 4);
+    controller.status_pause = {};
     controller.AddUsbDevice(kLocalDevice, {});
     Input input(data, size);
     for (const auto& attribute : kAttributes) {

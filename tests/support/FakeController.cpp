@@ -353,11 +353,7 @@ EXPORTED const char* udev_device_get_sysattr_value(udev_device* device, const ch
     if (controller == nullptr) return nullptr;
     const auto text = controller->Attribute(device->sysname, name);
     if (!text) return nullptr;
-    // As slow as on a busy machine: clients that read the port table at once find it the same.
-    if (std::string_view(name).starts_with("status")) {
-        const timespec pause{0, 2'000'000};
-        nanosleep(&pause, nullptr);
-    }
+    if (std::string_view(name).starts_with("status")) nanosleep(&controller->status_pause, nullptr);
     return device->read_attributes.emplace(name, *text).first->second.c_str();
 }
 

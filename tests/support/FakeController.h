@@ -9,6 +9,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <ctime>
 #include <filesystem>
 #include <list>
 #include <map>
@@ -72,6 +73,10 @@ class FakeController {
                       const std::map<std::string, std::string>& attributes);
 
     static int LiveUdevObjects();  // contexts and devices not yet given back
+
+    // How long a status takes to read. As slow as on a busy machine, so that clients that read the
+    // port table at once find it the same. Set before there are clients.
+    timespec status_pause{0, 2'000'000};
 
     const std::filesystem::path root;              // holds platform/ and usb/
     const std::filesystem::path record_directory;  // where /var/run/vhci_hcd leads
