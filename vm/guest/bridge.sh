@@ -48,19 +48,23 @@ unplug() { outside monitor device_del "usb$1"; }
 
 # start_remote_here ARG...: a remote side in the guest.
 start_remote_here() {
-    : >"$LOG_DIR/remote.log"
+    local before
+    before=$(times_listening)
     xj-usbip-remote --listen "$remote" "$@" \
         >>"$LOG_DIR/remote.log" 2>&1 </dev/null 8>&- 9<&- &
     remote_pid=$!
-    wait_until 10 "the remote side to listen" grep -q 'listening on' "$LOG_DIR/remote.log"
+    wait_until 10 "the remote side to listen" is_listening_anew "$before"
 }
+
+times_listening() { grep -cs 'listening on' "$LOG_DIR/remote.log" || true; }
+is_listening_anew() { [ "$(times_listening)" != "$1" ]; }
 
 # attach WAY PORT...: the devices in these ports, and starts the clock.
 attach() {
     local way port arguments
     way=$1
     shift
-    arguments=
+    arguments=--wait  # on a busy machine the server may take long to answer
     for port; do arguments="$arguments --usbip 127.0.0.1/$(busid "$port")"; done
     # shellcheck disable=SC2086  # a list
     [ "$way" = kernel ] || start_remote_here $arguments
@@ -72,6 +76,12 @@ attach() {
     fi
 }
 
+stop_remote_here() {
+    kill -TERM "$remote_pid"
+    wait_for_end "$remote_pid" 10 "the remote side"
+    expect_same "exit status of the remote side" 0 "$ended_with"
+}
+
 # detach WAY: everything.
 detach() {
     local port
@@ -79,9 +89,7 @@ detach() {
         for port in $(port_numbers_in_use); do usbip detach -p "$port"; done
     else
         stop_host
-        kill -TERM "$remote_pid"
-        wait_for_end "$remote_pid" 10 "the remote side"
-        expect_same "exit status of the remote side" 0 "$ended_with"
+        stop_remote_here
     fi
     wait_all_ports_free
 }

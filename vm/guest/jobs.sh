@@ -5,9 +5,11 @@
 
 # start_typing_log INPUT: collects the events of this input, such as event0, until it goes.
 start_typing_log() {
-    cat "/dev/input/$1" >/tmp/events 8>&- 9<&- &
+    dd if="/dev/input/$1" of="$LOG_DIR/events" bs=24 8>&- 9<&- &
     typing_logger=$!
+    wait_until 5 "somebody to listen to the keyboard" has_open "$typing_logger" "/dev/input/$1"
 }
+has_open() { find "/proc/$1/fd" -exec readlink {} + | grep -qx "$2"; }
 
 # type_and_expect: types on QEMU's keyboard and finds it in the input's events. They have the codes
 # of linux/input-event-codes.h, here x, j, 1 and return, with a 1 for pressed and a 0 for released.
@@ -18,12 +20,18 @@ type_and_expect() {
 }
 typed_is() { [ "$(typed)" = "$1" ]; }
 
-# An event has 24 bytes; its type, 1 for keys, follows 16 of time.
-typed() { od -An -t d2 -w24 -v /tmp/events | awk '$9 == 1 { printf "%s%d %d", sep, $10, $11; sep = ", " }'; }
+# An event has 24 bytes: 16 of time, its type, which is 1 for keys, the code and the value. A value of
+# 2 repeats a key that is held for long, which on a busy machine it can be.
+typed() {
+    od -An -t d2 -w24 -v "$LOG_DIR/events" |
+        awk '$9 == 1 && $11 != 2 { printf "%s%d %d", sep, $10, $11; sep = ", " }'
+}
 
 # --- a loudspeaker ----------------------------------------------------------------------------
 
-# QEMU writes what the loudspeaker hears to this file, untouched (mixing-engine=off).
+# It keeps more than the sound, since QEMU's audio falls behind on a busy machine. What is heard
+# goes to a file, untouched (mixing-engine=off).
+loudspeaker=usb-audio,audiodev=sound,buffer=400000
 heard=$LOG_DIR/heard.wav
 
 # make_sound: one second of noise, without bytes that silence has.

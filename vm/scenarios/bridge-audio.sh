@@ -3,7 +3,7 @@
 # shellcheck source=guest/bridge.sh
 . "$VM_DIR/guest/bridge.sh"
 start_server snd-usb-audio
-plug 1 usb-audio,audiodev=sound
+plug 1 "$loudspeaker"
 make_sound
 times=0
 for way in kernel our; do
@@ -12,6 +12,6 @@ for way in kernel our; do
     tell_when_usable $way
     timed "$way way: one second of sound" play "$pcm"
     times=$((times + 1))
-    wait_until 5 "the whole sound to be heard" heard_is $times
+    wait_until 10 "the whole sound to be heard" heard_is $times
     detach $way
 done
