@@ -108,6 +108,8 @@ TEST(Channel, MalformedMessagesAreRefused) {
         return Forward(pdu);
     };
     const Bytes deflated = Compressed(good);
+    Bytes longer = deflated;
+    longer.resize(longer.size() + 9);
     const std::uint32_t raw = 148;
     const struct {
         const char* name;
@@ -136,7 +138,7 @@ TEST(Channel, MalformedMessagesAreRefused) {
         {"rawsize too long", Forward(deflated, raw + 1), "not 149 bytes"},
         {"rawsize too short", Forward(deflated, raw - 1), "not 147 bytes"},
         {"no zlib stream", Forward(good, raw), "damaged"},
-        {"bytes behind the zlib stream", Forward(Bytes(deflated.size() + 9), raw), "damaged"},
+        {"bytes behind the zlib stream", Forward(longer, raw), "damaged"},
         {"half a zlib stream", Forward({deflated.begin(), deflated.end() - 9}, raw), "damaged"},
     };
     for (const auto& one : cases) {

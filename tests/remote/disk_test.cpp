@@ -434,6 +434,9 @@ TEST_F(DiskTest, WaitingAndTransferSizesAreBounded) {
         ++waiting;
     EXPECT_EQ(waiting, 1) << "of 32 MiB, less two headers";
     EXPECT_EQ(Take(seqnum_).status, -ENOMEM);
+    disk_->Command(UnlinkPdu(seqnum_ + 1, seqnum_ - 1));
+    ++seqnum_;
+    EXPECT_FALSE(Replied(StartIn(UsbDisk::kMaxTransfer))) << "the unlinked one has made room";
 }
 
 TEST(DiskImage, OnlyPlainFilesOfWholeBlocksAreDisks) {
