@@ -224,15 +224,12 @@ long ResidentKilobytes() {
 TEST_F(IntegrityTest, MappingAndUnmappingLeavesNothingBehind) {
     const unsigned long cycles = FromEnvironment("XJ_STRESS_CYCLES", 1000);
     Version(0);
-    std::optional<Ledger> ledger;
+    const Ledger ledger;
     long before = 0;
     long slowest = 0;
     const Stopwatch watch;
     for (unsigned long i = 0; i < cycles; ++i) {
-        if (i == cycles / 10) {  // the heap has taken its shape
-            ledger.emplace();
-            before = ResidentKilobytes();
-        }
+        if (i == cycles / 10) before = ResidentKilobytes();  // the heap has taken its shape
         auto kernel = Map(3);
         ASSERT_TRUE(kernel->Send(KernelPdu(1, 48)));
         ASSERT_EQ(CarriedPdu(stream->WaitForMessage()), KernelPdu(1, 48));
@@ -248,7 +245,7 @@ TEST_F(IntegrityTest, MappingAndUnmappingLeavesNothingBehind) {
     const long growth = ResidentKilobytes() - before;
     std::printf("%lu cycles in %ld ms, slowest unmap %ld ms, growth %ld KiB\n", cycles,
                 watch.Milliseconds(), slowest, growth);
-    EXPECT_TRUE(ledger->Balanced());
+    EXPECT_TRUE(ledger.Balanced());
     // The fake controller keeps every request: some 64 bytes. A leaked client is above 40 KiB.
     if (!kSanitized) {
         EXPECT_LT(growth, 512 + static_cast<long>(cycles) / 8);
