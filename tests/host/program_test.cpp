@@ -30,11 +30,11 @@ class ProgramTest : public testing::Test {
     ~ProgramTest() override { ::unlink(path_.c_str()); }
 
     void Listen() {
-        sockaddr_un address{AF_UNIX, {}};
-        path_.copy(address.sun_path, sizeof address.sun_path - 1);
+        sockaddr_un name{AF_UNIX, {}};
+        path_.copy(name.sun_path, sizeof name.sun_path - 1);
         listener_ = UniqueFd(::socket(AF_UNIX, SOCK_STREAM, 0));
         ::setsockopt(listener_.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatient, sizeof kPatient);
-        ::bind(listener_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+        ASSERT_EQ(0, ::bind(listener_.Get(), reinterpret_cast<sockaddr*>(&name), sizeof name));
         ASSERT_EQ(0, ::listen(listener_.Get(), 1)) << path_;
     }
 
