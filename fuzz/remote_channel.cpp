@@ -11,6 +11,24 @@
 
 namespace {
 
+// Each message in memory of its own size, where reading past its end is noticed.
+void decode(std::string_view stream) {
+    remote::MessageReader reader;
+    while (!stream.empty() && reader.Error().empty()) {
+        const remote::ByteSpan space = reader.Space();
+        const std::size_t size = stream.copy(reinterpret_cast<char*>(space.data()), space.size());
+        reader.Advance(size);
+        stream.remove_prefix(size);
+        for (remote::ByteView whole; !(whole = reader.Next()).empty();) {
+            const remote::Bytes alone(whole.begin(), whole.end());
+            remote::Message message;
+            if (!remote::DecodeMessage(alone, message).empty()) return;
+            const remote::Bytes pdu(message.pdu.begin(), message.pdu.end());
+            Require(pdu.empty() || pdu.size() >= sizeof(usbip_header), "a PDU has a header");
+        }
+    }
+}
+
 // Lets the session work, and takes what it sends, until it has nothing more to do.
 void settle(remote::Session& session, int host) {
     char scrap[65536];
@@ -44,6 +62,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         stream = Message(kUsbipVersionRsp, Bytes(kUsbipProtocolVersion));
     }
     stream += input.Rest();
+    decode(stream);
     for (std::string_view left = stream; !left.empty() && !session.Over();) {
         const ssize_t sent = send(host.Get(), left.data(), left.size(), MSG_NOSIGNAL);
         if (sent > 0) left.remove_prefix(static_cast<std::size_t>(sent));

@@ -46,6 +46,13 @@ std::string compressed_forward(std::uint32_t devid, const std::string& pdu) {
     return ForwardMessage(devid, deflated, static_cast<std::uint32_t>(pdu.size()));
 }
 
+// A forward that claims one byte more than its message has.
+std::string forward_too_short(const std::string& pdu) {
+    std::string message = ForwardMessage(1, pdu);
+    const auto claimed = static_cast<std::uint32_t>(pdu.size() + kForwardFiller + 1);
+    return message.replace(offsetof(usbip_forward, datasize), sizeof claimed, Bytes(claimed));
+}
+
 void host_stream() {
     const std::string reply = SubmitReply(1, 18, std::string(18, 'd'));
     const std::string start = VersionRequest(kVersionFlagCompress) + MapMessage(2);
@@ -57,6 +64,7 @@ void host_stream() {
     seed("host_stream", "compressed",
          byte(0) + VersionRequest(kVersionFlagCompress) + compressed_forward(1, large));
     seed("host_stream", "mapped-again", byte(7) + MapMessage(1, DeviceInfo(5)) + UnmapMessage(1));
+    seed("host_stream", "shorter-than-it-says", byte(0) + forward_too_short(reply));
     seed("host_stream", "unknown-message", byte(0) + Message(9, "body") + UnmapMessage(7));
 }
 
@@ -132,6 +140,8 @@ void remote_channel() {
              ForwardMessage(1, bulk(SubmitIn(5, 13), 1)));
     seed("remote_channel", "compressed",
          byte(1) + start + compressed_forward(1, bulk(SubmitOut(3, std::string(8192, 'd')), 2)));
+    seed("remote_channel", "shorter-than-it-says",
+         byte(0) + forward_too_short(SubmitOut(3, "data.").substr(0, sizeof(usbip_header))));
     seed("remote_channel", "device-ends",
          byte(2) + Message(kUsbipVersionRsp, word(3)) + UnmapMessage(1) + UnmapMessage(2));
     seed("remote_channel", "unlinked",
