@@ -82,11 +82,13 @@ TEST_F(LimitsTest, IdleExit) {
 // Round trips of one device, first alone, then while another is mapped and unmapped.
 TEST_F(LimitsTest, StallOfOthers) {
     const auto kernel = Map(1);
+    int forwarding = 2;
     const auto worst = [&](int unmaps) {
         std::atomic<bool> done{unmaps == 0};
         std::thread other([&] {
             for (int i = 0; i < unmaps; ++i) {
                 auto end = Map(2);
+                EXPECT_TRUE(host.runtime.WaitForLine({1, "start forward data loop"}, forwarding++));
                 host.Receive(ForwardMessage(2, PeerPdu(kPeerSeq, 1 << 20)) + UnmapMessage(2));
                 EXPECT_TRUE(end->WaitForEnd());
             }
