@@ -2,6 +2,7 @@
 # Shows a USB disk of a remote computer being used on this side as if it were plugged in here, with
 # the real vhci_hcd of a real kernel. Needs Debian 12 and, for installing packages, root.
 #   ./demo.sh           this side is 64-bit ARM Linux in a virtual machine
+#   ./demo.sh --two     both sides are such machines, linked by a network; the disk is not of our making
 #   ./demo.sh --native  this side is this machine, where `xj-usbip-host doctor` says it can be
 # Exits 0 only if everything that it tells has happened and been checked.
 set -euo pipefail
@@ -22,6 +23,11 @@ case ${1-} in
     build arm64 xj-client-usbip xj-usbip-host
     exec vm/run --native-build build/release --arch-build build/arm64 --story demo
     ;;
+--two)
+    cmake/packages.sh
+    build arm64 xj-client-usbip xj-usbip-host xj-usbip-remote
+    exec vm/run --arch-build build/arm64 --story two-guests
+    ;;
 --native)
     cmake/packages.sh
     build release xj-usbip-remote xj-client-usbip xj-usbip-host
@@ -29,7 +35,7 @@ case ${1-} in
     exec vm/run --native --native-build build/release --story demo
     ;;
 *)
-    echo "usage: $0 [--native]" >&2
+    echo "usage: $0 [--two|--native]" >&2
     exit 2
     ;;
 esac

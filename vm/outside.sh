@@ -4,6 +4,7 @@
 # without a bound. The functions run in the caller's shell and share these variables.
 
 remote_pid=''
+server_pid=''
 remote_port=0  # 0: the remote side chooses a free one; kept when it is started again
 
 # act_say TEXT: shows it to the person who watches, spaces and all.
@@ -60,6 +61,18 @@ act_tell_remote() { echo "$*" >&"$remote_commands"; }
 act_kill_remote() {
     kill -KILL "$remote_pid"
     remote_pid=''
+}
+
+# act_boot_server SCRIPT QEMU_ARG...: a second guest, another computer, that runs this script of
+# vm/guest. Its logs are in the folder `server`; nobody answers its requests.
+act_boot_server() {
+    local script=$vm_dir/guest/$1
+    shift
+    mkdir server
+    (boot "$ready" "$PWD/server" "$script" 3600 -display none -monitor none \
+        -serial file:server/console.log -chardev null,id=control "$@") \
+        </dev/null >server/qemu.log 2>&1 &
+    server_pid=$!
 }
 
 # The other end of a serial line of QEMU's (a character device `pipe` named line): a file for what

@@ -31,6 +31,15 @@ outside() {
     [ -z "$answer" ] || echo "$answer"
 }
 
+# join_link MAC ADDRESS: gives the network interface with this hardware address an IP address.
+join_link() {
+    local interface
+    interface=$(basename "$(dirname "$(grep -l "$1" /sys/class/net/*/address)")")
+    ip addr flush dev "$interface"
+    ip addr add "$2/24" dev "$interface"
+    ip link set "$interface" up
+}
+
 now() { cut -d. -f1 /proc/uptime; }
 
 # wait_until SECONDS WHAT COMMAND...: COMMAND succeeds before that much time is over.

@@ -14,7 +14,8 @@ export VM_DIR ARM64_DIR LOG_DIR
 export HOST_PROGRAM="$ARM64_DIR/host/xj-usbip-host" MODULE="$ARM64_DIR/libxj-client-usbip.so"
 export PATH="$PATH:/usr/sbin:/usr/bin:$ARM64_DIR/host:$ARM64_DIR/remote"
 
-exec 8<>/dev/vport0p1 9<&8  # requests to the outside and its answers; see lib.sh
+# The first port of the only serial device, whose own number depends on what else there is.
+exec 8<>"$(echo /dev/vport*p1)" 9<&8  # requests to the outside and its answers; see lib.sh
 
 # When a scenario did not end by itself: who waits for what?
 log_state() {
