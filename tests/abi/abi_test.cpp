@@ -93,15 +93,15 @@ struct Value : Object {
     explicit Value(const char* value) : Object(kTable, "text"), type(4), text(value) {}
     explicit Value(std::int64_t value) : Object(kTable, "integer"), type(2), number(value) {}
 
-    static inline const Table kTable{
-        At(2, add_ref), At(3, release),
-        At(
-            4, +[](void* self) { return static_cast<Value*>(self)->type; }),
-        At(
-            7, +[](void* self) { return static_cast<Value*>(self)->text; }),
-        At(
-            10, +[](void* self) { return static_cast<Value*>(self)->number; })};
+    static const Table kTable;
 };
+const Table Value::kTable{At(2, add_ref), At(3, release),
+                          At(
+                              4, +[](void* self) { return static_cast<Value*>(self)->type; }),
+                          At(
+                              7, +[](void* self) { return static_cast<Value*>(self)->text; }),
+                          At(
+                              10, +[](void* self) { return static_cast<Value*>(self)->number; })};
 
 struct PropertySet : Object {
     Value interface_name{"IClientUsbipPlugin"};

@@ -95,7 +95,7 @@ TEST_F(VhciTest, StatusTexts) {
     const std::string port2 = "hs  0002 004 000 00000000 000000 0-0";
     const struct {
         std::string lines;
-        std::string failure = "";
+        std::string failure = {};
     } rows[] = {
         {""},
         {port2},
