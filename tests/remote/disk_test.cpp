@@ -113,41 +113,6 @@ class DiskTest : public testing::Test, public ReplySink {
     std::uint32_t seqnum_ = 100;
 };
 
-// A configuration announces its own length, and its endpoints fit the speed.
-TEST_F(DiskTest, DescriptorsFitTheSpeed) {
-    const struct {
-        UsbSpeed speed;
-        std::uint8_t usb, control_packet;
-        std::size_t size, packet_at;
-        std::uint16_t packet;
-        bool qualifier;
-    } cases[] = {{UsbSpeed::kHigh, 2, 64, 32, 22, 512, true},
-                 {UsbSpeed::kSuper, 3, 9, 44, 22, 1024, false}};
-    for (const auto& one : cases) {
-        Plug(one.speed, false);
-        const Bytes device = Control(0x80, 6, 0x0100, 0, 64).data;
-        ASSERT_EQ(device.size(), 18U);
-        EXPECT_EQ(device[3], one.usb);
-        EXPECT_EQ(device[7], one.control_packet);
-        const Bytes configuration = Control(0x80, 6, 0x0200, 0, 255).data;
-        ASSERT_EQ(configuration.size(), one.size);
-        EXPECT_EQ(LoadLe16(&configuration[2]), one.size);
-        EXPECT_EQ(LoadLe16(&configuration[one.packet_at]), one.packet);
-        EXPECT_EQ(Control(0x80, 6, 0x0200, 0, 9).data.size(), 9U) << "no longer than asked for";
-        EXPECT_EQ(Control(0x80, 6, 0x0600, 0, 10).status, one.qualifier ? 0 : -EPIPE);
-        EXPECT_EQ(Control(0x80, 6, 0x0700, 0, 255).status, one.qualifier ? 0 : -EPIPE);
-        const ReplyFields bos = Control(0x80, 6, 0x0F00, 0, 255);
-        EXPECT_EQ(bos.status, one.qualifier ? -EPIPE : 0);
-        if (bos.status == 0) {
-            EXPECT_EQ(LoadLe16(&bos.data[2]), bos.data.size());
-        }
-        EXPECT_EQ(Control(0x00, 0x30, 0, 0, 6).status, one.qualifier ? -EPIPE : 0) << "SET_SEL";
-    }
-    const Bytes serial = Control(0x80, 6, 0x0303, 0x0409, 255).data;
-    EXPECT_EQ(serial.size(), 2 + 2 * 16U);
-    EXPECT_EQ(serial.at(2), '0');
-}
-
 TEST_F(DiskTest, ControlRequestsThatAreNotOursStall) {
     const struct {
         const char* name;
@@ -172,14 +137,6 @@ TEST_F(DiskTest, ControlRequestsThatAreNotOursStall) {
                   one.status)
             << one.name;
     }
-}
-
-TEST_F(DiskTest, BulkEndpointsStallUntilConfigured) {
-    EXPECT_EQ(Control(0x00, 9, 0).status, 0);
-    EXPECT_EQ(In(13).status, -EPIPE);
-    EXPECT_EQ(Control(0xA1, 0xFE, 0, 0, 1).status, -EPIPE);
-    EXPECT_EQ(Control(0x00, 9, 1).status, 0);
-    EXPECT_EQ(Fetch(8, Bytes{0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0}).size(), 8U);
 }
 
 // Host expects (n)othing, (i)n or (o)ut; the device wants to move its own amount.
@@ -325,32 +282,6 @@ TEST_F(DiskTest, ScsiRefusalsCarryTheirSense) {
         EXPECT_EQ(Sense(), one.sense);
         EXPECT_EQ(Sense(), none) << "sense is told once";
     }
-}
-
-TEST_F(DiskTest, InquiryCapacityAndVitalPages) {
-    EXPECT_EQ(Fetch(36, {0x12, 0, 0, 0, 36, 0}).size(), 36U);
-    EXPECT_EQ(Fetch(5, {0x12, 0, 0, 0, 5, 0}).size(), 5U);
-    Bytes wide(16);
-    wide[0] = 0x9E;
-    wide[1] = 0x10;
-    wide[13] = 32;
-    EXPECT_EQ(LoadBe64(Fetch(32, wide).data()), Scratch::kBlocks - 1);
-    const Bytes capacity = Fetch(8, Bytes{0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0});
-    EXPECT_EQ(LoadBe32(capacity.data()), Scratch::kBlocks - 1);
-    EXPECT_EQ(LoadBe32(&capacity[4]), 512U);
-    const Bytes pages = Fetch(8, {0x12, 1, 0, 0, 8, 0});
-    EXPECT_EQ(pages.at(3), 4);
-    const struct { std::uint8_t page, size; } cases[] = {{0x80, 20}, {0x83, 32}, {0xB0, 64}};
-    for (const auto& one : cases) {
-        const Bytes page = Fetch(one.size, {0x12, 1, one.page, 0, one.size, 0});
-        ASSERT_EQ(page.size(), one.size);
-        EXPECT_EQ(page[1], one.page);
-        EXPECT_EQ(page[3] + 4, one.size);
-    }
-    Bytes luns(12);
-    luns[0] = 0xA0;
-    luns[9] = 16;
-    EXPECT_EQ(LoadBe32(Fetch(16, luns).data()), 8U);
 }
 
 TEST_F(DiskTest, ReadOnlyDiskSaysSoAndRefusesWrites) {

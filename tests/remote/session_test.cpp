@@ -238,28 +238,6 @@ class SessionTest : public testing::Test {
     bool result_ = false;
 };
 
-TEST_F(SessionTest, NothingIsMappedBeforeTheVersionExchange) {
-    const ScriptedHost host = Serve(false, 2);
-    EXPECT_EQ(host.Expect(kUsbipVersionReq), 0U);
-    EXPECT_EQ(Type("unplug 1"), "unplugged 1");
-    EXPECT_EQ(Type("plug 1"), "plugged 1");
-    EXPECT_EQ(Type("list"), "1 plugged disk1");
-    EXPECT_FALSE(host.Comes(0));
-}
-
-TEST_F(SessionTest, MapsEveryDiskAndEndsWithItsHost) {
-    {
-        const ScriptedHost host = Serve(false, 3);
-        EXPECT_EQ(host.Greet(), 0U);
-        for (const std::uint32_t devid : {1U, 2U, 3U})
-            EXPECT_EQ(host.Expect(kUsbipDevMap), devid);
-        const Submit descriptor{.seqnum = 1, .length = 64, .setup = {0x80, 6, 0, 1, 0, 0, 64, 0}};
-        host.Forward(2, descriptor.Pdu());
-        EXPECT_EQ(host.Reply(2).data.size(), 18U);
-    }
-    EXPECT_TRUE(Finish()) << "an orderly end is no failure";
-}
-
 TEST_F(SessionTest, WritesAndReadsBackPlainAndCompressed) {
     for (const bool compress : {false, true}) {
         SCOPED_TRACE(compress ? "compressed" : "plain");
@@ -416,15 +394,6 @@ TEST_F(SessionTest, AHostileHostEndsItsConnectionAndNothingElse) {
     EXPECT_EQ(next.Expect(kUsbipDevUnmap), 1U);
     EXPECT_TRUE(next.Ended()) << "soon, without the confirmation";
     EXPECT_TRUE(Finish());
-}
-
-TEST_F(SessionTest, AHostAtFaultFailsTheOnlySession) {
-    const ScriptedHost host = Serve();
-    host.Greet();
-    host.Expect(kUsbipDevMap);
-    host.Send(ForwardMessage(1, Bytes(47)));
-    EXPECT_TRUE(host.Ended());
-    EXPECT_FALSE(Finish());
 }
 
 TEST(Listener, TellsThePortItReallyBound) {
