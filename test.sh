@@ -36,10 +36,11 @@ run_tests() {
     failed=$((failed + bad))
 }
 
+# PRESET [--target NAME...]
 build() {
-    echo "== build: $1"
+    echo "== build: $*"
     cmake --preset "$1" >/dev/null
-    cmake --build --preset "$1"
+    cmake --build --preset "$@"
 }
 
 cmake/packages.sh
@@ -47,7 +48,8 @@ build release
 if [ "$quick" = yes ]; then
     run_tests release -LE 'vm|tidy' -j "$(nproc)"
 else
-    for preset in asan tsan arm64; do build "$preset"; done
+    for preset in asan tsan; do build "$preset"; done
+    build arm64 --target xj-client-usbip xj-usbip-host xj-usbip-remote abi_test
     run_tests release -LE vm -j "$(nproc)"
     for preset in asan tsan; do run_tests "$preset" -j "$(nproc)"; done
     build fuzz
