@@ -8,6 +8,7 @@
 
 remote=127.0.0.1:9000
 remote_pid=
+dummy_hcd=/sys/devices/platform/dummy_hcd.0
 
 # start_server: the bus's driver, the drivers of the devices that are named, and the server.
 start_server() {
@@ -17,11 +18,12 @@ start_server() {
     wait_until 10 "the USB/IP server" grep -q "listening on" "$LOG_DIR/usbipd.log"
 }
 
-# busid PORT: of the device in this port of QEMU's controller; nothing without one. The controller
-# has two buses, one of them for super speed, so that this is known when it is there.
+# busid PORT: of the device in this port of QEMU's controller, or of the one that the guest itself
+# plays; nothing without one. The controller has two buses, one of them for super speed, so that this
+# is known when it is there.
 busid() {
     local device
-    for device in /sys/bus/pci/devices/*/usb*/*-"$1"; do
+    for device in /sys/bus/pci/devices/*/usb*/*-"$1" "$dummy_hcd"/usb*/*-"$1"; do
         [ ! -e "$device/bConfigurationValue" ] || basename "$device"
     done
 }

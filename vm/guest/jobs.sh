@@ -9,7 +9,7 @@ start_typing_log() {
     typing_logger=$!
     wait_until 5 "somebody to listen to the keyboard" has_open "$typing_logger" "/dev/input/$1"
 }
-has_open() { find "/proc/$1/fd" -exec readlink {} + | grep -qx "$2"; }
+has_open() { find "/proc/$1/fd" -exec readlink {} \; | grep -qx "$2"; }
 
 # type_and_expect: types on QEMU's keyboard and finds it in the input's events. They have the codes
 # of linux/input-event-codes.h, here x, j, 1 and return, with a 1 for pressed and a 0 for released.
