@@ -37,11 +37,12 @@ heard=$LOG_DIR/heard.wav
 # make_sound: one second of noise, without bytes that silence has.
 make_sound() { tr -d '\000' </dev/urandom | head -c 192000 >/tmp/sound; }
 
-# play PCM: the sound on this device, such as pcmC0D0p, without an underrun.
+# play PCM APLAY_ARG...: the sound on this device, such as pcmC0D0p, without an underrun.
 play() {
     local card
     card=${1#pcmC}
-    aplay -q -D "hw:${card%%D*},0" -t raw -f S16_LE -c 2 -r 48000 /tmp/sound >/tmp/aplay.log 2>&1 ||
+    shift
+    aplay -q -D "hw:${card%%D*},0" -t raw -f S16_LE -c 2 -r 48000 "$@" /tmp/sound >/tmp/aplay.log 2>&1 ||
         fail "aplay: $(cat /tmp/aplay.log)"
     expect_same "complaints of aplay" "none" "$(grep . /tmp/aplay.log || echo none)"
 }
