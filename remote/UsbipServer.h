@@ -15,8 +15,9 @@
 
 namespace remote {
 
-// How long a server may take to accept a connection and to answer a request.
-inline constexpr std::chrono::seconds kServerTimeout{5};
+// How long a server may take to accept a connection and to answer a request. A busy emulated one was
+// seen to take 9 s for four imports at once.
+inline constexpr std::chrono::seconds kServerTimeout{15};
 
 class UsbipServer {
   public:
