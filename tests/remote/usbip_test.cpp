@@ -1,238 +1,151 @@
 // What passes between the host's commands and a USB/IP server's byte stream: replies of every
-// length, lies, and unlinks in every order; and the server protocol's requests and replies.
+// length, lies, and unlinks in every order; and the server protocol's replies.
+#include <gtest/gtest.h>
+
 #include <cerrno>
-#include <functional>
+#include <utility>
 #include <vector>
 
-#include "Pdus.h"
 #include "UsbipReplies.h"
 #include "remote/UsbipHandshake.h"
 #include "remote/UsbipTraffic.h"
+#include "support/Messages.h"
 
 namespace remote::test {
 namespace {
 
-// A command for `packets` isochronous packets; OUT data and descriptors are zeros.
-Bytes Command(std::uint32_t seqnum, std::uint32_t direction, std::uint32_t length,
-              std::uint32_t packets = 0) {
-    Submit urb{.seqnum = seqnum, .endpoint = 1, .direction = direction, .length = length};
-    if (direction == kOut) urb.data.resize(length);
-    Bytes pdu = urb.Pdu();
-    StoreBe32(&pdu[offsetof(usbip_header, u.cmd_submit.number_of_packets)], packets);
-    pdu.resize(pdu.size() + packets * sizeof(usbip_iso_packet_descriptor));
+// Offsets in PDUs.
+constexpr std::size_t kStatus = offsetof(usbip_header, u.ret_submit.status);
+constexpr std::size_t kTarget = offsetof(usbip_header, u.cmd_unlink.seqnum);
+constexpr std::size_t kPackets = offsetof(usbip_header, u.cmd_submit.number_of_packets);
+
+std::string With(std::size_t offset, std::uint32_t value, std::string pdu) {
+    StoreBe32(reinterpret_cast<std::uint8_t*>(&pdu[offset]), value);
     return pdu;
 }
 
+// Commands and sequence numbers are below 256 here: the last bytes of their fields tell them.
+constexpr std::size_t kCommandByte = 3;
+constexpr std::size_t kSeqnumByte = 7;
+
 class UsbipTrafficTest : public testing::Test, public ReplySink {
   protected:
-    using Replies = std::vector<std::string>;
-
-    // As "submit SEQNUM +BYTES" (behind the header) or "unlink SEQNUM STATUS".
     void Reply(Bytes pdu) override {
-        const auto header = LoadRaw<usbip_header>(pdu.data());
-        const std::string seqnum = std::to_string(be32toh(header.seqnum));
-        if (be32toh(header.command) == USBIP_RET_UNLINK) {
-            const auto status = static_cast<std::int32_t>(be32toh(header.u.ret_unlink.status));
-            replies_.push_back("unlink " + seqnum + " " + std::to_string(status));
-        } else {
-            replies_.push_back("submit " + seqnum + " +" +
-                               std::to_string(pdu.size() - sizeof header));
-        }
+        const auto status = static_cast<int>(LoadBe32(&pdu[offsetof(usbip_header, u)]));
+        log_ += " <" + std::to_string(pdu[kSeqnumByte]);
+        log_ += pdu[kCommandByte] == USBIP_RET_UNLINK
+                    ? "=" + std::to_string(status)
+                    : "+" + std::to_string(pdu.size() - sizeof(usbip_header));
     }
 
-    // Each returns the error that ends the device, or nothing.
-    std::string Host(const Bytes& pdu) { return traffic_.Command(pdu, *this); }
-    std::string Server(const Bytes& bytes, std::size_t piece = SIZE_MAX) {
+    // What comes of commands of the host and replies of the server (these in pieces), in order:
+    // " >N" command N goes to the server, " <N+B" URB N is answered with B bytes behind the header,
+    // " <N=S" unlink N is answered with status S, " END" the device has to go, and with it the
+    // rest, " waits" there is a deadline at the end.
+    std::string Play(const std::vector<std::string>& pdus, std::size_t piece) {
+        traffic_ = {};
+        input_ = {};
+        log_.clear();
+        for (const std::string& pdu : pdus) {
+            const std::size_t queued = traffic_.Output().Pending();
+            const bool host = View(pdu)[kCommandByte] <= USBIP_CMD_UNLINK;
+            const std::string error =
+                host ? traffic_.Command(View(pdu), *this) : FromServer(View(pdu), piece);
+            if (traffic_.Output().Pending() > queued)
+                log_ += " >" + std::to_string(pdu[kSeqnumByte]);
+            if (!error.empty()) return log_ + " END";
+        }
+        return log_ + (traffic_.Deadline() ? " waits" : "");
+    }
+    std::string FromServer(ByteView bytes, std::size_t piece) {
         std::string error;
-        for (std::size_t at = 0; at < bytes.size() && error.empty();) {
-            const ByteSpan space = input_.Space();
-            const std::size_t size = std::min({piece, bytes.size() - at, space.size()});
-            std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(at), size, space.begin());
-            input_.Advance(size);
-            at += size;
+        for (; !bytes.empty() && error.empty(); bytes = bytes.subspan(piece)) {
+            piece = std::min(piece, bytes.size());
+            std::copy_n(bytes.begin(), piece, input_.Space().begin());
+            input_.Advance(piece);
             error = traffic_.TakeReplies(input_, *this);
         }
         return error;
     }
-    Replies Take() { return std::exchange(replies_, {}); }
-
-    // What is on its way to the server.
-    Bytes Sent() {
-        Bytes sent;
-        std::array<iovec, 8> pieces{};
-        while (const std::size_t count = traffic_.Output().Gather(pieces)) {
-            std::size_t size = 0;
-            for (const iovec& piece : std::span(pieces).first(count)) {
-                const auto* bytes = static_cast<const std::uint8_t*>(piece.iov_base);
-                sent.insert(sent.end(), bytes, bytes + piece.iov_len);
-                size += piece.iov_len;
-            }
-            traffic_.Output().Consume(size);
-        }
-        return sent;
-    }
-    void Restart() {
-        traffic_ = {};
-        input_ = {};
-        replies_.clear();
-    }
 
     UsbipTraffic traffic_;
     InputBuffer input_;
-    Replies replies_;
+    std::string log_;
 };
 
-TEST_F(UsbipTrafficTest, RepliesOfEveryShapePassWholeInPiecesOfAnySize) {
-    const std::initializer_list<Bytes> commands{Command(1, kIn, 512),    Command(2, kIn, 512),
-                                                Command(3, kIn, 512),    Command(4, kOut, 31),
-                                                Command(5, kIn, 576, 3), Command(6, kOut, 1152, 6),
-                                                Command(7, kIn, 8),      Command(8, kIn, 1 << 20)};
-    const Bytes stream =
-        Joined({RetSubmit{.seqnum = 1, .actual = 512, .data = 512},
-                RetSubmit{.seqnum = 2, .actual = 100, .data = 100},
-                RetSubmit{.seqnum = 3, .status = -EPIPE}, RetSubmit{.seqnum = 4, .actual = 31},
-                RetSubmit{.seqnum = 5, .actual = 300, .packets = 3, .data = 348},
-                RetSubmit{.seqnum = 6, .actual = 1152, .packets = 6, .data = 96},
-                RetSubmit{.seqnum = 7, .packets = kUsbipNotIso},
-                RetSubmit{.seqnum = 8, .actual = 600'000, .data = 600'000}});
-    for (const std::size_t piece : {std::size_t{1}, std::size_t{7}, std::size_t{48}, SIZE_MAX}) {
-        Restart();
-        for (const Bytes& command : commands)
-            ASSERT_EQ(Host(command), "");
-        EXPECT_EQ(Sent(), Joined(commands)) << "commands reach the server untouched";
-        ASSERT_EQ(Server(stream, piece), "") << "in pieces of " << piece;
-        EXPECT_EQ(Take(),
-                  (Replies{"submit 1 +512", "submit 2 +100", "submit 3 +0", "submit 4 +0",
-                           "submit 5 +348", "submit 6 +96", "submit 7 +0", "submit 8 +600000"}));
-    }
-}
-
-TEST_F(UsbipTrafficTest, LiesEndTheDevice) {
+TEST_F(UsbipTrafficTest, UnlinksAreAnsweredOnceAndLiesEndTheDevice) {
+    const std::string urb = SubmitIn(5, 64), unlink = With(kTarget, 5, Unlink(6));
+    const std::string reply = SubmitReply(5, 9, "ninebytes"), late = UnlinkReply(6);
+    const std::string gone = With(kStatus, -ECONNRESET, UnlinkReply(6));
     const struct {
-        Bytes command;
-        Bytes reply;
-        const char* error;
+        const char* what;
+        std::vector<std::string> exchange;
+        const char* outcome;
     } cases[] = {
-        {Command(1, kIn, 64), RetSubmit{.seqnum = 1, .actual = 65}, "more than was asked"},
-        {Command(1, kOut, 64), RetSubmit{.seqnum = 1, .actual = 65}, "more than was asked"},
-        {Command(1, kIn, 64), RetSubmit{.seqnum = 1, .packets = 1}, "more than was asked"},
-        {Command(1, kIn, 64, 2), RetSubmit{.seqnum = 1, .packets = 0xFFFFFFFE}, "more than was"},
-        {Command(1, kIn, 0xFFFFFFFF), RetSubmit{.seqnum = 1, .actual = 0xFFFFFFFF}, "more than"},
-        {Command(1, kIn, 64), RetSubmit{.seqnum = 2}, "unknown URB 2"},
-        {Command(1, kIn, 64), Joined({RetSubmit{.seqnum = 1}, RetSubmit{.seqnum = 1}}),
-         "unknown URB 1"},
-        {Command(1, kIn, 64), Command(1, kIn, 64), "sends command 1"},
+        {"replies of every length",
+         {SubmitIn(1, 512), SubmitIn(2, 512), SubmitIn(3, 512), SubmitOut(4, "data"),
+          With(kPackets, 3, SubmitIn(5, 576) + std::string(48, 'i')),
+          SubmitOut(6, std::string(1152, 'x'), 6), SubmitIn(7, 8), SubmitIn(8, 1 << 20),
+          SubmitReply(1, 512, std::string(512, 'x')) + SubmitReply(2, 5, "short") +
+              With(kStatus, -EPIPE, SubmitReply(3, 0)) + SubmitReply(4, 4) +
+              SubmitReply(5, 3, "iso", 3) + SubmitReply(6, 1152, {}, 6) +
+              With(kPackets, kUsbipNotIso, SubmitReply(7, 0)) +
+              SubmitReply(8, 600'000, std::string(600'000, 'x'))},
+         " >1 >2 >3 >4 >5 >6 >7 >8 <1+512 <2+5 <3+0 <4+0 <5+51 <6+96 <7+0 <8+600000"},
+        {"unlink succeeds", {urb, unlink, gone}, " >5 >6 <6=-104"},
+        {"and nothing may follow", {urb, unlink, gone, reply}, " >5 >6 <6=-104 END"},
+        {"the URB wins, no RET_UNLINK", {urb, unlink, reply}, " >5 >6 <5+9 <6=0"},
+        {"the URB wins", {urb, unlink, reply, late}, " >5 >6 <5+9 <6=0"},
+        {"reply behind RET_UNLINK", {urb, unlink, late + reply}, " >5 >6 <6=0"},
+        {"before any URB", {unlink}, " <6=-104"},
+        {"of the device before", {urb, With(kTarget, 4, Unlink(6))}, " >5 <6=-104"},
+        {"of an answered URB", {urb, reply, unlink}, " >5 <5+9 <6=0"},
+        {"silent server", {urb, unlink}, " >5 >6 waits"},
+        {"repeated unlink", {urb, unlink, With(kTarget, 5, Unlink(7))}, " >5 >6 END"},
+        {"repeated URB", {urb, urb}, " >5 END"},
+        {"too long, IN", {urb, SubmitReply(5, 65)}, " >5 END"},
+        {"too long, OUT", {SubmitOut(5, "data"), SubmitReply(5, 65)}, " >5 END"},
+        {"packets nobody asked for", {urb, SubmitReply(5, 0, {}, 1)}, " >5 END"},
+        {"4G packets", {urb, With(kPackets, 0xFFFFFFFE, reply)}, " >5 END"},
+        {"4 GiB", {SubmitIn(5, 0xFFFFFFFF), SubmitReply(5, 0xFFFFFFFF)}, " >5 END"},
+        {"unknown URB", {urb, SubmitReply(7, 0)}, " >5 END"},
+        {"second reply", {urb, reply + reply}, " >5 <5+9 END"},
+        {"no reply at all", {urb, With(0, 9, reply)}, " >5 END"},
     };
-    for (const auto& one : cases) {
-        Restart();
-        ASSERT_EQ(Host(one.command), "");
-        EXPECT_NE(Server(one.reply).find(one.error), std::string::npos) << one.error;
-    }
-}
-
-TEST_F(UsbipTrafficTest, UnlinkThatSucceedsSettlesTheUrb) {
-    Host(Command(5, kIn, 64));
-    Sent();
-    ASSERT_EQ(Host(UnlinkPdu(6, 5)), "");
-    EXPECT_EQ(Sent(), UnlinkPdu(6, 5));
-    EXPECT_TRUE(traffic_.Deadline());
-    EXPECT_EQ(Server(RetUnlinkPdu(6, -ECONNRESET)), "");
-    EXPECT_EQ(Take(), Replies{"unlink 6 -104"});
-    EXPECT_FALSE(traffic_.Deadline());
-    EXPECT_NE(Server(RetSubmit{.seqnum = 5}), "") << "nothing may follow";
-}
-
-// The bridge answers the unlink itself, and the server's answer, if there is one, leads nowhere.
-TEST_F(UsbipTrafficTest, UrbThatWinsAgainstItsUnlinkComesFirst) {
-    Host(Command(5, kIn, 64));
-    Host(UnlinkPdu(6, 5));
-    EXPECT_EQ(Server(RetSubmit{.seqnum = 5, .actual = 64, .data = 64}), "");
-    EXPECT_EQ(Take(), (Replies{"submit 5 +64", "unlink 6 0"}));
-    EXPECT_FALSE(traffic_.Deadline());
-    EXPECT_EQ(Server(RetUnlinkPdu(6, 0)), "");
-    EXPECT_EQ(Take(), Replies{});
-}
-
-// The kernel has given the URB back when RET_UNLINK has come, and would not survive its reply.
-TEST_F(UsbipTrafficTest, ReplyBehindItsRetUnlinkIsDropped) {
-    Host(Command(5, kIn, 64));
-    Host(UnlinkPdu(6, 5));
-    Host(Command(7, kIn, 64));
-    EXPECT_EQ(Server(Joined({RetUnlinkPdu(6, 0), RetSubmit{.seqnum = 5, .actual = 9, .data = 9},
-                             RetSubmit{.seqnum = 7, .actual = 3, .data = 3}})),
-              "");
-    EXPECT_EQ(Take(), (Replies{"unlink 6 0", "submit 7 +3"}));
-}
-
-TEST_F(UsbipTrafficTest, UnlinksThatTheServerWouldNotAnswerAreAnsweredHere) {
-    ASSERT_EQ(Host(UnlinkPdu(9, 3)), "") << "before any URB";
-    Host(Command(10, kOut, 8));
-    Server(RetSubmit{.seqnum = 10, .actual = 8});
-    Sent();
-    ASSERT_EQ(Host(UnlinkPdu(11, 10)), "") << "answered";
-    ASSERT_EQ(Host(UnlinkPdu(12, 4)), "") << "of the device before";
-    EXPECT_EQ(Take(), (Replies{"unlink 9 -104", "submit 10 +0", "unlink 11 0", "unlink 12 -104"}));
-    EXPECT_EQ(Sent(), Bytes{}) << "nothing for the server";
-}
-
-TEST_F(UsbipTrafficTest, RepeatedNumbersEndTheDevice) {
-    Host(Command(5, kIn, 64));
-    EXPECT_NE(Host(Command(5, kIn, 64)), "");
-    Restart();
-    Host(Command(5, kIn, 64));
-    Host(UnlinkPdu(6, 5));
-    EXPECT_NE(Host(UnlinkPdu(7, 5)), "");
+    for (const auto& one : cases)
+        for (const std::size_t piece : {1, 7, 48, 250'000})
+            EXPECT_EQ(Play(one.exchange, piece), one.outcome) << one.what << " by " << piece;
 }
 
 TEST_F(UsbipTrafficTest, WhatWaitsForTheServerIsBounded) {
-    const std::uint32_t size = 1 << 20;
+    const std::string data(1 << 20, 'x');
     std::uint32_t seqnum = 0;
-    while (Host(Command(++seqnum, kOut, size)).empty())
+    while (traffic_.Command(View(SubmitOut(++seqnum, data)), *this).empty())
         ASSERT_LE(traffic_.Output().Pending(), UsbipTraffic::kMaxQueued);
-    EXPECT_EQ(seqnum, UsbipTraffic::kMaxQueued / size)
+    EXPECT_EQ(seqnum, UsbipTraffic::kMaxQueued / data.size())
         << "all that fit with their headers, and one";
-    Restart();
+    traffic_ = {};
     for (seqnum = 1; seqnum <= UsbipTraffic::kMaxUrbs; ++seqnum)
-        ASSERT_EQ(Host(Command(seqnum, kIn, 1)), "");
-    EXPECT_NE(Host(Command(seqnum, kIn, 1)), "");
+        ASSERT_EQ(traffic_.Command(View(SubmitIn(seqnum, 1)), *this), "");
+    EXPECT_NE(traffic_.Command(View(SubmitIn(seqnum, 1)), *this), "");
 }
 
-class UsbipHandshakeTest : public testing::Test {
-  protected:
-    // The error of a reply, or "more" when it is incomplete.
-    static std::string Import(const Bytes& reply) {
-        ServedDevice device;
-        std::string error;
-        const std::size_t size = ReadImportReply(reply, "1-2.3", device, error);
-        return size == 0 && error.empty() ? "more" : error;
-    }
-};
-
-TEST_F(UsbipHandshakeTest, ImportIsReadWhenItIsWhole) {
-    const usbip_op_import_reply reply = ImportReply("1-2.3");
-    const Bytes whole = Raw(reply);
-    for (std::size_t size = 0; size < whole.size(); ++size)
-        ASSERT_EQ(Import({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)}),
-                  "more");
+// What is wrong with the reply to an import of 1-2.3, or how many bytes were taken; 0: more needed.
+std::string Import(ByteView reply) {
     ServedDevice device;
     std::string error;
-    EXPECT_EQ(ReadImportReply(Joined({whole, {1, 2, 3}}), "1-2.3", device, error), 320U);
-    EXPECT_EQ(error, "");
-    EXPECT_EQ(device.bus, 3);
-    EXPECT_EQ(device.number, 9);
-    EXPECT_EQ(device.speed, UsbSpeed::kFull);
-    EXPECT_EQ(UsbIdText(device.vendor, device.product), "046d:c31c");
+    const std::size_t size = ReadImportReply(reply, "1-2.3", device, error);
+    return error.empty() ? std::to_string(size) : error;
 }
 
-TEST_F(UsbipHandshakeTest, HostileImportRepliesAreRefused) {
+TEST(UsbipHandshake, ImportIsReadWhenItIsWholeAndRefusedWhenItLies) {
     using Reply = usbip_op_import_reply;
-    const struct {
-        std::function<void(Reply&)> change;
-        const char* error;
-    } cases[] = {
+    const std::string whole = ::Bytes(ImportReply("1-2.3")) + "abc";
+    for (std::size_t size = 0; size <= whole.size(); ++size)
+        ASSERT_EQ(Import(View(whole).first(size)), size < sizeof(Reply) ? "0" : "320");
+    const std::pair<void (*)(Reply&), const char*> cases[] = {
         {[](Reply& reply) { reply.head.version = htobe16(0x0106); }, "version 0106, not 0111"},
         {[](Reply& reply) { reply.head.code = htobe16(OP_REP_DEVLIST); }, "code 0005, not 0003"},
-        {[](Reply& reply) { reply.head.status = htobe32(USBIP_ST_DEV_BUSY); }, "in use (status 2)"},
         {[](Reply& reply) { reply.head.status = htobe32(77); }, "refuses (status 77)"},
         {[](Reply& reply) { reply.device.busid[4] = '4'; }, "hands out 1-2.4"},
         {[](Reply& reply) { reply.device.busid[0] = '\0'; }, "without a readable bus id"},
@@ -243,53 +156,45 @@ TEST_F(UsbipHandshakeTest, HostileImportRepliesAreRefused) {
         {[](Reply& reply) { reply.device.speed = 0; }, "speed 0"},
         {[](Reply& reply) { reply.device.speed = htobe32(7); }, "speed 7"},
     };
-    for (const auto& one : cases) {
+    for (const auto& [change, error] : cases) {
         Reply reply = ImportReply("1-2.3");
-        one.change(reply);
-        EXPECT_NE(Import(Raw(reply)).find(one.error), std::string::npos)
-            << "expected: " << one.error << ", is: " << Import(Raw(reply));
+        change(reply);
+        EXPECT_NE(Import(View(::Bytes(reply))).find(error), std::string::npos)
+            << "expected: " << error << ", is: " << Import(View(::Bytes(reply)));
     }
-    usbip_op_header refusal{htobe16(kUsbipServerVersion), htobe16(OP_REP_IMPORT), htobe32(4)};
-    EXPECT_NE(Import(Raw(refusal)).find("no such device"), std::string::npos)
-        << "a refusal ends with its head";
+    const usbip_op_header refusal{htobe16(kUsbipServerVersion), htobe16(OP_REP_IMPORT), htobe32(4)};
+    EXPECT_EQ(Import(View(::Bytes(refusal))), "there is no such device (status 4)")
+        << "the head is all";
 }
 
-TEST_F(UsbipHandshakeTest, ListIsReadPieceByPieceAndShownAsATable) {
+TEST(UsbipHandshake, ListIsReadPieceByPieceAndShownAsATable) {
     usbip_op_device stick = ImportReply("1-1").device;
     stick.speed = htobe32(6);  // super plus
     stick.interfaces = 1;
     usbip_op_device headset = ImportReply("2-1.4").device;
     headset.interfaces = 3;
-    const Bytes reply =
-        Joined({Raw(ListReply(2)), Raw(stick), Raw(usbip_op_interface{0x08, 6, 0x50, 0}),
-                Raw(headset), Raw(usbip_op_interface{0x01, 1, 0, 0}),
-                Raw(usbip_op_interface{0x01, 2, 0, 0}), Raw(usbip_op_interface{0x03, 0, 0, 0})});
-    ListReader reader;
-    Bytes received;
-    for (const std::uint8_t byte : reply) {
-        ASSERT_FALSE(reader.Done());
-        received.push_back(byte);
-        const std::size_t taken = reader.Read(received);
-        received.erase(received.begin(), received.begin() + static_cast<std::ptrdiff_t>(taken));
-    }
-    ASSERT_TRUE(reader.Done());
-    EXPECT_EQ(DeviceTable(reader.Devices()),
-              "BUS ID        VID:PID    SPEED     CLASS\n"
-              "1-1           046d:c31c  super     mass storage\n"
-              "2-1.4         046d:c31c  full      audio, HID\n");
-}
-
-TEST_F(UsbipHandshakeTest, HostileListsAreRefused) {
-    const auto error = [](const Bytes& reply) {
-        ListReader reader;
-        reader.Read(reply);
-        return reader.Error();
+    const std::pair<std::string, const char*> cases[] = {
+        {::Bytes(ListReply(2)) + ::Bytes(stick) + FromHex("08 06 50 00") + ::Bytes(headset) +
+             FromHex("01 01 00 00 01 02 00 00 03 00 00 00"),
+         "BUS ID        VID:PID    SPEED     CLASS\n"
+         "1-1           046d:c31c  super     mass storage\n"
+         "2-1.4         046d:c31c  full      audio, HID\n"},
+        {::Bytes(ListReply(4097)), "the server announces 4097 devices"},
+        {::Bytes(ListReply(1)) + ::Bytes(usbip_op_device{}),
+         "the server sends a device without a readable bus id"},
+        {::Bytes(ImportReply("1-1")), "the server answers with code 0003, not 0005"},
     };
-    EXPECT_NE(error(Raw(ListReply(0xFFFFFFFF))).find("4294967295 devices"), std::string::npos);
-    EXPECT_NE(error(Raw(ImportReply("1-1"))).find("code 0003"), std::string::npos);
-    usbip_op_device device = ImportReply("1-1").device;
-    device.speed = 0;
-    EXPECT_NE(error(Joined({Raw(ListReply(1)), Raw(device), {0, 0, 0, 0}})), "");
+    for (const auto& [reply, outcome] : cases) {
+        ListReader reader;
+        for (std::size_t taken = 0, size = 1; size <= reply.size() && reader.Error().empty();
+             ++size) {
+            EXPECT_FALSE(reader.Done());
+            taken += reader.Read(View(reply).subspan(taken, size - taken));
+        }
+        EXPECT_EQ(reader.Error().empty() && reader.Done() ? DeviceTable(reader.Devices())
+                                                          : reader.Error(),
+                  outcome);
+    }
 }
 
 }  // namespace
