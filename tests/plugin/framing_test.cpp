@@ -30,13 +30,13 @@ class Recorder : public Separation {
                              IBuffer* message) override {
         dispatched.push_back(std::to_string(index) + ":" +
                              std::string(static_cast<const char*>(payload), length));
-        if (message != nullptr) size += message->GetSize();
+        if (message != nullptr) bytes += message->GetSize();
         return true;
     }
     bool Handle(const void*, unsigned long, IBuffer*) { return true; }
 
     Strings dispatched;
-    unsigned long size = 0;
+    unsigned long bytes = 0;
 };
 
 std::string Header(std::uint32_t length, std::uint8_t type) {
@@ -92,7 +92,7 @@ TEST(StreamLoop, ReadsExactlyWhatIsMissing) {
     const std::string second = Message(5, "longer than the first");
     const Loop loop(first + second);
     EXPECT_EQ(loop.target.dispatched, (Strings{"0:abc", "2:longer than the first"}));
-    EXPECT_EQ(loop.target.size, first.size() + second.size());
+    EXPECT_EQ(loop.target.bytes, first.size() + second.size());
     EXPECT_EQ(loop.stream->ReadRequests(),
               (std::vector<unsigned long>{8, first.size() - 8, 8, second.size() - 8, 8}));
 }
