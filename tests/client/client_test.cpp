@@ -1,6 +1,7 @@
 // One device client between a fake kernel and a listener: attach, both directions, and its ends.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <csignal>
 #include <deque>
@@ -22,18 +23,14 @@ class Listener : public IClientUsbipListenter {
     long AddRef() override { return 1; }
     long Release() override { return 1; }
     void OnUsbipPacket(unsigned int devid, const char* data, unsigned long len) override {
-        const std::lock_guard lock(mutex_);
         EXPECT_EQ(devid, 5U);
-        packets_.emplace_back(data, len);
+        Under(mutex_, [&] { packets_.emplace_back(data, len); });
         changed_.notify_all();
     }
     void OnUsbipDeviceError(unsigned int devid) override {
-        const std::lock_guard lock(mutex_);
         EXPECT_EQ(devid, 5U);
-        ++ends_;
-        changed_.notify_all();
+        ++ends;
     }
-
     std::string WaitForPacket() {  // empty: none came
         std::unique_lock lock(mutex_);
         if (!changed_.wait_for(lock, kPatience, [&] { return !packets_.empty(); })) return {};
@@ -41,24 +38,14 @@ class Listener : public IClientUsbipListenter {
         packets_.pop_front();
         return packet;
     }
-    bool WaitForEnd() {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kPatience, [&] { return ends_ != 0; });
-    }
-    int Ends() {
-        const std::lock_guard lock(mutex_);
-        return ends_;
-    }
-    std::size_t Packets() {
-        const std::lock_guard lock(mutex_);
-        return packets_.size();
-    }
+    std::size_t Packets() { return CopiedUnder(mutex_, packets_).size(); }
+
+    std::atomic<int> ends{0};
 
   private:
-    std::mutex mutex_;  // guards everything below
+    std::mutex mutex_;
     std::condition_variable changed_;
-    std::deque<std::string> packets_;
-    int ends_ = 0;
+    std::deque<std::string> packets_;  // guarded by mutex_
 };
 
 class ClientTest : public ::testing::Test {
@@ -71,6 +58,7 @@ class ClientTest : public ::testing::Test {
     }
     ~ClientTest() override {
         client->Stop();
+        EXPECT_EQ(OpenDescriptors(), descriptors) << "not given back";
         CXJModRuntime::Instance()->SetRuntime(nullptr);
     }
 
@@ -80,28 +68,43 @@ class ClientTest : public ::testing::Test {
         EXPECT_TRUE(kernel) << "not attached";
         return kernel;
     }
+    void ExpectLog(int level, const std::string& text, int times = 1) {
+        EXPECT_TRUE(runtime.WaitForLine({level, text}, times)) << text;
+    }
+    void StopsPromptly() {
+        const Stopwatch watch;
+        client->Stop();
+        EXPECT_LT(watch.Milliseconds(), 300) << "below one poll period";
+    }
     void Reply(const std::string& pdu) { client->Forward(pdu.data(), pdu.size()); }
 
     FakeRuntime runtime;
     FakeController controller;
     Listener listener;
+    // The last ten words of a dumped header.
+    const std::string zeroes =
+        " 00000000 00000000 00000000 00000000 00000000 00000000 00000000 00000000 00000000 "
+        "00000000";
     CRefObj<IUsbipClient> client{new CUsbipClientLinux};
+    const long descriptors = OpenDescriptors();
 };
 
 // --- start and end ---
 
 TEST_F(ClientTest, AttachesWithItsDescription) {
     const auto kernel = Attach();
-    ASSERT_TRUE(runtime.WaitForLine({1, "start forward data loop"}));
-    std::string request = kernel->request;
-    const std::string fd = request.substr(2, request.find(' ', 2) - 2);
-    EXPECT_EQ(request, "0 " + fd + " 65540 3");
-    std::vector<LogLine> lines = runtime.Lines(1);
-    std::erase_if(lines, [](const LogLine& line) { return line.text.starts_with("[linuxvhci]"); });
-    EXPECT_EQ(lines, (std::vector<LogLine>{{1, "[CUsbipClientLinux] start attach vhci device"},
-                                           {1, "[CUsbipClientLinux] attach vid: 1d6b, pid: 0104"},
-                                           {1, "[CUsbipClientLinux] attach sucess"},
-                                           {1, "start forward data loop"}}));
+    ExpectLog(1, "start forward data loop");
+    const std::string fd = kernel->request.substr(2, kernel->request.find(' ', 2) - 2);
+    EXPECT_EQ(kernel->request, "0 " + fd + " 65540 3");
+    std::string log;
+    for (const LogLine& line : runtime.Lines(1)) {
+        if (!line.text.starts_with("[linuxvhci]")) log += line.text + '\n';
+    }
+    EXPECT_EQ(log,
+              "[CUsbipClientLinux] start attach vhci device\n"
+              "[CUsbipClientLinux] attach vid: 1d6b, pid: 0104\n"
+              "[CUsbipClientLinux] attach sucess\n"
+              "start forward data loop\n");
     EXPECT_TRUE(client->Run()) << "already running";
     EXPECT_EQ(controller.Requests().size(), 1U);
     EXPECT_EQ(client->GetDevId(), 5U);
@@ -111,50 +114,41 @@ TEST_F(ClientTest, AttachesWithItsDescription) {
 TEST_F(ClientTest, StopGivesEverythingBackPromptlyAndCanBeRepeated) {
     using Monitor = OBJECT_MONITOR<CBaseThread>;
     const auto threads = Monitor::_new - Monitor::_delete;
-    const long descriptors = OpenDescriptors();
-    client->Stop();
-    EXPECT_EQ(OpenDescriptors(), descriptors) << "nothing to close before Run";
+    StopsPromptly();
     for (int run = 1; run <= 3; ++run) {
         auto kernel = Attach();
-        ASSERT_TRUE(runtime.WaitForLine({1, "start forward data loop"}, run));
-        const Stopwatch watch;
-        client->Stop();
-        EXPECT_LT(watch.Milliseconds(), 300) << "below one poll period";
+        ExpectLog(1, "start forward data loop", run);
+        StopsPromptly();
         EXPECT_TRUE(kernel->WaitForEnd());
         kernel.reset();
-        EXPECT_EQ(listener.Ends(), run);
+        EXPECT_EQ(listener.ends, run);
         client->Stop();
         EXPECT_EQ(OpenDescriptors(), descriptors);
         EXPECT_EQ(Monitor::_new - Monitor::_delete, threads);
     }
-    EXPECT_EQ(runtime.Count({1, "[CUsbipClientLinux] work loop exit"}), 3);
+    ExpectLog(1, "[CUsbipClientLinux] work loop exit", 3);
 }
 
 TEST_F(ClientTest, TheKernelsEndEndsIt) {
-    const long descriptors = OpenDescriptors();
-    auto kernel = Attach();
+    const auto kernel = Attach();
     const long cpu = CpuMilliseconds(CLOCK_PROCESS_CPUTIME_ID);
     kernel->Close();
-    EXPECT_TRUE(listener.WaitForEnd());
-    EXPECT_TRUE(runtime.WaitForLine({4, "read dev fail"}));
+    ExpectLog(4, "read dev fail");
     EXPECT_TRUE(Eventually([&] { return OpenDescriptors() == descriptors; }))
         << "the client's end is closed without Stop";
     EXPECT_LT(CpuMilliseconds(CLOCK_PROCESS_CPUTIME_ID) - cpu, 1000) << "it does not spin";
+    EXPECT_EQ(listener.ends, 1);
     Reply(UnlinkReply(1));  // goes nowhere
-    client->Stop();
-    EXPECT_EQ(listener.Ends(), 1);
-    EXPECT_EQ(OpenDescriptors(), descriptors);
+    StopsPromptly();
+    EXPECT_EQ(listener.ends, 1);
 }
 
 TEST_F(ClientTest, StopIsPromptWhenTheKernelNoLongerReads) {
     const auto kernel = Attach();
-    const std::string reply = SubmitReply(1, 1 << 20, std::string(1 << 20, 'x'));
     for (int i = 0; i < 4; ++i)
-        Reply(reply);
-    EXPECT_TRUE(kernel->WaitForUnread(1)) << "the write thread is at work";
-    const Stopwatch watch;
-    client->Stop();
-    EXPECT_LT(watch.Milliseconds(), 300);
+        Reply(SubmitReply(1, 1 << 20, std::string(1 << 20, 'x')));
+    EXPECT_EQ(kernel->Receive(48).size(), 48U) << "the write thread is at work";
+    StopsPromptly();
 }
 
 TEST_F(ClientTest, AWriteAfterTheKernelLetGoRaisesNoSignal) {
@@ -162,13 +156,13 @@ TEST_F(ClientTest, AWriteAfterTheKernelLetGoRaisesNoSignal) {
     const auto kernel = Attach();
     kernel->StopReading();
     Reply(UnlinkReply(1));
-    EXPECT_TRUE(runtime.WaitForLine({4, "[CUsbipClientLinux] write device fail"}));
-    EXPECT_TRUE(listener.WaitForEnd());
+    ExpectLog(4, "[CUsbipClientLinux] write device fail");
+    EXPECT_TRUE(Eventually([&] { return listener.ends != 0; }));
 }
 
 TEST_F(ClientTest, StopUnderLoadInBothDirections) {
     for (int run = 0; run < 10; ++run) {
-        auto kernel = Attach();
+        const auto kernel = Attach();
         std::thread sender([&] {
             while (kernel->Send(SubmitOut(1, std::string(1000, 'x')))) {
             }
@@ -184,55 +178,33 @@ TEST_F(ClientTest, StopUnderLoadInBothDirections) {
 // --- failing to attach ---
 
 TEST_F(ClientTest, FailsToAttachWithoutReportingAnEnd) {
-    const struct {
-        const char* what;
-        std::function<void()> spoil;
-        LogLine line;
-    } cases[] = {
-        {"refused by the kernel",
-         [&] { controller.RefuseAttaches(EBUSY); },
-         {4, "[CUsbipClientLinux]  vhci attach fail"}},
-        {"driver not loaded",
-         [&] { controller.RemoveDevice("vhci_hcd.0"); },
-         {4, "[CUsbipClientLinux]  vhci open fail"}},
-    };
-    const long descriptors = OpenDescriptors();
-    int quits = 0;
-    for (const auto& test : cases) {
-        test.spoil();
-        EXPECT_TRUE(client->Run()) << test.what;
-        EXPECT_TRUE(runtime.WaitForLine(test.line)) << test.what;
-        EXPECT_TRUE(
-            runtime.WaitForLine({1, "[CUsbipClientLinux] 5 work thread prepare quit"}, ++quits));
+    for (const std::string what : {"attach", "open"}) {
+        controller.RefuseAttaches(EBUSY);
+        if (what == "open") controller.RemoveDevice("vhci_hcd.0");
+        EXPECT_TRUE(client->Run()) << what;
+        ExpectLog(4, "[CUsbipClientLinux]  vhci " + what + " fail");
+        ExpectLog(1, "[CUsbipClientLinux] 5 work thread prepare quit", what == "open" ? 2 : 1);
         Reply(UnlinkReply(1));
-        const Stopwatch watch;
-        client->Stop();
-        EXPECT_LT(watch.Milliseconds(), 300) << test.what;
-        EXPECT_EQ(listener.Ends(), 0) << test.what;
-        EXPECT_EQ(OpenDescriptors(), descriptors) << test.what;
+        StopsPromptly();
+        EXPECT_EQ(listener.ends, 0) << what;
     }
 }
 
 TEST_F(ClientTest, WaitsForADeviceThatIsBeingEnumerated) {
     controller.Occupy(0, 6, "1-1");
-    EXPECT_TRUE(client->Run());
-    EXPECT_TRUE(runtime.WaitForLine({4, "[linuxvhci] open refresh imported list fail"}));
+    client->Run();
+    ExpectLog(4, "[linuxvhci] open refresh imported list fail");
+    StopsPromptly();
+    EXPECT_TRUE(controller.Requests().empty());
+    EXPECT_EQ(listener.ends, 0) << "Stop ends the wait";
+    runtime.Forget();
+    client->Run();
+    ExpectLog(4, "[linuxvhci] open refresh imported list fail");
     controller.AddUsbDevice("1-1", {});
     const auto kernel = controller.WaitForAttach();
     ASSERT_TRUE(kernel);
     EXPECT_EQ(kernel->port, 1U);
     EXPECT_EQ(runtime.Count({4, "[CUsbipClientLinux]  vhci open fail"}), 0);
-}
-
-TEST_F(ClientTest, StopEndsTheWaitForEnumeration) {
-    controller.Occupy(0, 6, "1-1");
-    client->Run();
-    EXPECT_TRUE(runtime.WaitForLine({4, "[linuxvhci] open refresh imported list fail"}));
-    const Stopwatch watch;
-    client->Stop();
-    EXPECT_LT(watch.Milliseconds(), 300);
-    EXPECT_TRUE(controller.Requests().empty());
-    EXPECT_EQ(listener.Ends(), 0);
 }
 
 TEST_F(ClientTest, ManyAtOnceGetPortsOfTheirOwn) {
@@ -243,17 +215,15 @@ TEST_F(ClientTest, ManyAtOnceGetPortsOfTheirOwn) {
     }
     for (const auto& one : clients)
         one->Run();
-    std::vector<std::unique_ptr<KernelEnd>> kernels;
     unsigned ports = 0;
-    for (std::size_t i = 0; i < clients.size(); ++i) {
+    std::vector<std::unique_ptr<KernelEnd>> kernels;
+    while (kernels.size() < clients.size()) {
         kernels.push_back(controller.WaitForAttach());
-        ASSERT_TRUE(kernels.back()) << i;
+        ASSERT_TRUE(kernels.back());
         ports |= 1U << kernels.back()->port;
     }
     EXPECT_EQ(ports, 0xFFU) << "all eight high-speed ports, each once";
     EXPECT_EQ(controller.Requests().size(), 8U) << "and nobody was refused";
-    for (const auto& one : clients)
-        one->Stop();
 }
 
 // --- kernel to peer ---
@@ -262,15 +232,14 @@ TEST_F(ClientTest, CutsTheKernelsBytesIntoPdus) {
     const auto kernel = Attach();
     usbip_header not_iso = PduHeader(USBIP_CMD_SUBMIT, 7);
     not_iso.u.cmd_submit.number_of_packets = kUsbipNotIso;
-    const std::string pdus[] = {
-        Unlink(1),
-        Bytes(not_iso),
-        SubmitIn(2, 512),
-        SubmitOut(3, std::string(31, 'x'), 2),
-        SubmitOut(4, std::string(1000, 'y')),
-        SubmitOut(5, std::string(200'000, 'z')),  // grows the buffer
-        SubmitIn(6, 1 << 20),
-    };
+    // One is longer than the buffer.
+    const std::string pdus[] = {Unlink(1),
+                                Bytes(not_iso),
+                                SubmitIn(2, 512),
+                                SubmitIn(6, 1 << 20),
+                                SubmitOut(3, std::string(31, 'x'), 2),
+                                SubmitOut(5, std::string(200'000, 'z')),
+                                SubmitOut(4, std::string(1000, 'y'))};
     std::string all;
     for (const std::string& pdu : pdus)
         all += pdu;
@@ -290,33 +259,23 @@ TEST_F(ClientTest, RefusesWhatTheKernelWouldNeverSend) {
     usbip_header header = PduHeader(USBIP_CMD_SUBMIT, 1);
     header.u.cmd_submit.transfer_buffer_length = htobe32(0xFFFFFFF0);
     header.u.cmd_submit.number_of_packets = htobe32(0x10000000);
-    const struct {
-        const char* what;
-        std::string bytes;
-        LogLine line;
-    } cases[] = {
-        {"reply from the kernel",
-         UnlinkReply(0x0A0B),
-         {1,
-          "[CUsbipClientLinux] dev unkonw command 0x4 hdr 00000004 00000A0B 00000000 00000000 "
-          "00000000 00000000 00000000 00000000 00000000 00000000 00000000 00000000"}},
-        {"lengths that do not fit 32 bits",
-         Bytes(header),
-         {4,
-          "[CUsbipClientLinux] dev PDU of 8589934624 bytes is too long, hdr 00000001 00000001 "
-          "00000000 00000000 00000000 00000000 FFFFFFF0 00000000 10000000 00000000 00000000 "
-          "00000000"}},
+    const std::pair<std::string, LogLine> cases[] = {
+        {UnlinkReply(0x0A0B), {1, "unkonw command 0x4 hdr 00000004 00000A0B" + zeroes}},
+        {Bytes(header),
+         {4, "PDU of 8589934624 bytes is too long, hdr 00000001 00000001" +
+                 zeroes.substr(0, 4 * 9) + " FFFFFFF0 00000000 10000000" +
+                 zeroes.substr(0, 3 * 9)}},
     };
-    int ends = 0;
-    for (const auto& test : cases) {
+    for (const auto& [bytes, line] : cases) {
+        runtime.Forget();
         const auto kernel = Attach();
-        kernel->Send(test.bytes);
-        EXPECT_TRUE(runtime.WaitForLine(test.line)) << test.what;
-        EXPECT_TRUE(runtime.WaitForLine({4, "read dev fail"}, ++ends)) << test.what;
-        EXPECT_TRUE(kernel->WaitForEnd()) << test.what;
+        kernel->Send(bytes);
+        ExpectLog(line.level, "[CUsbipClientLinux] dev " + line.text);
+        ExpectLog(4, "read dev fail");
+        EXPECT_TRUE(kernel->WaitForEnd()) << line;
         client->Stop();
-        EXPECT_EQ(listener.Ends(), ends) << test.what;
     }
+    EXPECT_EQ(listener.ends, 2);
 }
 
 TEST_F(ClientTest, WarnsAboveManyUnansweredOutTransfers) {
@@ -353,32 +312,23 @@ TEST_F(ClientTest, PassesRepliesWhoseLengthFitsTheirCommand) {
     for (const std::string& reply : replies)
         EXPECT_TRUE(kernel->Receive(reply.size()) == reply) << reply.substr(0, 48);
     Reply(SubmitReply(11, 4));  // its command has been answered: data is missing now
-    EXPECT_TRUE(runtime.WaitForLine({4, "[CUsbipClientLinux] CheckNetRecv invalid"}));
+    ExpectLog(4, "[CUsbipClientLinux] CheckNetRecv invalid");
 }
 
 TEST_F(ClientTest, InvalidRepliesEndTheWriteThreadOnly) {
-    const LogLine invalid_packet{4, "[CUsbipClientLinux] CheckNetRecv invalid packet"};
-    const LogLine invalid{4, "[CUsbipClientLinux] CheckNetRecv invalid"};
-    const LogLine unknown{
-        1,
-        "[CUsbipClientLinux] net unkonw command 0x2 hdr 00000002 00000001 00000000 00000000 "
-        "00000000 00000000 00000000 00000000 00000000 00000000 00000000 00000000"};
-    const struct {
-        std::string reply;
-        LogLine line;
-    } cases[] = {
-        {"", invalid_packet},
-        {UnlinkReply(1).substr(0, 47), invalid_packet},
-        {Unlink(1), unknown},
-        {SubmitReply(1, 64, std::string(52, 'x')), invalid},
-        {SubmitReply(1, 0, "", 2).substr(0, 79), invalid},
+    const std::pair<std::string, LogLine> cases[] = {
+        {"", {4, "CheckNetRecv invalid packet"}},
+        {UnlinkReply(1).substr(0, 47), {4, "CheckNetRecv invalid packet"}},
+        {Unlink(1), {1, "net unkonw command 0x2 hdr 00000002 00000001" + zeroes}},
+        {SubmitReply(1, 64, std::string(52, 'x')), {4, "CheckNetRecv invalid"}},
+        {SubmitReply(1, 0, "", 2).substr(0, 79), {4, "CheckNetRecv invalid"}},
     };
-    for (const auto& test : cases) {
+    for (const auto& [reply, line] : cases) {
         runtime.Forget();
         const auto kernel = Attach();
-        Reply(test.reply);
-        EXPECT_TRUE(runtime.WaitForLine(test.line)) << test.line;
-        EXPECT_TRUE(runtime.WaitForLine({1, "[CUsbipClientLinux] 5 write thread prepare quit"}));
+        Reply(reply);
+        ExpectLog(line.level, "[CUsbipClientLinux] " + line.text);
+        ExpectLog(1, "[CUsbipClientLinux] 5 write thread prepare quit");
         kernel->Send(Unlink(77));
         EXPECT_EQ(listener.WaitForPacket(), Unlink(77)) << "the kernel's commands still pass";
         EXPECT_EQ(runtime.Count({1, "[CUsbipClientLinux] work loop exit"}), 0);

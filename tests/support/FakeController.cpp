@@ -1,22 +1,20 @@
 #include "support/FakeController.h"
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <libudev.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <fstream>
 
 #include "support/Patience.h"
 
@@ -28,9 +26,6 @@ constexpr int kFree = 4;         // VDEV_ST_NULL
 constexpr int kNotAssigned = 5;  // VDEV_ST_NOTASSIGNED
 constexpr std::string_view kRecordDirectory = "/var/run/vhci_hcd";
 
-std::atomic<FakeController*> current_controller{nullptr};
-std::atomic<int> live_udev_objects{0};
-
 constexpr int kPatienceMilliseconds = static_cast<int>(kPatience.count()) * 1000;
 
 fs::path make_root() {
@@ -39,38 +34,24 @@ fs::path make_root() {
     return name;
 }
 
-void make_file(const fs::path& path) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) std::abort();
-    close(fd);
-}
-
-// The operation that the program would have called without ours: the C library's or, before it,
-// a sanitizer's.
-template <typename Function>
-Function next_definition(const char* name) {
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
 // Waits for bytes or the end; false when patience has run out. A signal does not end the wait.
 bool wait_readable(int socket) {
     pollfd readable{socket, POLLIN, 0};
-    int ready = 0;
-    do {
-        ready = poll(&readable, 1, kPatienceMilliseconds);
-    } while (ready < 0 && errno == EINTR);
-    return ready > 0;
+    while (true) {
+        const int ready = poll(&readable, 1, kPatienceMilliseconds);
+        if (ready >= 0 || errno != EINTR) return ready > 0;
+    }
 }
 
-// Where a path under the record directory leads; nothing for other paths. Without a controller
-// the way leads to a directory that does not exist.
-std::optional<std::string> redirected(const char* path) {
-    const std::string_view original(path);
-    if (!original.starts_with(kRecordDirectory)) return std::nullopt;
+// The path itself, or where one under the record directory leads. Without a controller the way
+// leads to a directory that does not exist.
+std::string redirected(const char* path) {
+    std::string name(path);
+    if (!name.starts_with(kRecordDirectory)) return name;
     const FakeController* controller = FakeController::Current();
-    const std::string base =
-        controller != nullptr ? controller->record_directory.string() : "/nonexistent/vhci_hcd";
-    return base + std::string(original.substr(kRecordDirectory.size()));
+    return name.replace(
+        0, kRecordDirectory.size(),
+        controller != nullptr ? controller->record_directory.string() : "/nonexistent/vhci_hcd");
 }
 
 }  // namespace
@@ -101,8 +82,7 @@ bool KernelEnd::Send(std::string_view bytes) {
 std::string KernelEnd::Receive(std::size_t size) {
     std::string bytes(size, '\0');
     std::size_t got = 0;
-    while (got < size) {
-        if (!wait_readable(socket_)) break;
+    while (got < size && wait_readable(socket_)) {
         const ssize_t count = read(socket_, bytes.data() + got, size - got);
         if (count <= 0) break;
         got += static_cast<std::size_t>(count);
@@ -113,17 +93,10 @@ std::string KernelEnd::Receive(std::size_t size) {
 
 bool KernelEnd::WaitForEnd() {
     char scrap[4096];
-    while (true) {
-        if (!wait_readable(socket_)) return false;
+    while (wait_readable(socket_)) {
         if (read(socket_, scrap, sizeof scrap) <= 0) return true;
     }
-}
-
-bool KernelEnd::WaitForUnread(int size) {
-    return Eventually([&] {
-        int unread = 0;
-        return ioctl(socket_, FIONREAD, &unread) == 0 && unread >= size;
-    });
+    return false;
 }
 
 bool KernelEnd::WaitUntilTaken() {
@@ -147,25 +120,17 @@ FakeController::FakeController(int controllers, int ports_each)
     for (int i = 0; i < controllers; ++i) {
         fs::create_directories(root / "platform" / ("vhci_hcd." + std::to_string(i)));
         const std::string status = i == 0 ? "status" : "status." + std::to_string(i);
-        attributes_["vhci_hcd.0"][status] = "";  // present; its text is generated
+        attributes_["vhci_hcd.0/" + status] = "";  // present; its text is generated
     }
-    attributes_["vhci_hcd.0"]["nports"] = std::to_string(controllers * ports_each);
-    make_file(root / "platform" / "vhci_hcd.0" / "attach");
-    if (current_controller.exchange(this) != nullptr) std::abort();
+    attributes_["vhci_hcd.0/nports"] = std::to_string(controllers * ports_each);
+    std::ofstream(root / "platform" / "vhci_hcd.0" / "attach").put('\n');
+    if (current_.exchange(this) != nullptr) std::abort();
 }
 
 FakeController::~FakeController() {
-    current_controller = nullptr;
+    current_ = nullptr;
     attaches_.clear();
     fs::remove_all(root);
-}
-
-FakeController* FakeController::Current() {
-    return current_controller;
-}
-
-int FakeController::LiveUdevObjects() {
-    return live_udev_objects;
 }
 
 std::unique_ptr<KernelEnd> FakeController::WaitForAttach() {
@@ -176,19 +141,9 @@ std::unique_ptr<KernelEnd> FakeController::WaitForAttach() {
     return end;
 }
 
-std::vector<std::string> FakeController::Requests() const {
-    const std::lock_guard lock(mutex_);
-    return requests_;
-}
-
 void FakeController::Occupy(unsigned port, int state, std::string local_busid) {
     const std::lock_guard lock(mutex_);
     ports_.at(port) = {state, std::move(local_busid)};
-}
-
-void FakeController::Free(unsigned port) {
-    const std::lock_guard lock(mutex_);
-    ports_.at(port) = {};
 }
 
 std::vector<int> FakeController::States() const {
@@ -202,16 +157,7 @@ std::vector<int> FakeController::States() const {
 void FakeController::SetAttribute(const std::string& device, const std::string& name,
                                   std::string text) {
     const std::lock_guard lock(mutex_);
-    attributes_[device][name] = std::move(text);
-}
-
-void FakeController::RemoveAttribute(const std::string& device, const std::string& name) {
-    const std::lock_guard lock(mutex_);
-    attributes_[device].erase(name);
-}
-
-void FakeController::RemoveDevice(const std::string& device) {
-    fs::remove_all(root / "platform" / device);
+    attributes_[device + '/' + name] = std::move(text);
 }
 
 void FakeController::AddUsbDevice(const std::string& busid,
@@ -221,25 +167,13 @@ void FakeController::AddUsbDevice(const std::string& busid,
         SetAttribute(busid, name, text);
 }
 
-std::optional<fs::path> FakeController::FindDevice(const std::string& subsystem,
-                                                   const std::string& name) const {
-    fs::path path = root / subsystem / name;
-    return fs::is_directory(path) ? std::optional(path) : std::nullopt;
-}
-
 std::optional<std::string> FakeController::Attribute(const std::string& device,
                                                      const std::string& name) const {
     const std::lock_guard lock(mutex_);
-    const auto of_device = attributes_.find(device);
-    if (of_device == attributes_.end()) return std::nullopt;
-    const auto found = of_device->second.find(name);
-    if (found == of_device->second.end()) return std::nullopt;
-    if (!found->second->empty() || !name.starts_with("status")) return found->second;
+    const auto found = attributes_.find(device + '/' + name);
+    if (found == attributes_.end()) return std::nullopt;
+    if (!found->second.empty() || !name.starts_with("status")) return found->second;
     return status_text(name == "status" ? 0 : std::stoi(name.substr(sizeof "status")));
-}
-
-bool FakeController::super_speed(unsigned port, int ports_each) {
-    return static_cast<int>(port) % ports_each >= ports_each / 2;
 }
 
 // As the driver prints it; libudev takes the last newline away.
@@ -247,11 +181,11 @@ std::string FakeController::status_text(int controller) const {
     std::string text = "hub port sta spd dev      sockfd local_busid";
     for (int i = controller * ports_each_; i < (controller + 1) * ports_each_; ++i) {
         const Port& port = ports_[static_cast<std::size_t>(i)];
+        const bool in_use = port.state > kNotAssigned;
         char line[100];
         std::snprintf(line, sizeof line, "\n%s  %04d %03d %03d %08x %06u %s",
-                      super_speed(static_cast<unsigned>(i), ports_each_) ? "ss" : "hs", i,
-                      port.state, port.state > kNotAssigned ? 3 : 0,
-                      port.state > kNotAssigned ? 0x00010004U : 0U, 0U, port.local_busid.c_str());
+                      i % ports_each_ < ports_each_ / 2 ? "hs" : "ss", i, port.state,
+                      in_use ? 3 : 0, in_use ? 0x00010004U : 0U, 0U, port.local_busid.c_str());
         text += line;
     }
     return text;
@@ -271,16 +205,14 @@ int FakeController::Attach(std::string_view request_bytes) {
     std::string request(request_bytes);
     requests_.push_back(request);
     if (refusal_ != 0) return refusal_;
-    unsigned port = 0;
-    int fd = -1;
-    unsigned devid = 0;
-    unsigned speed = 0;
-    if (std::sscanf(request.c_str(), "%u %d %u %u", &port, &fd, &devid, &speed) != 4) return EINVAL;
-    if (port >= ports_.size() || speed < 1 || speed > 5) return EINVAL;
-    int type = 0;
+    unsigned port = 0, devid = 0, speed = 0;
+    int fd = -1, type = 0;
     socklen_t size = sizeof type;
-    if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_STREAM)
+    if (std::sscanf(request.c_str(), "%u %d %u %u", &port, &fd, &devid, &speed) != 4 ||
+        port >= ports_.size() || speed < 1 || speed > 5 ||
+        getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_STREAM) {
         return EINVAL;
+    }
     if (ports_[port].state != kFree) return EBUSY;
     ports_[port].state = kNotAssigned;
     const int socket = fcntl(fd, F_DUPFD_CLOEXEC, 0);
@@ -303,13 +235,12 @@ struct udev_device {
 #define EXPORTED extern "C" __attribute__((visibility("default")))
 
 EXPORTED udev* udev_new() {
-    udev* context = new udev;
-    ++live_udev_objects;
-    return context;
+    ++FakeController::live_udev_objects;
+    return new udev;
 }
 
 EXPORTED udev* udev_unref(udev* context) {
-    --live_udev_objects;
+    --FakeController::live_udev_objects;
     delete context;
     return nullptr;
 }
@@ -318,23 +249,24 @@ EXPORTED udev_device* udev_device_new_from_subsystem_sysname(udev*, const char* 
                                                              const char* sysname) {
     const FakeController* controller = FakeController::Current();
     if (controller == nullptr) return nullptr;
-    const auto path = controller->FindDevice(subsystem, sysname);
-    if (!path) return nullptr;
-    ++live_udev_objects;
-    return new udev_device{path->string(), sysname, nullptr, {}};
+    const fs::path path = controller->root / subsystem / sysname;
+    if (!fs::is_directory(path)) return nullptr;
+    ++FakeController::live_udev_objects;
+    const fs::path parent = path.parent_path();
+    return new udev_device{
+        path,
+        sysname,
+        std::make_unique<udev_device>(udev_device{parent, parent.filename(), {}, {}}),
+        {}};
 }
 
 EXPORTED udev_device* udev_device_unref(udev_device* device) {
-    if (device != nullptr) --live_udev_objects;
+    if (device != nullptr) --FakeController::live_udev_objects;
     delete device;
     return nullptr;
 }
 
 EXPORTED udev_device* udev_device_get_parent(udev_device* device) {
-    if (!device->parent) {
-        const fs::path path = fs::path(device->syspath).parent_path();
-        device->parent.reset(new udev_device{path.string(), path.filename().string(), nullptr, {}});
-    }
     return device->parent.get();
 }
 
@@ -357,33 +289,30 @@ EXPORTED const char* udev_device_get_sysattr_value(udev_device* device, const ch
     return device->read_attributes.emplace(name, *text).first->second.c_str();
 }
 
-// --- the C library ---
+// --- the C library, by way of the operations that take a directory or a list ---
 
 EXPORTED ssize_t write(int fd, const void* data, size_t size) {
-    static const auto real_write = next_definition<decltype(&write)>("write");
     FakeController* controller = FakeController::Current();
-    if (controller == nullptr || !controller->IsAttachFile(fd)) return real_write(fd, data, size);
-    const int error = controller->Attach({static_cast<const char*>(data), size});
-    if (error == 0) return static_cast<ssize_t>(size);
-    errno = error;
-    return -1;
+    if (controller == nullptr || !controller->IsAttachFile(fd)) {
+        const iovec part{const_cast<void*>(data), size};
+        return writev(fd, &part, 1);
+    }
+    errno = controller->Attach({static_cast<const char*>(data), size});
+    return errno == 0 ? static_cast<ssize_t>(size) : -1;
 }
 
 EXPORTED int mkdir(const char* path, mode_t mode) noexcept {
-    static const auto real_mkdir = next_definition<int (*)(const char*, mode_t)>("mkdir");
-    return real_mkdir(redirected(path).value_or(path).c_str(), mode);
+    return mkdirat(AT_FDCWD, redirected(path).c_str(), mode);
 }
 
 EXPORTED int stat(const char* path, struct stat* result) noexcept {
-    static const auto real_stat = next_definition<int (*)(const char*, struct stat*)>("stat");
-    return real_stat(redirected(path).value_or(path).c_str(), result);
+    return fstatat(AT_FDCWD, redirected(path).c_str(), result, 0);
 }
 
 EXPORTED int open(const char* path, int flags, ...) {
-    static const auto real_open = next_definition<int (*)(const char*, int, ...)>("open");
     va_list arguments;
     va_start(arguments, flags);
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    return real_open(redirected(path).value_or(path).c_str(), flags, mode);
+    return openat(AT_FDCWD, redirected(path).c_str(), flags, mode);
 }

@@ -7,8 +7,8 @@
 // into the temporary directory; without a controller nothing is found and nothing is touched.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
-#include <cstdint>
 #include <ctime>
 #include <filesystem>
 #include <list>
@@ -20,6 +20,8 @@
 #include <string_view>
 #include <vector>
 
+#include "support/Patience.h"
+
 class FakeController;
 
 // The kernel's end of one attached device. Closing it (or destroying it) frees the port.
@@ -29,16 +31,14 @@ class KernelEnd {
     KernelEnd(FakeController& controller, unsigned port, int socket, std::string request);
     ~KernelEnd() { Close(); }
     KernelEnd(const KernelEnd&) = delete;
-    KernelEnd& operator=(const KernelEnd&) = delete;
 
     void Close();
     bool Send(std::string_view bytes);  // false when the client's end is gone
     std::string Receive(
-        std::size_t size);         // exactly `size` bytes; fewer at the end or out of patience
-    bool WaitForEnd();             // reads until the client's end is closed
-    bool WaitForUnread(int size);  // until so many bytes wait to be read
-    bool WaitUntilTaken();         // until the client has read what was sent, or has closed its end
-    void StopReading();            // later writes of the client fail
+        std::size_t size);  // exactly `size` bytes; fewer at the end or out of patience
+    bool WaitForEnd();      // reads until the client's end is closed
+    bool WaitUntilTaken();  // until the client has read what was sent, or has closed its end
+    void StopReading();     // later writes of the client fail
 
     const unsigned port;
     const std::string request;  // what was written to the attach file
@@ -54,25 +54,28 @@ class FakeController {
     // Of each controller, half of the ports are high-speed and half super-speed.
     explicit FakeController(int controllers = 1, int ports_each = 16);
     ~FakeController();
-    FakeController(const FakeController&) = delete;
-    FakeController& operator=(const FakeController&) = delete;
 
     std::unique_ptr<KernelEnd> WaitForAttach();  // in the order of the attaches; null: none came
     void RefuseAttaches(int error) { refusal_ = error; }
-    std::vector<std::string> Requests() const;  // every attach request so far, refused ones too
+    // Every attach request so far, refused ones too.
+    std::vector<std::string> Requests() const { return CopiedUnder(mutex_, requests_); }
 
     void Occupy(unsigned port, int state, std::string local_busid);
-    void Free(unsigned port);
+    void Free(unsigned port) { Occupy(port, Port().state, Port().local_busid); }
     std::vector<int> States() const;
 
     // Attributes of "vhci_hcd.0" or of a local USB device, in place of the generated ones.
     void SetAttribute(const std::string& device, const std::string& name, std::string text);
-    void RemoveAttribute(const std::string& device, const std::string& name);
-    void RemoveDevice(const std::string& device);
+    void RemoveAttribute(const std::string& device, const std::string& name) {
+        Under(mutex_, [&] { attributes_.erase(device + '/' + name); });
+    }
+    void RemoveDevice(const std::string& device) { remove_all(root / "platform" / device); }
     void AddUsbDevice(const std::string& busid,
                       const std::map<std::string, std::string>& attributes);
 
-    static int LiveUdevObjects();  // contexts and devices not yet given back
+    static int LiveUdevObjects() {
+        return live_udev_objects;
+    }  // contexts and devices not yet given back
 
     // How long a status takes to read. As slow as on a busy machine, so that clients that read the
     // port table at once find it the same. Set before there are clients.
@@ -82,9 +85,8 @@ class FakeController {
     const std::filesystem::path record_directory;  // where /var/run/vhci_hcd leads
 
     // For the stand-ins; see FakeController.cpp.
-    static FakeController* Current();
-    std::optional<std::filesystem::path> FindDevice(const std::string& subsystem,
-                                                    const std::string& name) const;
+    static FakeController* Current() { return current_; }
+    static inline std::atomic<int> live_udev_objects{0};
     std::optional<std::string> Attribute(const std::string& device, const std::string& name) const;
     bool IsAttachFile(int fd) const;
     int Attach(std::string_view request);  // 0 or an error number
@@ -94,8 +96,9 @@ class FakeController {
         int state = 4;
         std::string local_busid = "0-0";
     };
-    static bool super_speed(unsigned port, int ports_each);
     std::string status_text(int controller) const;
+
+    static inline std::atomic<FakeController*> current_{nullptr};
 
     const int ports_each_;
     mutable std::mutex mutex_;  // guards everything below
@@ -104,6 +107,5 @@ class FakeController {
     std::vector<Port> ports_;
     std::vector<std::string> requests_;
     std::list<std::unique_ptr<KernelEnd>> attaches_;  // not yet taken by the test
-    // By device and attribute name; no text: the attribute is missing.
-    std::map<std::string, std::map<std::string, std::optional<std::string>>> attributes_;
+    std::map<std::string, std::string> attributes_;   // by device/name
 };

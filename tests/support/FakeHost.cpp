@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 
 #include "wire/ChannelMessages.h"
 
@@ -21,35 +20,16 @@ void FakeRuntime::Log(int level, const char* text) {
     if (on_log) on_log();
 }
 
-bool FakeRuntime::GetConfig(bool, const char*, const char*, IXJModData**, const char*) {
-    return true;
-}
-
 bool FakeRuntime::WaitForLine(const LogLine& line, int times) {
     std::unique_lock lock(mutex_);
     return logged_.wait_for(
         lock, kPatience, [&] { return std::count(lines_.begin(), lines_.end(), line) >= times; });
 }
 
-int FakeRuntime::Count(const LogLine& line) const {
-    const std::lock_guard lock(mutex_);
-    return static_cast<int>(std::count(lines_.begin(), lines_.end(), line));
-}
-
-std::vector<LogLine> FakeRuntime::Lines() const {
-    const std::lock_guard lock(mutex_);
-    return lines_;
-}
-
 std::vector<LogLine> FakeRuntime::Lines(int level) const {
     std::vector<LogLine> selected = Lines();
     std::erase_if(selected, [&](const LogLine& line) { return line.level != level; });
     return selected;
-}
-
-void FakeRuntime::Forget() {
-    const std::lock_guard lock(mutex_);
-    lines_.clear();
 }
 
 // --- FakePropertySet ---
@@ -61,10 +41,6 @@ IXJModData* FakePropertySet::GetProperty(const char* key) {
 
 // --- FakeStream ---
 
-void FakeStream::Reserved1() {
-    std::abort();
-}  // the module must never call it
-
 int FakeStream::Read(void* buf, unsigned long len, unsigned long* got, unsigned long reserved) {
     std::unique_lock lock(mutex_);
     read_requests_.push_back(len);
@@ -73,7 +49,7 @@ int FakeStream::Read(void* buf, unsigned long len, unsigned long* got, unsigned 
     changed_.wait(lock, [&] { return !inbound_.empty() || ended_; });
     hungry_ = false;
     if (inbound_.empty() || reserved != 0) return 1;
-    *got = std::min({len, read_block_, static_cast<unsigned long>(inbound_.size())});
+    *got = std::min({len, read_block_.load(), static_cast<unsigned long>(inbound_.size())});
     std::memcpy(buf, inbound_.data(), *got);
     inbound_.erase(0, *got);
     return 0;
@@ -81,46 +57,13 @@ int FakeStream::Read(void* buf, unsigned long len, unsigned long* got, unsigned 
 
 int FakeStream::Write(const void* data, unsigned long len, unsigned long* written,
                       unsigned long reserved) {
-    {
-        const std::lock_guard lock(mutex_);
-        overlapped_ = overlapped_ || writing_;
-        writing_ = true;
-        ++write_calls_;
-    }
+    if (writing_.exchange(true)) overlapped_ = true;
     std::this_thread::yield();  // a second writer, if there is one, meets `writing_` set
-    const std::lock_guard lock(mutex_);
     writing_ = false;
-    if (reserved != 0) return 1;
-    if (failing_writes_ > 0) {
-        --failing_writes_;
-        return 1;
-    }
-    *written = std::min(len, write_block_);
-    outbound_.append(static_cast<const char*>(data), *written);
-    changed_.notify_all();
+    if (reserved != 0 || (failing_writes_ > 0 && failing_writes_-- > 0)) return 1;
+    *written = std::min(len, write_block_.load());
+    Change([&] { outbound_.append(static_cast<const char*>(data), *written); });
     return 0;
-}
-
-void FakeStream::Feed(const std::string& bytes) {
-    const std::lock_guard lock(mutex_);
-    inbound_ += bytes;
-    changed_.notify_all();
-}
-
-void FakeStream::End() {
-    const std::lock_guard lock(mutex_);
-    ended_ = true;
-    changed_.notify_all();
-}
-
-void FakeStream::Resume() {
-    const std::lock_guard lock(mutex_);
-    ended_ = false;
-}
-
-bool FakeStream::Drained() const {
-    const std::lock_guard lock(mutex_);
-    return inbound_.empty() && hungry_;
 }
 
 bool FakeStream::WaitUntilDrained() {
@@ -141,41 +84,6 @@ std::string FakeStream::WaitForMessage() {
     std::string message = outbound_.substr(0, whole());
     outbound_.erase(0, message.size());
     return message;
-}
-
-std::string FakeStream::Written() const {
-    const std::lock_guard lock(mutex_);
-    return outbound_;
-}
-
-void FakeStream::SetReadBlock(unsigned long size) {
-    const std::lock_guard lock(mutex_);
-    read_block_ = size;
-}
-
-void FakeStream::SetWriteBlock(unsigned long size) {
-    const std::lock_guard lock(mutex_);
-    write_block_ = size;
-}
-
-void FakeStream::FailWrites(int count) {
-    const std::lock_guard lock(mutex_);
-    failing_writes_ = count;
-}
-
-std::vector<unsigned long> FakeStream::ReadRequests() const {
-    const std::lock_guard lock(mutex_);
-    return read_requests_;
-}
-
-int FakeStream::WriteCalls() const {
-    const std::lock_guard lock(mutex_);
-    return write_calls_;
-}
-
-bool FakeStream::WritesOverlapped() const {
-    const std::lock_guard lock(mutex_);
-    return overlapped_;
 }
 
 // --- FakeHost ---

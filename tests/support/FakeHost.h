@@ -2,7 +2,10 @@
 // stream whose far end is the test.
 #pragma once
 
+#include <algorithm>
+#include <atomic>
 #include <condition_variable>
+#include <cstdlib>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -26,16 +29,20 @@ std::ostream& operator<<(std::ostream& out, const LogLine& line);
 class FakeRuntime : public IXJModRuntime {
   public:
     void Log(int level, const char* text) override;
-    bool GetConfig(bool, const char*, const char*, IXJModData**, const char*) override;
+    bool GetConfig(bool, const char*, const char*, IXJModData**, const char*) override {
+        return true;
+    }
     bool SaveConfig(bool, const char*, const char*, const char*) override { return true; }
     void* GetEnv(const char*) override { return this; }
 
     // Waits for the nth line with this level and text.
     bool WaitForLine(const LogLine& line, int times = 1);
-    int Count(const LogLine& line) const;
-    std::vector<LogLine> Lines() const;
+    long Count(const LogLine& line) const { return std::ranges::count(Lines(), line); }
+    std::vector<LogLine> Lines() const { return CopiedUnder(mutex_, lines_); }
     std::vector<LogLine> Lines(int level) const;
-    void Forget();
+    void Forget() {
+        Under(mutex_, [&] { lines_.clear(); });
+    }
 
     // Called for every line, on the logging thread. Set before the module logs.
     std::function<void()> on_log;
@@ -66,46 +73,63 @@ class FakeStream : public IPluginStreamRaw, protected CReference {
   public:
     long AddRef() override { return CReference::AddRef(); }
     long Release() override { return CReference::Release(); }
-    void Reserved1() override;
+    void Reserved1() override { std::abort(); }  // the module must never call it
     int Read(void* buf, unsigned long len, unsigned long* got, unsigned long reserved) override;
     int Write(const void* data, unsigned long len, unsigned long* written,
               unsigned long reserved) override;
 
     // The remote side's part.
-    void Feed(const std::string& bytes);
-    void End();                    // Read fails once everything fed has been read
-    void Resume();                 // Read works again
-    bool Drained() const;          // everything fed was read and Read is called again
-    bool WaitUntilDrained();       // until everything fed was read and Read is called again
+    void Feed(const std::string& bytes) {
+        Change([&] { inbound_ += bytes; });
+    }
+    // Read fails once everything fed has been read, until it is resumed.
+    void End() {
+        Change([&] { ended_ = true; });
+    }
+    void Resume() {
+        Change([&] { ended_ = false; });
+    }
+    // Everything fed was read and Read is called again.
+    bool Drained() const {
+        return Under(mutex_, [&] { return inbound_.empty() && hungry_; });
+    }
+    bool WaitUntilDrained();
     std::string WaitForMessage();  // the next whole message from the module; empty: none came
-    std::string Written() const;   // bytes from the module not yet taken as messages
+    // Bytes from the module not yet taken as messages.
+    std::string Written() const { return CopiedUnder(mutex_, outbound_); }
 
     // Knobs.
-    void SetReadBlock(unsigned long size);   // at most so many bytes in one Read
-    void SetWriteBlock(unsigned long size);  // at most so many in one Write; 0: success without
-    void FailWrites(int count);              // so many Writes from now on fail
+    void SetReadBlock(unsigned long size) { read_block_ = size; }  // at most so many in one Read
+    // At most so many bytes in one Write; 0: success without.
+    void SetWriteBlock(unsigned long size) { write_block_ = size; }
+    void FailWrites(int count) { failing_writes_ = count; }  // so many Writes from now on fail
 
     // Observations.
-    std::vector<unsigned long> ReadRequests() const;  // the `len` of every Read so far
-    int WriteCalls() const;
-    bool WritesOverlapped() const;
+    // The `len` of every Read so far.
+    std::vector<unsigned long> ReadRequests() const { return CopiedUnder(mutex_, read_requests_); }
+    bool WritesOverlapped() const { return overlapped_; }
     long References() { return AddRef(), Release(); }
 
   private:
     static constexpr unsigned long kUnlimited = ~0UL;
 
+    template <typename Operation>
+    void Change(Operation operation) {
+        Under(mutex_, operation);
+        changed_.notify_all();
+    }
+
+    std::atomic<bool> writing_{false};
+    std::atomic<bool> overlapped_{false};
+    std::atomic<unsigned long> read_block_{kUnlimited};
+    std::atomic<unsigned long> write_block_{kUnlimited};
+    std::atomic<int> failing_writes_{0};
     mutable std::mutex mutex_;  // guards everything below
     std::condition_variable changed_;
     std::string inbound_;
     std::string outbound_;
     bool ended_ = false;
     bool hungry_ = false;  // a Read is waiting
-    bool writing_ = false;
-    bool overlapped_ = false;
-    unsigned long read_block_ = kUnlimited;
-    unsigned long write_block_ = kUnlimited;
-    int failing_writes_ = 0;
-    int write_calls_ = 0;
     std::vector<unsigned long> read_requests_;
 };
 

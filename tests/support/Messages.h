@@ -45,14 +45,7 @@ inline std::string VersionRequest(std::uint8_t flags) {
 }
 
 inline _USBIP_DEV DeviceInfo(std::uint32_t speed = 3) {
-    _USBIP_DEV dev{};
-    std::strcpy(dev.instanceid, "disk");
-    dev.busid = 1;
-    dev.portid = 4;
-    dev.speed = speed;
-    dev.vid = 0x1D6B;
-    dev.pid = 0x0104;
-    return dev;
+    return {"disk", {}, {}, {}, /*busid=*/1, /*portid=*/4, speed, 0x1D6B, 0x0104, {}};
 }
 
 inline std::string MapMessage(std::uint32_t devid, const _USBIP_DEV& dev = DeviceInfo()) {

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <filesystem>
 #include <iterator>
+#include <mutex>
 
 // The bound of every wait for something that has to happen. Only a failing test ever waits so
 // long, so it is sized for the slowest setting: emulated, sanitized, on a busy machine.
@@ -29,6 +30,17 @@ bool Eventually(Condition condition) {
         nanosleep(&pause, nullptr);
     }
     return true;
+}
+
+template <typename Operation>
+auto Under(std::mutex& mutex, Operation operation) {
+    const std::lock_guard lock(mutex);
+    return operation();
+}
+template <typename Value>
+Value CopiedUnder(std::mutex& mutex, const Value& value) {
+    const std::lock_guard lock(mutex);
+    return value;
 }
 
 class Stopwatch {
@@ -56,11 +68,9 @@ inline long PeakResidentKilobytes() {
 }
 
 inline long OpenDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                         std::filesystem::directory_iterator());
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 inline long Threads() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
-                         std::filesystem::directory_iterator());
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
