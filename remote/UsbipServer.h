@@ -15,8 +15,8 @@
 
 namespace remote {
 
-// How long a server may take to accept a connection and to answer a request. A busy emulated one was
-// seen to take 9 s for four imports at once.
+// How long a server may take to accept a connection and to answer a request. A busy emulated one
+// was seen to take 9 s for four imports at once.
 inline constexpr std::chrono::seconds kServerTimeout{15};
 
 class UsbipServer {

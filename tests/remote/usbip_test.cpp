@@ -19,8 +19,8 @@ constexpr std::size_t kStatus = offsetof(usbip_header, u.ret_submit.status);
 constexpr std::size_t kTarget = offsetof(usbip_header, u.cmd_unlink.seqnum);
 constexpr std::size_t kPackets = offsetof(usbip_header, u.cmd_submit.number_of_packets);
 
-std::string With(std::size_t offset, std::uint32_t value, std::string pdu) {
-    StoreBe32(reinterpret_cast<std::uint8_t*>(&pdu[offset]), value);
+std::string With(std::size_t offset, std::int64_t value, std::string pdu) {
+    StoreBe32(reinterpret_cast<std::uint8_t*>(&pdu[offset]), static_cast<std::uint32_t>(value));
     return pdu;
 }
 
@@ -113,7 +113,7 @@ TEST_F(UsbipTrafficTest, UnlinksAreAnsweredOnceAndLiesEndTheDevice) {
         {"no reply at all", {urb, With(0, 9, reply)}, " >5 END"},
     };
     for (const auto& one : cases)
-        for (const std::size_t piece : {1, 7, 48, 250'000})
+        for (const std::size_t piece : {1UL, 7UL, 48UL, 250'000UL})
             EXPECT_EQ(Play(one.exchange, piece), one.outcome) << one.what << " by " << piece;
 }
 
