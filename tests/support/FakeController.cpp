@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <libudev.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -99,13 +98,6 @@ bool KernelEnd::WaitForEnd() {
     return false;
 }
 
-bool KernelEnd::WaitUntilTaken() {
-    return Eventually([&] {
-        int unsent = 0;
-        return ioctl(socket_, TIOCOUTQ, &unsent) == 0 && unsent == 0;
-    });
-}
-
 void KernelEnd::StopReading() {
     shutdown(socket_, SHUT_RD);
 }
@@ -144,14 +136,6 @@ std::unique_ptr<KernelEnd> FakeController::WaitForAttach() {
 void FakeController::Occupy(unsigned port, int state, std::string local_busid) {
     const std::lock_guard lock(mutex_);
     ports_.at(port) = {state, std::move(local_busid)};
-}
-
-std::vector<int> FakeController::States() const {
-    const std::lock_guard lock(mutex_);
-    std::vector<int> states;
-    for (const Port& port : ports_)
-        states.push_back(port.state);
-    return states;
 }
 
 void FakeController::SetAttribute(const std::string& device, const std::string& name,

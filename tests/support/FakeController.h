@@ -37,7 +37,6 @@ class KernelEnd {
     std::string Receive(
         std::size_t size);  // exactly `size` bytes; fewer at the end or out of patience
     bool WaitForEnd();      // reads until the client's end is closed
-    bool WaitUntilTaken();  // until the client has read what was sent, or has closed its end
     void StopReading();     // later writes of the client fail
 
     const unsigned port;
@@ -62,7 +61,6 @@ class FakeController {
 
     void Occupy(unsigned port, int state, std::string local_busid);
     void Free(unsigned port) { Occupy(port, Port().state, Port().local_busid); }
-    std::vector<int> States() const;
 
     // Attributes of "vhci_hcd.0" or of a local USB device, in place of the generated ones.
     void SetAttribute(const std::string& device, const std::string& name, std::string text);

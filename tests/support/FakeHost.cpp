@@ -120,12 +120,6 @@ void FakeHost::EndRun() {
     if (run_thread_.joinable()) run_thread_.join();
 }
 
-void FakeHost::RunAgain() {
-    EndRun();
-    stream->Resume();
-    run_thread_ = std::thread([this] { plugin->Run(); });
-}
-
 void FakeHost::DropPlugin() {
     EndRun();
     if (plugin) plugin->ExitInstance();

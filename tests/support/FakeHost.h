@@ -82,12 +82,9 @@ class FakeStream : public IPluginStreamRaw, protected CReference {
     void Feed(const std::string& bytes) {
         Change([&] { inbound_ += bytes; });
     }
-    // Read fails once everything fed has been read, until it is resumed.
+    // Read fails once everything fed has been read.
     void End() {
         Change([&] { ended_ = true; });
-    }
-    void Resume() {
-        Change([&] { ended_ = false; });
     }
     // Everything fed was read and Read is called again.
     bool Drained() const {
@@ -142,7 +139,6 @@ class FakeHost {
 
     void Start();       // InitInstance with `stream`, then Run on a thread of its own
     void EndRun();      // ends the stream and waits for Run
-    void RunAgain();    // EndRun, then Run with the same stream, without ExitInstance
     void DropPlugin();  // EndRun, ExitInstance, Release
 
     // One more plug-in of the same module.
