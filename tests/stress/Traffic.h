@@ -9,12 +9,10 @@
 
 // Zlib makes a body smaller, but never to nothing.
 inline std::string Body(std::uint32_t seqnum, std::size_t size) {
-    std::string body(size, '\0');
-    std::uint32_t value = seqnum * 2654435761U;
-    for (std::size_t i = 0; i < size; ++i) {
-        if (i % 5 == 0) value = value * 1664525U + 1013904223U;
-        body[i] = static_cast<char>('a' + value / 0x01000000 % 32);
-    }
+    std::string body;
+    for (auto x = seqnum * 2654435761U; body.size() < size; x = x * 1664525U + 1013904223U)
+        body.append(5, static_cast<char>('a' + x / 0x01000000 % 32));
+    body.resize(size);
     return body;
 }
 
@@ -30,8 +28,7 @@ inline std::string PeerPdu(std::uint32_t seqnum, std::size_t size) {
 }
 
 // What zlib's one-call `operation` makes of `data`; empty when it fails or needs more room.
-template <typename Operation>
-std::string Zlib(Operation operation, std::string_view data, uLongf room) {
+inline std::string Zlib(auto operation, std::string_view data, uLongf room) {
     std::string result(room, '\0');
     const int status = operation(reinterpret_cast<Bytef*>(result.data()), &room,
                                  reinterpret_cast<const Bytef*>(data.data()), data.size());
@@ -53,6 +50,5 @@ inline std::string CarriedPdu(std::string_view message) {
 }
 
 inline unsigned long FromEnvironment(const char* name, unsigned long otherwise) {
-    const char* text = std::getenv(name);
-    return text != nullptr ? std::strtoul(text, nullptr, 10) : otherwise;
+    return std::getenv(name) != nullptr ? std::strtoul(std::getenv(name), nullptr, 10) : otherwise;
 }
