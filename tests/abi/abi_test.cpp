@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -14,9 +15,31 @@
 #include <utility>
 #include <vector>
 
-#include "Slots.h"
-
 namespace {
+
+// --- fields at offsets and operations at slots, as the Itanium C++ ABI lays them out ---
+
+constexpr int kWord = sizeof(void*);
+
+template <typename T>
+T Load(const void* from, int offset) {
+    T value;
+    std::memcpy(&value, static_cast<const char*>(from) + offset, sizeof value);
+    return value;
+}
+
+// Calls the operation at `slot` of the table that the object's first word points to. The types
+// of result and arguments must be those of the operation, with pointers for references.
+template <typename Result, typename... Args>
+Result Call(void* object, int slot, Args... args) {
+    const void* table = Load<void*>(object, 0);
+    return Load<Result (*)(void*, Args...)>(table, slot * kWord)(object, args...);
+}
+
+// From the `word`th word in front of the object's table (-1 is the nearest).
+std::ptrdiff_t OffsetAt(const void* object, int word) {
+    return Load<std::ptrdiff_t>(Load<void*>(object, 0), word * kWord);
+}
 
 // --- objects made by hand, for the module to call ---
 
