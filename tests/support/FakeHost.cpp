@@ -1,7 +1,6 @@
 #include "support/FakeHost.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "wire/ChannelMessages.h"
 
@@ -50,8 +49,9 @@ int FakeStream::Read(void* buf, unsigned long len, unsigned long* got, unsigned 
     hungry_ = false;
     if (inbound_.empty() || reserved != 0) return 1;
     *got = std::min({len, read_block_.load(), static_cast<unsigned long>(inbound_.size())});
-    std::memcpy(buf, inbound_.data(), *got);
-    inbound_.erase(0, *got);
+    const auto end = inbound_.begin() + static_cast<long>(*got);
+    std::copy(inbound_.begin(), end, static_cast<char*>(buf));
+    inbound_.erase(inbound_.begin(), end);
     return 0;
 }
 
@@ -62,7 +62,8 @@ int FakeStream::Write(const void* data, unsigned long len, unsigned long* writte
     writing_ = false;
     if (reserved != 0 || (failing_writes_ > 0 && failing_writes_-- > 0)) return 1;
     *written = std::min(len, write_block_.load());
-    Change([&] { outbound_.append(static_cast<const char*>(data), *written); });
+    const auto* bytes = static_cast<const char*>(data);
+    Change([&] { outbound_.insert(outbound_.end(), bytes, bytes + *written); });
     return 0;
 }
 
@@ -75,14 +76,15 @@ std::string FakeStream::WaitForMessage() {
     std::unique_lock lock(mutex_);
     const auto whole = [&] {
         _MESSAGE_HEADER outer{};
-        if (outbound_.size() < sizeof outer) return std::size_t{0};
-        std::memcpy(&outer, outbound_.data(), sizeof outer);
+        if (outbound_.size() < sizeof outer) return 0L;
+        std::copy_n(outbound_.begin(), sizeof outer, reinterpret_cast<char*>(&outer));
         const std::size_t size = sizeof outer + outer.length;
-        return outbound_.size() < size ? 0 : size;
+        return outbound_.size() < size ? 0L : static_cast<long>(size);
     };
     if (!changed_.wait_for(lock, kPatience, [&] { return whole() != 0; })) return {};
-    std::string message = outbound_.substr(0, whole());
-    outbound_.erase(0, message.size());
+    const auto end = outbound_.begin() + whole();
+    std::string message(outbound_.begin(), end);
+    outbound_.erase(outbound_.begin(), end);
     return message;
 }
 
@@ -118,6 +120,12 @@ void FakeHost::Start() {
 void FakeHost::EndRun() {
     stream->End();
     if (run_thread_.joinable()) run_thread_.join();
+}
+
+void FakeHost::RunAgain() {
+    EndRun();
+    stream->End(false);
+    run_thread_ = std::thread([this] { plugin->Run(); });
 }
 
 void FakeHost::DropPlugin() {

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -80,11 +81,11 @@ class FakeStream : public IPluginStreamRaw, protected CReference {
 
     // The remote side's part.
     void Feed(const std::string& bytes) {
-        Change([&] { inbound_ += bytes; });
+        Change([&] { inbound_.insert(inbound_.end(), bytes.begin(), bytes.end()); });
     }
-    // Read fails once everything fed has been read.
-    void End() {
-        Change([&] { ended_ = true; });
+    // Read fails once everything fed has been read, until this is taken back.
+    void End(bool ended = true) {
+        Change([&] { ended_ = ended; });
     }
     // Everything fed was read and Read is called again.
     bool Drained() const {
@@ -93,7 +94,9 @@ class FakeStream : public IPluginStreamRaw, protected CReference {
     bool WaitUntilDrained();
     std::string WaitForMessage();  // the next whole message from the module; empty: none came
     // Bytes from the module not yet taken as messages.
-    std::string Written() const { return CopiedUnder(mutex_, outbound_); }
+    std::string Written() const {
+        return Under(mutex_, [&] { return std::string(outbound_.begin(), outbound_.end()); });
+    }
 
     // Knobs.
     void SetReadBlock(unsigned long size) { read_block_ = size; }  // at most so many in one Read
@@ -123,8 +126,8 @@ class FakeStream : public IPluginStreamRaw, protected CReference {
     std::atomic<int> failing_writes_{0};
     mutable std::mutex mutex_;  // guards everything below
     std::condition_variable changed_;
-    std::string inbound_;
-    std::string outbound_;
+    std::deque<char> inbound_;
+    std::deque<char> outbound_;
     bool ended_ = false;
     bool hungry_ = false;  // a Read is waiting
     std::vector<unsigned long> read_requests_;
@@ -139,6 +142,7 @@ class FakeHost {
 
     void Start();       // InitInstance with `stream`, then Run on a thread of its own
     void EndRun();      // ends the stream and waits for Run
+    void RunAgain();    // EndRun, then Run with the same stream, without ExitInstance
     void DropPlugin();  // EndRun, ExitInstance, Release
 
     // One more plug-in of the same module.
