@@ -49,7 +49,8 @@ if [ "$quick" = yes ]; then
     run_tests release -LE 'vm|tidy' -j "$(nproc)"
 else
     for preset in asan tsan; do build "$preset"; done
-    build arm64 --target xj-client-usbip xj-usbip-host xj-usbip-remote abi_test library_test
+    build arm64 --target xj-client-usbip xj-usbip-host xj-usbip-remote xj-usbip-microphone \
+        abi_test library_test
     run_tests release -LE vm -j "$(nproc)"
     for preset in asan tsan; do run_tests "$preset" -j "$(nproc)"; done
     build fuzz

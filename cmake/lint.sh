@@ -35,12 +35,13 @@ client base/ wire/ vhci/ module/XJModLog.h
 plugin base/ wire/ client/ module/XJModLog.h module/abi/
 host base/Reference.h module/abi/
 remote wire/
+vm/microphone wire/ remote/
 fuzz base/ wire/ module/ plugin/ client/ vhci/ remote/ support/
 RULES
 
 if [ "${1:-}" = --tidy ]; then
     cmake --preset lint >/dev/null
-    run-clang-tidy -quiet -p build/lint -j "$(nproc)" "^$PWD/(base|client|fuzz|host|module|plugin|remote|tests|vhci)/.*" \
+    run-clang-tidy -quiet -p build/lint -j "$(nproc)" "^$PWD/(base|client|fuzz|host|module|plugin|remote|tests|vhci|vm)/.*" \
         >build/lint/tidy.log 2>&1 || {
         grep -E 'error:|warning:' build/lint/tidy.log | sort -u >&2
         complain "lint: clang-tidy is not content"

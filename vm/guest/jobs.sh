@@ -54,6 +54,33 @@ heard_is() {
     [ "$(tail -c +45 "$heard" | tr -d '\000' | sha256sum)" = "$expected" ]
 }
 
+# --- a microphone -----------------------------------------------------------------------------
+
+# start_microphone: a USB/IP server whose only device is one, as 1-1. Its samples count upwards.
+start_microphone() {
+    modprobe snd-usb-audio
+    xj-usbip-microphone 127.0.0.1:3240 >"$LOG_DIR/microphone.log" 2>&1 </dev/null 8>&- 9<&- &
+    wait_until 10 "the microphone" grep -q "listening on" "$LOG_DIR/microphone.log"
+}
+
+# record PCM: two seconds from this device, such as pcmC0D0c, without an overrun. -N: it waits for
+# samples as long as that takes, and does not call a busy machine an I/O error.
+record() {
+    local card
+    card=${1#pcmC}
+    arecord -q -N -D "hw:${card%%D*},0" -t raw -f S16_LE -c 1 -r 44100 -d 2 /tmp/recorded \
+        >/tmp/arecord.log 2>&1 || fail "arecord: $(cat /tmp/arecord.log)"
+    expect_same "complaints of arecord" "none" "$(grep . /tmp/arecord.log || echo none)"
+}
+
+# expect_whole_record: each sample is the one before plus 1, modulo 65536, and none is missing.
+expect_whole_record() {
+    expect_same "record" "88200 samples without a gap" "$(od -An -t u2 -w2 -v /tmp/recorded | awk '
+        NR > 1 && $1 != (last + 1) % 65536 { gaps = gaps ", " last " then " $1 " at " NR }
+        { last = $1 }
+        END { print NR " samples " (gaps ? "with gaps" substr(gaps, 1, 500) : "without a gap") }')"
+}
+
 # --- a serial adapter -------------------------------------------------------------------------
 
 # plug_serial PORT: with a file at its other end for what it sends, and a pipe for what it receives.

@@ -12,7 +12,7 @@ echo 20 >/proc/sys/kernel/hung_task_timeout_secs  # a stuck task is told within 
 export REMOTE_ADDRESS=10.0.2.2
 export VM_DIR ARM64_DIR LOG_DIR
 export HOST_PROGRAM="$ARM64_DIR/host/xj-usbip-host" MODULE="$ARM64_DIR/libxj-client-usbip.so"
-export PATH="$PATH:/usr/sbin:/usr/bin:$ARM64_DIR/host:$ARM64_DIR/remote"
+export PATH="$PATH:/usr/sbin:/usr/bin:$ARM64_DIR/host:$ARM64_DIR/remote:$ARM64_DIR/vm/microphone"
 
 # The first port of the only serial device, whose own number depends on what else there is.
 exec 8<>"$(echo /dev/vport*p1)" 9<&8  # requests to the outside and its answers; see lib.sh

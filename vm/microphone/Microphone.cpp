@@ -1,0 +1,180 @@
+#include "vm/microphone/Microphone.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+#include <string_view>
+
+namespace remote {
+namespace {
+
+using Packet = usbip_iso_packet_descriptor;
+
+// Of the Linux Foundation's audio gadget.
+constexpr std::uint16_t kVendor = 0x1D6B;
+constexpr std::uint16_t kProduct = 0x0101;
+
+constexpr std::uint32_t kSampleRate = 44'100;
+constexpr std::chrono::microseconds kPacketTime{125};  // a microframe
+constexpr std::uint32_t kPacketsPerSecond = 8000;
+constexpr std::size_t kLongestPacket = 6 * sizeof(std::uint16_t);
+constexpr std::uint8_t kPacketRoom = 16;
+constexpr std::size_t kMaxUrbs = 64;  // the kernel's audio driver has 12 under way
+
+enum Interface : std::uint8_t { kAudioControl = 0, kAudioStreaming = 1 };
+constexpr std::uint8_t kEndpoint = 1;
+
+// bmRequestType << 8 | bRequest, and wValue (USB 2.0 section 9.4)
+enum Request : std::uint16_t {
+    kGetDescriptor = 0x8006,
+    kSetConfiguration = 0x0009,
+    kSetInterface = 0x010B,
+};
+enum Descriptor : std::uint16_t { kDevice = 0x0100, kConfiguration = 0x0200 };
+
+// USB 2.0 section 9.6
+constexpr std::uint8_t kDeviceDescriptor[] = {
+    // USB 2.0; the class is the interfaces'
+    18, 0x01, 0x00, 0x02, 0, 0, 0, 64,
+    // ids, release 1.0, no texts, one configuration
+    kVendor & 0xFF, kVendor >> 8, kProduct & 0xFF, kProduct >> 8, 0x00, 0x01, 0, 0, 0, 1};
+
+// USB Audio 1.0 section 4
+constexpr std::uint8_t kConfigurationDescriptor[] = {
+    // self-powered
+    9, 0x02, 100, 0, 2, 1, 0, 0xC0, 0,
+    // interface for control
+    9, 0x04, kAudioControl, 0, 0, 0x01, 0x01, 0, 0,
+    // its header, of 30 bytes with the terminals
+    9, 0x24, 0x01, 0x00, 0x01, 30, 0, 1, kAudioStreaming,
+    // input terminal 1: a microphone with one channel
+    12, 0x24, 0x02, 1, 0x01, 0x02, 0, 1, 0, 0, 0, 0,
+    // output terminal 2: USB, with the other for a source
+    9, 0x24, 0x03, 2, 0x01, 0x01, 0, 1, 0,
+    // interface for the stream, at rest
+    9, 0x04, kAudioStreaming, 0, 0, 0x01, 0x02, 0, 0,
+    // and with an endpoint
+    9, 0x04, kAudioStreaming, 1, 1, 0x01, 0x02, 0, 0,
+    // PCM, from terminal 2
+    7, 0x24, 0x01, 2, 1, 0x01, 0x00,
+    // one channel, 16 bits, one sample rate
+    11, 0x24, 0x02, 0x01, 1, 2, 16, 1, kSampleRate & 0xFF, kSampleRate >> 8, 0,
+    // isochronous endpoint, asynchronous, every microframe
+    9, 0x05, 0x80 | kEndpoint, 0x05, kPacketRoom, 0, 1, 0, 0,
+    // whose rate cannot be set
+    7, 0x25, 0x01, 0x00, 0, 0, 0};
+static_assert(std::size(kConfigurationDescriptor) == 100);
+
+Bytes reply_to(std::uint32_t seqnum, int status, ByteView data = {}, ByteView packets = {}) {
+    usbip_header header{};
+    header.command = htobe32(USBIP_RET_SUBMIT);
+    header.seqnum = htobe32(seqnum);
+    header.u.ret_submit.status = htobe32(static_cast<std::uint32_t>(status));
+    header.u.ret_submit.actual_length = htobe32(static_cast<std::uint32_t>(data.size()));
+    header.u.ret_submit.number_of_packets =
+        htobe32(static_cast<std::uint32_t>(packets.size() / sizeof(Packet)));
+    Bytes pdu(sizeof header);
+    StoreRaw(pdu.data(), header);
+    pdu.insert(pdu.end(), data.begin(), data.end());
+    pdu.insert(pdu.end(), packets.begin(), packets.end());
+    return pdu;
+}
+
+}  // namespace
+
+usbip_op_device MicrophoneRecord() {
+    usbip_op_device record{};
+    std::string_view("/microphone").copy(record.path, sizeof record.path - 1);
+    std::string_view("1-1").copy(record.busid, sizeof record.busid - 1);
+    record.busnum = htobe32(1);
+    record.devnum = htobe32(2);
+    record.speed = htobe32(static_cast<std::uint32_t>(UsbSpeed::kHigh));
+    record.id_vendor = htobe16(kVendor);
+    record.id_product = htobe16(kProduct);
+    record.configurations = 1;
+    record.interfaces = 2;
+    return record;
+}
+
+Bytes Microphone::Command(ByteView pdu) {
+    const auto header = LoadRaw<usbip_header>(pdu.data());
+    const std::uint32_t seqnum = be32toh(header.seqnum);
+    if (be32toh(header.command) == USBIP_CMD_UNLINK) {
+        return Unlink(seqnum, be32toh(header.u.cmd_unlink.seqnum));
+    }
+    submitted_.Add(seqnum);
+    if (be32toh(header.ep) == kEndpoint) {
+        return Submit(seqnum, header, pdu.subspan(sizeof header));
+    }
+    const std::optional<Bytes> answer = Control(header.u.cmd_submit.setup);
+    if (!answer) return reply_to(seqnum, -EPIPE);
+    const std::size_t room = be32toh(header.u.cmd_submit.transfer_buffer_length);
+    return reply_to(seqnum, 0, ByteView(*answer).first(std::min(answer->size(), room)));
+}
+
+// The data of an answer, none for OUT requests. Nothing: the request stalls.
+std::optional<Bytes> Microphone::Control(const std::uint8_t* setup) {
+    const std::uint16_t value = LoadLe16(setup + 2);
+    switch (setup[0] << 8 | setup[1]) {
+        case kGetDescriptor:
+            if (value == kDevice) {
+                return Bytes(std::begin(kDeviceDescriptor), std::end(kDeviceDescriptor));
+            }
+            if (value != kConfiguration) return std::nullopt;
+            return Bytes(std::begin(kConfigurationDescriptor), std::end(kConfigurationDescriptor));
+        case kSetInterface:
+            streaming_ = LoadLe16(setup + 4) == kAudioStreaming && value == 1;
+            return Bytes{};
+        case kSetConfiguration:
+            return Bytes{};
+        default:
+            return std::nullopt;
+    }
+}
+
+// Packets follow those of the URB before. While there is no URB, time stands still: a microphone
+// would lose samples then, and this one is to show who else does.
+Bytes Microphone::Submit(std::uint32_t seqnum, const usbip_header& header, ByteView packets) {
+    const std::size_t count = packets.size() / sizeof(Packet);
+    bool fits = streaming_ && header.direction != USBIP_DIR_OUT && urbs_.size() < kMaxUrbs &&
+                be32toh(header.u.cmd_submit.transfer_buffer_length) / kLongestPacket >= count;
+    for (std::size_t i = 0; fits && i < count; ++i) {
+        const auto packet = LoadRaw<Packet>(&packets[i * sizeof(Packet)]);
+        fits = be32toh(packet.length) >= kLongestPacket;
+    }
+    if (!fits) return reply_to(seqnum, -EINVAL);
+    recorded_until_ = std::max(recorded_until_, Clock::now()) + count * kPacketTime;
+    urbs_.push_back({seqnum, recorded_until_, Bytes(packets.begin(), packets.end())});
+    return {};
+}
+
+std::optional<Clock::time_point> Microphone::Due() const {
+    return urbs_.empty() ? std::nullopt : std::optional(urbs_.front().due);
+}
+
+Bytes Microphone::TakeRecording() {
+    Bytes& packets = urbs_.front().packets;
+    Bytes data;
+    for (std::size_t at = 0; at < packets.size(); at += sizeof(Packet)) {
+        const std::size_t before = data.size();
+        for (phase_ += kSampleRate; phase_ >= kPacketsPerSecond; phase_ -= kPacketsPerSecond) {
+            data.push_back(static_cast<std::uint8_t>(sample_ & 0xFF));
+            data.push_back(static_cast<std::uint8_t>(sample_++ >> 8));
+        }
+        auto packet = LoadRaw<Packet>(&packets[at]);
+        packet.actual_length = htobe32(static_cast<std::uint32_t>(data.size() - before));
+        packet.status = 0;
+        StoreRaw(&packets[at], packet);
+    }
+    Bytes reply = reply_to(urbs_.front().seqnum, 0, data, packets);
+    urbs_.pop_front();
+    return reply;
+}
+
+Bytes Microphone::Unlink(std::uint32_t seqnum, std::uint32_t target) {
+    const bool dropped =
+        std::erase_if(urbs_, [&](const Urb& urb) { return urb.seqnum == target; }) != 0;
+    return RetUnlinkPdu(seqnum, dropped || !submitted_.Contains(target) ? -ECONNRESET : 0);
+}
+
+}  // namespace remote

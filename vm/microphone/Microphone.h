@@ -1,0 +1,56 @@
+// A USB microphone without a body. Its sound is a running number: every sample is the one before
+// plus 1 (modulo 2^16), so that what a driver records shows each byte that was lost, doubled or
+// displaced on the way.
+//
+// It is a USB Audio 1.0 device of high speed with one channel of 16 bits and 44,100 samples a
+// second. Eight packets a millisecond make URBs of several packets, and since a packet carries 5 or
+// 6 samples but the driver makes room for 7, there is a gap behind each that the reply leaves out.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+
+#include "remote/Bytes.h"
+#include "remote/Device.h"
+#include "remote/Unlink.h"
+#include "wire/UsbipPdu.h"
+#include "wire/UsbipServer.h"
+
+namespace remote {
+
+usbip_op_device MicrophoneRecord();
+
+// One attachment.
+class Microphone {
+  public:
+    // Takes one whole command and returns the reply. None: it follows later.
+    Bytes Command(ByteView pdu);
+
+    // When the packets of the first URB will have been recorded.
+    std::optional<Clock::time_point> Due() const;
+
+    // The reply to that URB.
+    Bytes TakeRecording();
+
+  private:
+    struct Urb {
+        std::uint32_t seqnum;
+        Clock::time_point due;
+        Bytes packets;  // their descriptors
+    };
+
+    std::optional<Bytes> Control(const std::uint8_t* setup);
+    Bytes Submit(std::uint32_t seqnum, const usbip_header& header, ByteView packets);
+    Bytes Unlink(std::uint32_t seqnum, std::uint32_t target);
+
+    SubmittedNumbers submitted_;
+    bool streaming_ = false;  // the alternate setting with the endpoint is selected
+    std::deque<Urb> urbs_;
+    Clock::time_point recorded_until_;  // the end of the last one
+    std::uint32_t phase_ = 0;           // time not yet sampled, in units of 1 / (44,100 * 8000) s
+    std::uint16_t sample_ = 0;          // the next one
+};
+
+}  // namespace remote

@@ -1,0 +1,15 @@
+# about: a microphone that a USB/IP server offers: every sample is recorded, in order, no overrun
+# shellcheck source=guest/bridge.sh
+. "$VM_DIR/guest/bridge.sh"
+busid() { echo 1-1; }  # of the only device there is, on no bus
+start_microphone
+for way in kernel our; do
+    attach $way 1
+    pcm=$(wait_for_imported sound 'pcmC*c')
+    tell_when_usable $way
+    for time in first second; do
+        timed "$way way: two seconds of sound, for the $time time," record "$pcm"
+        expect_whole_record
+    done
+    detach $way
+done
