@@ -6,6 +6,7 @@
 #include <list>
 #include <memory>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "base/BaseThread.h"
@@ -47,7 +48,7 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
     bool WorkThreadLoop();
     bool AttachDevice();
     enum class AttachResult { kDone, kFailed, kUnsettled };
-    AttachResult TryAttach();
+    AttachResult TryAttach(std::string& unsettled);
     void ForwardLoop();
     bool CheckDevRead();
     void RecordOutSeq(unsigned int seqnum);

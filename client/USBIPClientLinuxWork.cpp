@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "client/IClientUsbipListenter.h"
 #include "client/USBIPClientLinux.h"
@@ -55,12 +56,19 @@ bool CUsbipClientLinux::WorkThreadLoop() {
 }
 
 // A device that is mapped while the kernel enumerates another one finds a port in use without its
-// local device. That passes, so it is given a while.
+// local device. That passes, so it is given a while; and as many times as there are such devices,
+// since the kernel enumerates one after the other.
 bool CUsbipClientLinux::AttachDevice() {
-    const auto give_up = std::chrono::steady_clock::now() + kSettleTime;
+    std::string awaited;
+    auto give_up = std::chrono::steady_clock::now();
     for (;;) {
-        const AttachResult result = TryAttach();
+        std::string unsettled;
+        const AttachResult result = TryAttach(unsettled);
         if (result != AttachResult::kUnsettled) return result == AttachResult::kDone;
+        if (unsettled != awaited) {
+            awaited = std::move(unsettled);
+            give_up = std::chrono::steady_clock::now() + kSettleTime;
+        }
         pollfd end{m_sockfd[0], POLLIN, 0};
         poll(&end, 1, kSettlePauseMs);  // Stop's shutdown ends the pause
         if (m_bQuit || std::chrono::steady_clock::now() >= give_up) {
@@ -70,12 +78,14 @@ bool CUsbipClientLinux::AttachDevice() {
     }
 }
 
-CUsbipClientLinux::AttachResult CUsbipClientLinux::TryAttach() try {
+// `unsettled` receives the bus id of the device that kUnsettled is about.
+CUsbipClientLinux::AttachResult CUsbipClientLinux::TryAttach(std::string& unsettled) try {
     // Held from reading the port table to the attach request: two clients never choose one port.
     CLockGuard guard(CLinuxVHCI::AttachLock());
     CLinuxVHCI vhci;
     if (!vhci.Open()) {
-        if (vhci.Unsettled()) return AttachResult::kUnsettled;
+        unsettled = vhci.Unsettled();
+        if (!unsettled.empty()) return AttachResult::kUnsettled;
         XJModLog(4, "[CUsbipClientLinux]  vhci open fail");
         return AttachResult::kFailed;
     }

@@ -79,7 +79,7 @@ ILockItem& CLinuxVHCI::AttachLock() {
 
 bool CLinuxVHCI::Open() {
     Clean();
-    unsettled_ = false;
+    unsettled_.clear();
     XJModLog(8, "[linuxvhci] open start");
     const auto fail = [this](const char* line) {
         XJModLog(4, "%s", line);
@@ -204,7 +204,7 @@ bool CLinuxVHCI::ParseStatus(const char* text) {
         if (device.status != VDEV_ST_NULL && device.status != VDEV_ST_NOTASSIGNED &&
             !InitImportedDevice(&device, lbusid)) {
             XJModLog(4, "[linuxvhci] ParseStatus InitImportedDevice fail busid %s", lbusid);
-            unsettled_ = true;
+            unsettled_ = lbusid;
             return false;
         }
     }

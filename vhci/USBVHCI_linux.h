@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "base/Lock.h"
@@ -60,9 +61,10 @@ class CLinuxVHCI {
 
     // Finds the driver and loads the port table. False, with a log line, leaves the object closed.
     bool Open();
-    // After a failed Open: a port in use had no local device, as while the kernel is enumerating
-    // or removing one. Opening again a little later may succeed.
-    bool Unsettled() const { return unsettled_; }
+    // After a failed Open: the bus id of the first port in use that had no local device, as while
+    // the kernel is enumerating or removing it. Opening again a little later may succeed. Empty
+    // after any other failure.
+    const std::string& Unsettled() const { return unsettled_; }
     void Close();
 
     // Plugs the device at the other end of `sockfd` into a free port that suits `speed`. True: the
@@ -87,5 +89,5 @@ class CLinuxVHCI {
     int ncontrollers_ = 0;
     int nports_ = 0;                           // over all controllers
     std::vector<usbip_imported_device> idev_;  // indexed by port number
-    bool unsettled_ = false;
+    std::string unsettled_;
 };

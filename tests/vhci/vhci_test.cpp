@@ -169,7 +169,7 @@ TEST_F(VhciTest, OpenFailures) {
         const char* attribute;
         std::optional<std::string> text;  // none: the attribute is missing
         std::string lines;
-        bool unsettled = false;
+        std::string unsettled = {};
     } rows[] = {
         {"status.1", "no newline", kNoList},
         {"status.1",
@@ -179,7 +179,7 @@ TEST_F(VhciTest, OpenFailures) {
          "InitImportedDevice udev_device_new_from_subsystem_sysname fail busid 9-9\nParseStatus "
          "InitImportedDevice fail busid 9-9\n" +
              kNoList,
-         true},
+         "9-9"},
         {"nports", "0", no_port},
         {"nports", "-1", no_port},
         {"nports", "3841", no_port},
