@@ -45,7 +45,7 @@ extern "C" ssize_t recv(int socket, void* buffer, std::size_t size, int flags) {
 
 // PDU number n, in either direction, belongs to device n % kDevices.
 TEST(Integrity, EveryPduArrivesOnceWholeAndInOrder) {
-    const auto pdus = FromEnvironment("XJ_STRESS_PDUS", kSanitized ? 8000 : 50'000);
+    const auto pdus = FromEnvironment("XJ_STRESS_PDUS", kSanitized ? 20'000 : 50'000);
     FakeController controller{4, 16};
     FakeHost host;
     host.Start();
