@@ -102,6 +102,10 @@ void KernelEnd::StopReading() {
     shutdown(socket_, SHUT_RD);
 }
 
+void KernelEnd::StopSending() {
+    shutdown(socket_, SHUT_WR);
+}
+
 // --- FakeController ---
 
 FakeController::FakeController(int controllers, int ports_each)
@@ -219,8 +223,10 @@ struct udev_device {
 #define EXPORTED extern "C" __attribute__((visibility("default")))
 
 EXPORTED udev* udev_new() {
+    udev* context =
+        new udev;  // no tail call: to the fault test it would look like the module's own
     ++FakeController::live_udev_objects;
-    return new udev;
+    return context;
 }
 
 EXPORTED udev* udev_unref(udev* context) {

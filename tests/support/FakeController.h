@@ -18,6 +18,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "support/Patience.h"
@@ -38,6 +39,7 @@ class KernelEnd {
         std::size_t size);  // exactly `size` bytes; fewer at the end or out of patience
     bool WaitForEnd();      // reads until the client's end is closed
     void StopReading();     // later writes of the client fail
+    void StopSending();     // the client sees the end behind what was sent
 
     const unsigned port;
     const std::string request;  // what was written to the attach file
@@ -55,6 +57,9 @@ class FakeController {
     ~FakeController();
 
     std::unique_ptr<KernelEnd> WaitForAttach();  // in the order of the attaches; null: none came
+    std::list<std::unique_ptr<KernelEnd>> Attached() {  // those that no test has taken yet
+        return Under(mutex_, [&] { return std::exchange(attaches_, {}); });
+    }
     void RefuseAttaches(int error) { refusal_ = error; }
     // Every attach request so far, refused ones too.
     std::vector<std::string> Requests() const { return CopiedUnder(mutex_, requests_); }
