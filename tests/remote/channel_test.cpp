@@ -1,9 +1,9 @@
 // Messages out of the stream and into it.
 #include "remote/Channel.h"
 
-#include <zlib.h>
-
 #include <algorithm>
+#include <array>
+#include <tuple>
 
 #include "Pdus.h"
 
@@ -12,190 +12,104 @@ namespace {
 
 constexpr std::uint32_t kDevid = 7;
 
-// A forward as the client makes it. `rawsize` != 0: the data is a zlib stream.
-Bytes Forward(const Bytes& data, std::uint32_t rawsize = 0) {
-    usbip_forward head{};
-    head.head = MakeMessageHead(kUsbipForward, kForwardOverhead + data.size());
-    head.devid = kDevid;
-    head.datasize = static_cast<std::uint32_t>(data.size());
-    head.rawsize = rawsize;
-    Bytes message(sizeof head);
-    StoreRaw(message.data(), head);
-    message.insert(message.end(), data.begin(), data.end());
-    message.resize(message.size() + kForwardFiller);
-    return message;
+std::string Compressed(const std::string& pdu) {
+    return ForwardMessage(kDevid, Deflated(pdu), static_cast<std::uint32_t>(pdu.size()));
 }
 
-Bytes Compressed(const Bytes& pdu) {
-    Bytes deflated(compressBound(pdu.size()));
-    uLongf size = deflated.size();
-    compress(deflated.data(), &size, pdu.data(), pdu.size());
-    deflated.resize(size);
-    return deflated;
-}
-
-Bytes WritePdu(std::size_t size) {
-    return Submit{.seqnum = 1, .endpoint = 2, .direction = kOut, .data = Pattern(size)}.Pdu();
-}
-
-struct Received {
-    std::vector<Bytes> pdus;
-    std::string error;
-};
-
-// Feeds the stream in pieces of `piece` bytes and decodes what comes out.
-Received Feed(const Bytes& stream, std::size_t piece) {
+// Feeds the stream in pieces of `piece` bytes. Returns the PDUs that come out, one behind the
+// other, or what is wrong.
+std::string Feed(std::string_view stream, std::size_t piece) {
     MessageReader reader;
-    Received received;
-    for (std::size_t at = 0; at < stream.size();) {
+    std::string pdus;
+    for (; !stream.empty(); stream.remove_prefix(piece)) {
         const ByteSpan space = reader.Space();
-        const std::size_t size = std::min({piece, stream.size() - at, space.size()});
-        std::copy_n(stream.begin() + static_cast<std::ptrdiff_t>(at), size, space.begin());
-        reader.Advance(size);
-        at += size;
+        piece = std::min({piece, stream.size(), space.size()});
+        std::copy_n(stream.begin(), piece, space.begin());
+        reader.Advance(piece);
         for (ByteView whole; !(whole = reader.Next()).empty();) {
             Message message;
-            received.error = DecodeMessage(whole, message);
-            if (!received.error.empty()) return received;
+            const std::string error = DecodeMessage(whole, message);
+            if (!error.empty()) return error;
             EXPECT_EQ(message.number, kDevid);
-            received.pdus.emplace_back(message.pdu.begin(), message.pdu.end());
+            pdus += Text(message.pdu);
         }
-        received.error = reader.Error();
-        if (!received.error.empty()) return received;
+        if (!reader.Error().empty()) return reader.Error();
     }
-    if (!reader.Empty()) received.error = "incomplete";
-    return received;
+    return reader.Empty() ? pdus : "incomplete";
 }
 
 TEST(Channel, MessagesComeOutWholeInPiecesOfAnySize) {
-    const std::vector<Bytes> pdus{WritePdu(31), WritePdu(300'000), UnlinkPdu(2, 1)};
-    Bytes stream;
-    for (const Bytes& pdu : pdus) {
-        for (const Bytes& message :
-             {Forward(pdu), Forward(Compressed(pdu), static_cast<std::uint32_t>(pdu.size()))}) {
-            stream.insert(stream.end(), message.begin(), message.end());
-        }
-    }
-    for (const std::size_t piece :
-         {std::size_t{1}, std::size_t{7}, std::size_t{48}, stream.size()}) {
-        const Received received = Feed(stream, piece);
-        EXPECT_EQ(received.error, "") << "pieces of " << piece;
-        ASSERT_EQ(received.pdus.size(), 2 * pdus.size()) << "pieces of " << piece;
-        for (std::size_t i = 0; i < received.pdus.size(); ++i) {
-            EXPECT_EQ(received.pdus[i], pdus[i / 2]) << "message " << i;
-        }
-    }
-}
-
-TEST(Channel, TruncatedAnywhereNothingComesOut) {
-    const Bytes message = Forward(WritePdu(31));
-    for (std::size_t size = 1; size < message.size(); ++size) {
-        const Bytes part(message.begin(), message.begin() + static_cast<std::ptrdiff_t>(size));
-        const Received received = Feed(part, 16);
-        EXPECT_TRUE(received.pdus.empty() && received.error == "incomplete") << size << " bytes";
-    }
+    const std::string small = SubmitOut(1, "data"), large = SubmitOut(2, kMegabyte);
+    const std::string stream = ForwardMessage(kDevid, small) + ForwardMessage(kDevid, large) +
+                               Compressed(large) + Compressed(Unlink(3));
+    for (const std::size_t piece : {1UL, 7UL, 48UL, stream.size()})
+        EXPECT_TRUE(Feed(stream, piece) == small + large + large + Unlink(3)) << piece;
 }
 
 TEST(Channel, MalformedMessagesAreRefused) {
-    const Bytes good = WritePdu(100);
-    const auto changed = [](Bytes message, std::size_t offset, std::uint32_t value) {
-        StoreLe32(&message[offset], value);
-        return message;
+    const std::string good = SubmitOut(1, std::string(100, 'x'));
+    const std::string deflated = Deflated(good);
+    const auto forward = [](std::string_view data, std::uint32_t rawsize = 0) {
+        return ForwardMessage(kDevid, data, rawsize);
     };
-    const auto pdu_with = [&](std::size_t offset, std::uint32_t value) {
-        Bytes pdu = good;
-        StoreBe32(&pdu[offset], value);
-        return Forward(pdu);
+    const auto message = [&](std::size_t offset, std::uint32_t value) {
+        return With(offset, htobe32(htole32(value)), forward(good));  // not big-endian as in PDUs
     };
-    const Bytes deflated = Compressed(good);
-    Bytes longer = deflated;
-    longer.resize(longer.size() + 9);
-    const std::uint32_t raw = 148;
-    const struct {
-        const char* name;
-        Bytes message;
-        const char* error;
-    } cases[] = {
-        {"outer length of 4 GiB", changed(Forward(good), 0, 0xFFFFFFFF), "announces 4294967295"},
-        {"outer length one too long", changed(Forward(good), 0, kMaxMessage - 7), "announces"},
-        {"outer length 0", changed(Forward(good), 0, 0), "message of 8 bytes"},
-        {"other channel", changed(Forward(good), 4, 0x0C), "channel 12"},
-        {"inner length of 4 GiB", changed(Forward(good), 8, 0xFFFFFFFF), "inner message announces"},
-        {"inner length one too long", changed(Forward(good), 8, 165), "inner message announces"},
-        {"inner length without an id", changed(Forward(good), 8, 3), "payload of 3"},
-        {"inner length within the fields", changed(Forward(good), 8, 11), "forward too short"},
-        {"version request from a host", changed(Forward(good), 12, 1), "type 1"},
-        {"datasize of 4 GiB", changed(Forward(good), 20, 0xFFFFFFFF), "announces 4294967295"},
-        {"datasize beyond the filler", changed(Forward(good), 20, 153), "announces 153"},
-        {"datasize one short", changed(Forward(good), 20, 147), "PDU of 147 bytes announces 148"},
-        {"no PDU", Forward({}), "PDU of 0 bytes"},
-        {"half a header", Forward(Bytes(47)), "shorter than its header"},
-        {"a reply", pdu_with(0, USBIP_RET_SUBMIT), "unknown command 3"},
-        {"transfer of 4 GiB", pdu_with(24, 0xFFFFFFFF), "PDU of 148 bytes announces 4294967343"},
-        {"4 billion iso packets", pdu_with(32, 0xFFFFFFFE), "announces 68719476852"},
-        {"an unlink with data", pdu_with(0, USBIP_CMD_UNLINK), "PDU of 148 bytes announces 48"},
-        {"rawsize above the limit", Forward(deflated, kMaxRawSize + 1), "inflates to"},
-        {"rawsize too long", Forward(deflated, raw + 1), "not 149 bytes"},
-        {"rawsize too short", Forward(deflated, raw - 1), "not 147 bytes"},
-        {"no zlib stream", Forward(good, raw), "damaged"},
-        {"bytes behind the zlib stream", Forward(longer, raw), "damaged"},
-        {"half a zlib stream", Forward({deflated.begin(), deflated.end() - 9}, raw), "damaged"},
+    const auto pdu = [&](std::size_t offset, std::uint32_t value) {
+        return forward(With(offset, value, good));
     };
-    for (const auto& one : cases) {
-        const Received received = Feed(one.message, one.message.size());
-        EXPECT_TRUE(received.pdus.empty()) << one.name;
-        EXPECT_NE(received.error.find(one.error), std::string::npos)
-            << one.name << ": expected '" << one.error << "', got '" << received.error << "'";
+    const std::tuple<const char*, std::string, const char*> cases[] = {
+        {"outer length one too long", message(0, kMaxMessage - 7), "announces"},
+        {"outer length longer than the stream", message(0, 173), "incomplete"},
+        {"outer length 0", message(0, 0), "message of 8 bytes"},
+        {"other channel", message(4, 0x0C), "channel 12"},
+        {"inner length one too long", message(8, 165), "inner message announces"},
+        {"inner length without an id", message(8, 3), "payload of 3"},
+        {"inner length within the fields", message(8, 11), "forward too short"},
+        {"version request from a host", message(12, 1), "type 1"},
+        {"datasize of 4 GiB", message(20, 0xFFFFFFFF), "announces 4294967295"},
+        {"datasize beyond the filler", message(20, 153), "announces 153"},
+        {"datasize one short", message(20, 147), "PDU of 147 bytes announces 148"},
+        {"half a header", forward(good.substr(0, 47)), "shorter than its header"},
+        {"a reply", pdu(0, USBIP_RET_SUBMIT), "unknown command 3"},
+        {"4 billion iso packets", pdu(32, 0xFFFFFFFE), "announces 68719476852"},
+        {"an unlink with data", pdu(0, USBIP_CMD_UNLINK), "PDU of 148 bytes announces 48"},
+        {"rawsize above the limit", forward(deflated, kMaxRawSize + 1), "inflates to"},
+        {"rawsize too long", forward(deflated, 149), "not 149 bytes"},
+        {"no zlib stream", forward(good, 148), "damaged"},
+        {"bytes behind the zlib stream", forward(deflated + "more", 148), "damaged"},
+    };
+    for (const auto& [name, whole, error] : cases) {
+        const std::string outcome = Feed(whole, whole.size());
+        EXPECT_NE(outcome.find(error), std::string::npos)
+            << name << ": expected '" << error << "', got '" << outcome << "'";
     }
-}
-
-// Takes everything out of the queue, `piece` bytes at a time.
-Bytes Drain(OutputQueue& queue, std::size_t piece) {
-    Bytes stream;
-    while (queue.Pending() != 0) {
-        std::array<iovec, 2> vectors{};
-        std::size_t room = piece;
-        std::size_t taken = 0;
-        for (std::size_t i = 0; i < queue.Gather(vectors); ++i) {
-            const std::size_t size = std::min(room, vectors[i].iov_len);
-            const auto* data = static_cast<const std::uint8_t*>(vectors[i].iov_base);
-            stream.insert(stream.end(), data, data + size);
-            room -= size;
-            taken += size;
-        }
-        queue.Consume(taken);
-    }
-    return stream;
 }
 
 TEST(Channel, ForwardsGoOutAsTheClientMakesThem) {
-    const Bytes small = WritePdu(kCompressThreshold - sizeof(usbip_header));
-    const Bytes large = WritePdu(kCompressThreshold + 1 - sizeof(usbip_header));
-    for (const std::size_t piece : {1U, 31U, 1U << 20}) {
-        OutputQueue queue;
-        EXPECT_FALSE(queue.PushForward(kDevid, small, true));
-        EXPECT_FALSE(queue.PushForward(kDevid, large, false));
-        EXPECT_TRUE(queue.PushForward(kDevid, large, true));
-        const std::size_t promised = queue.Pending();
-        const Bytes stream = Drain(queue, piece);
-        EXPECT_EQ(stream.size(), promised);
-        EXPECT_TRUE(std::equal(stream.begin(), stream.begin() + 4128, Forward(small).begin()));
-        const Received received = Feed(stream, stream.size());
-        EXPECT_EQ(received.error, "");
-        EXPECT_EQ(received.pdus, (std::vector<Bytes>{small, large, large}));
-    }
+    const std::string small(kCompressThreshold, 's'), large(kCompressThreshold + 1, 'l');
+    OutputQueue queue;
+    for (const std::string& pdu : {small, large})
+        for (const bool compress : {false, true})
+            EXPECT_EQ(queue.PushForward(kDevid, {pdu.begin(), pdu.end()}, compress),
+                      compress && pdu == large);
+    std::array<iovec, 16> vectors{};
+    std::string stream;
+    for (const iovec& vector : std::span(vectors).first(queue.Gather(vectors)))
+        stream.append(static_cast<const char*>(vector.iov_base), vector.iov_len);
+    EXPECT_EQ(queue.Pending(), stream.size());
+    const std::string plain = ForwardMessage(kDevid, small);
+    EXPECT_EQ(stream, plain + plain + ForwardMessage(kDevid, large) + Compressed(large));
 }
 
 TEST(Channel, MapMessageHasTheDocumentedLayout) {
-    const Bytes map =
-        EncodeDevMap(3, 1, 2, {std::string(300, 'n'), UsbSpeed::kSuper, 0x1D6B, 0x0104});
-    ASSERT_EQ(map.size(), 844U);
-    EXPECT_EQ(Bytes(map.begin(), map.begin() + 20),
-              (Bytes{0x44, 3, 0, 0, 0x0B, 0, 0, 0, 0x3C, 3, 0, 0, 3, 0, 0, 0, 3, 0, 0, 0}));
-    EXPECT_EQ(map[20 + 254], 'n');
-    EXPECT_EQ(map[20 + 255], 0) << "a long name keeps its end";
-    EXPECT_EQ(Bytes(map.begin() + 820, map.begin() + 836),
-              (Bytes{1, 0, 0, 0, 2, 0, 0, 0, 5, 0, 0, 0, 0x6B, 0x1D, 0x04, 0x01}));
+    const DeviceInfo info{std::string(300, 'n'), UsbSpeed::kSuper, 0x1D6B, 0x0104};
+    const std::string map = Text(EncodeDevMap(3, 1, 2, info));
+    EXPECT_EQ(map, FromHex("44 03 00 00 0B 00 00 00 3C 03 00 00 03 00 00 00 03 00 00 00") +
+                       std::string(255, 'n') + std::string(545, '\0') +
+                       FromHex("01 00 00 00 02 00 00 00 05 00 00 00 6B 1D 04 01") +
+                       std::string(8, '\0'))
+        << "a long name keeps its end";
 }
 
 }  // namespace
