@@ -122,7 +122,7 @@ class Life {
 
     // A second Run drops what is queued, and the devices live on. Rare, since it takes 100 ms.
     void Rerun(std::uint32_t devid) {
-        if (Pick(0, 4) != 0) return;
+        if (Pick(0, 14) != 0) return;
         Settle();
         KernelSends(devid);
         host_.RunAgain();
