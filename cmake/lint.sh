@@ -37,11 +37,12 @@ host base/Reference.h module/abi/
 remote wire/
 vm/microphone wire/ remote/
 fuzz base/ wire/ module/ plugin/ client/ vhci/ remote/ support/
+bench wire/ support/ stress/
 RULES
 
 if [ "${1:-}" = --tidy ]; then
     cmake --preset lint >/dev/null
-    run-clang-tidy -quiet -p build/lint -j "$(nproc)" "^$PWD/(base|client|fuzz|host|module|plugin|remote|tests|vhci|vm)/.*" \
+    run-clang-tidy -quiet -p build/lint -j "$(nproc)" "^$PWD/(base|bench|client|fuzz|host|module|plugin|remote|tests|vhci|vm)/.*" \
         >build/lint/tidy.log 2>&1 || {
         grep -E 'error:|warning:' build/lint/tidy.log | sort -u >&2
         complain "lint: clang-tidy is not content"

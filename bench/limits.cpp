@@ -1,0 +1,233 @@
+// The figures of docs/limits.md, measured again: what the module costs its host, and what a hostile
+// peer or kernel can make it cost.
+//   limits [CYCLES]   CYCLES of map and unmap to look for growth; 10,000 if not said
+// Ends with 1 when a bound is broken. Few times have one, since on a busy machine most of a time is
+// waiting for a processor.
+#include <malloc.h>
+
+#include <climits>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+
+#include "stress/Traffic.h"
+#include "support/FakeController.h"
+#include "support/FakeHost.h"
+
+namespace {
+
+constexpr long kLongestExit = 2000;  // ms
+constexpr std::uint32_t kDevices = 16;
+
+bool broken = false;
+
+void Row(const char* what, long value, const char* unit, long bound = LONG_MAX) {
+    std::printf("%-60s %8ld %-5s", what, value, unit);
+    if (bound != LONG_MAX) std::printf(" at most %ld", bound);
+    std::printf(value > bound ? " BROKEN\n" : "\n");
+    std::fflush(stdout);
+    broken = broken || value > bound;
+}
+
+// What has to hold for a figure to mean anything.
+void Require(bool holds, const char* what) {
+    if (holds) return;
+    std::fprintf(stderr, "limits: does not hold: %s\n", what);
+    std::_Exit(2);
+}
+
+// Of the memory that the process has had resident since the peak was reset.
+long PeakKilobytes() {
+    std::ifstream status("/proc/self/status");
+    std::string word;
+    while (word != "VmHWM:" && status >> word) {
+    }
+    long kilobytes = 0;
+    Require(static_cast<bool>(status >> kilobytes), "the system tells the peak");
+    return kilobytes;
+}
+
+// A plug-in that runs, on ports that are read at once.
+struct Rig {
+    Rig() {
+        controller.status_pause = {};
+        host.Start();
+        Require(host.stream->WaitUntilDrained(), "the plug-in runs");
+    }
+    std::unique_ptr<KernelEnd> Map(std::uint32_t devid) {
+        host.Receive(MapMessage(devid));
+        auto kernel = controller.WaitForAttach();
+        Require(kernel != nullptr, "the device is attached");
+        return kernel;
+    }
+    // Both ways; the kernel waits for its reply.
+    void RoundTrip(std::uint32_t devid, KernelEnd& kernel, std::uint32_t seqnum) {
+        Require(kernel.Send(Unlink(seqnum)), "the kernel can send");
+        std::string message;
+        do
+            message = host.stream->WaitForMessage();
+        while (message.size() == UnmapMessage(devid).size());
+        Require(message == ForwardMessage(devid, Unlink(seqnum)), "the command arrives");
+        host.Receive(ForwardMessage(devid, UnlinkReply(seqnum)));
+        Require(kernel.Receive(sizeof(usbip_header)) == UnlinkReply(seqnum), "the reply arrives");
+    }
+    long Exit() {
+        host.EndRun();
+        const Stopwatch watch;
+        host.plugin->ExitInstance();
+        return watch.Milliseconds();
+    }
+
+    FakeController controller{1, 2 * kDevices};
+    FakeHost host;
+};
+
+// Growth of the peak by what `input` does to an attached device.
+void Memory(const char* what, long bound, const std::function<void(FakeHost&, KernelEnd&)>& input) {
+    Rig rig;
+    const auto kernel = rig.Map(1);
+    rig.RoundTrip(1, *kernel, 1);
+    malloc_trim(0);
+    std::ofstream("/proc/self/clear_refs") << "5";  // resets the peak
+    const long before = PeakKilobytes();
+    input(rig.host, *kernel);
+    Require(rig.host.stream->WaitUntilDrained(), "the input is read");
+    kernel->StopSending();
+    Require(kernel->WaitForEnd(), "the kernel's bytes are read");
+    Row(what, PeakKilobytes() - before, "KiB", bound);
+}
+
+void MemoryUnderHostileInput() {
+    constexpr std::uint32_t kCount = 20'000;
+    Memory("outer length of 4 GiB, 1,000 bytes sent", 1024, [](FakeHost& host, KernelEnd&) {
+        host.Receive(Bytes(_MESSAGE_HEADER{0xFFFFFFF0, kUsbipChannel, {}}) +
+                     std::string(1000, 'x'));
+    });
+    Memory("rawsize of 256 MiB for a PDU of 48 bytes", 1024, [](FakeHost& host, KernelEnd&) {
+        host.Receive(ForwardMessage(1, Deflated(UnlinkReply(1)), kMaxRawSize));
+    });
+    const std::string bomb = CompressedForward(1, std::string(kMaxRawSize, '\0'));
+    Memory("zlib stream of 256 MiB", (2 * kMaxRawSize >> 10) + 4096,
+           [&](FakeHost& host, KernelEnd&) { host.Receive(bomb); });
+    Memory("PDU of 256 MiB claimed by the kernel, 1 byte sent", (kUsbipMaxPdu >> 10) + 1024,
+           [](FakeHost&, KernelEnd& kernel) {
+               auto command = PduHeader(USBIP_CMD_SUBMIT, 9);
+               command.u.cmd_submit.transfer_buffer_length = htobe32(kUsbipMaxPdu - sizeof command);
+               Require(kernel.Send(Bytes(command) + "x"), "the kernel can send");
+           });
+    Memory("20,000 PDUs of 48 bytes for a kernel that does not read", kCount / 2,
+           [](FakeHost& host, KernelEnd&) {
+               for (std::uint32_t i = 0; i < kCount; ++i) {
+                   host.Receive(ForwardMessage(1, UnlinkReply(i)));
+                   if (i % 100 == 0) Require(host.stream->WaitUntilDrained(), "they are read");
+               }
+           });
+    Memory("20,000 OUT transfers that are never answered", kCount / 2,
+           [](FakeHost&, KernelEnd& kernel) {
+               for (std::uint32_t i = 0; i < kCount; ++i)
+                   Require(kernel.Send(SubmitOut(i, "")), "the kernel can send");
+           });
+}
+
+void DevicesAndExit() {
+    Row("ExitInstance, no device", Rig().Exit(), "ms", kLongestExit);
+    Rig rig;
+    const long threads = Threads();
+    const long descriptors = OpenDescriptors();
+    std::vector<std::unique_ptr<KernelEnd>> kernels;
+    for (std::uint32_t devid = 0; devid < kDevices; ++devid) {
+        kernels.push_back(rig.Map(devid));
+        rig.RoundTrip(devid, *kernels.back(), 1);
+    }
+    Row("threads of 16 devices", Threads() - threads, "", 2 * kDevices);
+    // The kernel's own are in this process, too.
+    Row("descriptors of 16 devices", OpenDescriptors() - descriptors - kDevices, "", kDevices);
+    // Busy: no kernel reads what is queued for it, and one does not stop sending.
+    for (std::uint32_t devid = 0; devid < kDevices; ++devid)
+        rig.host.Receive(ForwardMessage(devid, PeerPdu(kPeerSeq, 1 << 20)));
+    Require(rig.host.stream->WaitUntilDrained(), "the forwards are read");
+    std::thread sender([&] {
+        while (kernels[0]->Send(Unlink(1))) {
+        }
+    });
+    Row("ExitInstance, 16 busy devices", rig.Exit(), "ms", kLongestExit);
+    sender.join();
+}
+
+// Round trips of one device, first alone, then while another one is mapped and, with 1 MiB waiting
+// that its kernel does not read, unmapped.
+void Stalls(int unmaps) {
+    Rig rig;
+    const auto kernel = rig.Map(1);
+    long stop = 0;
+    std::atomic<bool> done{unmaps == 0};
+    std::thread other([&] {
+        for (int i = 1; i <= unmaps; ++i) {
+            const auto end = rig.Map(2);
+            rig.host.Receive(ForwardMessage(2, PeerPdu(kPeerSeq, 1 << 20)));
+            const auto begun = [&] {
+                return rig.host.runtime.Count({1, "start forward data loop"});
+            };
+            Require(Eventually([&] { return begun() == i + 1; }), "the other device works");
+            const Stopwatch watch;
+            rig.host.Receive(UnmapMessage(2));
+            Require(end->WaitForEnd(), "the unmap ends the other device");
+            stop = std::max(stop, watch.Milliseconds());
+        }
+        done = true;
+    });
+    long slowest = 0;
+    for (std::uint32_t i = 0; i < 500 || !done; ++i) {
+        const Stopwatch watch;
+        rig.RoundTrip(1, *kernel, i);
+        slowest = std::max(slowest, watch.Milliseconds());
+    }
+    other.join();
+    if (unmaps == 0) return Row("slowest round trip of a device, alone", slowest, "ms");
+    Row("slowest round trip of a device, another being unmapped", slowest, "ms");
+    Row("slowest unmap of that other, 1 MiB waiting", stop, "ms");
+}
+
+long HeapBytes() {
+    const struct mallinfo2 info = mallinfo2();
+    return static_cast<long>(info.uordblks + info.hblkhd);
+}
+
+// In ten parts: what the fakes keep of every cycle goes with each. The first is not compared: what
+// is allocated once and the heap's own caches come with it.
+void Growth(unsigned long cycles) {
+    long heap = 0;
+    long slowest = 0;
+    const long threads = Threads();
+    const long descriptors = OpenDescriptors();
+    for (int part = 0; part < 10; ++part) {
+        if (part == 1) heap = HeapBytes();
+        Rig rig;
+        for (std::uint32_t i = 0; i < cycles / 10; ++i) {
+            const auto kernel = rig.Map(1);
+            rig.RoundTrip(1, *kernel, i);
+            const Stopwatch watch;
+            rig.host.Receive(UnmapMessage(1));
+            Require(kernel->WaitForEnd(), "the unmap ends the device");
+            slowest = std::max(slowest, watch.Milliseconds());
+        }
+    }
+    std::printf("after %lu cycles of map, a PDU each way, and unmap:\n", cycles);
+    Row("  heap in use, more than after a tenth of them", HeapBytes() - heap, "bytes", 16 << 10);
+    Row("  descriptors more", OpenDescriptors() - descriptors, "", 0);
+    Row("  threads more", Threads() - threads, "", 0);
+    Row("  udev handles more", FakeController::LiveUdevObjects(), "", 0);
+    Row("  slowest unmap", slowest, "ms");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    mallopt(M_ARENA_MAX, 1);  // of which mallinfo2 tells
+    MemoryUnderHostileInput();
+    DevicesAndExit();
+    Stalls(0);
+    Stalls(200);
+    Growth(argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 10'000);
+    return broken ? 1 : 0;
+}
