@@ -1,0 +1,267 @@
+// The parts of the program, each alone; then the real program with the real module, run as a user
+// would.
+#include "host/Host.h"
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "host/Connect.h"
+#include "host/Doctor.h"
+#include "tests/support/Patience.h"
+
+namespace host {
+namespace {
+
+// What is wrong with an address, or else the address as it was understood.
+std::string parsed(const std::string& text) {
+    Target target;
+    const std::string problem = ParseAddress(text, target);
+    return problem.empty() ? Describe(target) : problem;
+}
+
+TEST(AddressTest, IsHostAndPortOrAPath) {
+    const std::string longest = "unix:" + std::string(107, 'p');
+    for (const std::string text : {"box:9", "[::1]:65535", "unix:/run/usb:1.sock", longest.c_str()})
+        EXPECT_EQ(text, parsed(text));
+    const std::pair<std::string, std::vector<std::string>> refused[] = {
+        {"the path of a Unix socket has at most 107 bytes", {longest + "p"}},
+        {"the path after unix: is missing", {"unix:"}},
+        {"expected HOST:PORT or unix:PATH", {"", "box"}},
+        {"an IPv6 address stands in brackets: [::1]:9000", {"::1:9", "[::1:9", "[]:9", "fe80::1"}},
+        {"the port is a number from 1 to 65535",
+         {"box:", "box:0", "box:65536", "box:-1", "box: 80", "box:80x", "box:9999999999999"}},
+    };
+    for (const auto& [reason, texts] : refused)
+        for (const auto& text : texts)
+            EXPECT_EQ(reason, parsed(text)) << text;
+}
+
+TEST(BackoffTest, PausesDoubleUpToALimitAndStartAgainAfterAGoodStream) {
+    Backoff backoff;
+    for (const int pause : {1, 2, 4, 8, 16, 30, 30})
+        EXPECT_EQ(pause, backoff.Next(std::chrono::seconds(29)).count())
+            << "after one that died young";
+    EXPECT_EQ(1, backoff.Next(std::chrono::seconds(30)).count());
+}
+
+TEST(DoctorTest, SaysWhatItFoundAndWhatStandsInTheWay) {
+    const std::string free = "header\nhs  0000 004 000 00000000 000000 0-0\n";
+    const std::string used = "ss  0001 006 003 0011000a 000005 1-1\n";
+    const std::string odd = free + "usb" + free.substr(9) + "hs -002 004 0 0 0 0-0\n" +
+                            "hs 0002 003 0 0 0 0-0\nhs 0002 008 0 0 0 0-0\nhs port 004 0 0 0 0-0\n";
+    // Files of the driver with their texts, and what is said because of them.
+    const std::pair<std::map<std::string, std::string>, std::vector<std::string>> cases[] = {
+        {{}, {"modprobe vhci-hcd", "cannot attach"}},
+        {{{"attach", ""}, {"status", "header\n" + used}}, {"No port is free", "cannot attach"}},
+        {{{"status", free}}, {"may not write", "cannot attach"}},
+        {{{"attach", ""}, {"status", odd}}, {"5 status line(s) not understood", "cannot attach"}},
+        // The last file stands behind a gap: it is not this driver's.
+        {{{"attach", ""}, {"status", free + used + used}, {"status.1", free}, {"status.3", free}},
+         {"(hs): 2 free, 0 in use", "(ss): 0 free, 2 in use", "can be created", "can attach"}},
+    };
+    const std::string root = testing::TempDir() + "doctor-" + std::to_string(::getpid());
+    for (const auto& [files, expected] : cases) {
+        const std::string driver = root + "/devices/platform/vhci_hcd.0/";
+        if (!files.empty()) std::filesystem::create_directories(driver);
+        for (const auto& [name, text] : files)
+            std::ofstream(driver + name) << text;
+        std::ostringstream out;
+        EXPECT_EQ(expected.back() == "can attach", Doctor(out, root, root + "/records"));
+        for (const std::string& text : expected)
+            EXPECT_NE(std::string::npos, out.str().find(text)) << text << '\n' << out.str();
+        std::filesystem::remove_all(root);
+    }
+}
+
+// The stream under test and its peer.
+class StreamTest : public testing::Test {
+  protected:
+    StreamTest() {
+        int pair[2];
+        EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
+        stream_ = new SocketStream(UniqueFd(socket_ = pair[0]));
+        peer_ = UniqueFd(pair[1]);
+    }
+
+    // What one Read yields; "failed" for a failure.
+    std::string Read(std::size_t len) {
+        std::string bytes(len, '\0');
+        unsigned long got = 0;
+        if (stream_->Read(bytes.data(), len, &got, 0) != 0) return "failed";
+        return bytes.substr(0, got);
+    }
+
+    int socket_ = -1;  // the stream's
+    CRefObj<SocketStream> stream_;
+    UniqueFd peer_;
+};
+
+TEST_F(StreamTest, ReadsAheadAndTheEndDropsThat) {
+    ASSERT_EQ(4, ::send(peer_.Get(), "0123", 4, 0));
+    EXPECT_EQ("01", Read(2));
+    char next = 0;
+    EXPECT_EQ(-1, ::recv(socket_, &next, 1, MSG_PEEK | MSG_DONTWAIT)) << "not read ahead";
+    stream_->End();
+    EXPECT_EQ("failed", Read(2));
+}
+
+TEST_F(StreamTest, WhatThePeerSentBeforeItLeftIsDeliveredAndThenTheStreamHasEnded) {
+    ASSERT_EQ(10, ::send(peer_.Get(), "last words", 10, 0));
+    ::shutdown(peer_.Get(), SHUT_WR);
+    EXPECT_EQ("last", Read(4));
+    EXPECT_EQ(" words", Read(100));
+    EXPECT_EQ("failed", Read(100));
+    char next = 0;
+    EXPECT_EQ(0, ::recv(peer_.Get(), &next, 1, MSG_DONTWAIT)) << "not for both directions";
+}
+
+TEST_F(StreamTest, WritingToAPeerThatLeftFailsWithoutASignal) {
+    peer_ = {};
+    unsigned long written = 0;
+    EXPECT_NE(0, stream_->Write("x", 1, &written, 0));
+    EXPECT_EQ("failed", Read(1));
+    EXPECT_EQ(EPIPE, stream_->Error()) << "the failure that ended it";
+}
+
+constexpr int kPromptMs = 3'000;  // less than the pause and the connect that a signal cuts short
+const std::string kStatus = "the command ended with status ";
+constexpr timeval kPatient{kPatience.count(), 0};
+
+// Fewer than `size` bytes at the end of the stream, or when they do not come in time.
+std::string receive(const UniqueFd& socket, std::size_t size) {
+    ::setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatient, sizeof kPatient);
+    std::string bytes(size, '\0');
+    const ssize_t count = ::recv(socket.Get(), bytes.data(), size, MSG_WAITALL);
+    return bytes.substr(0, static_cast<std::size_t>(std::max(count, ssize_t{0})));
+}
+
+class ProgramTest : public testing::Test {
+  protected:
+    ProgramTest() {
+        EXPECT_EQ(0, ::listen(listener_.Get(), 0));  // at any port, with a backlog of one
+        ::setsockopt(listener_.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatient, sizeof kPatient);
+        sockaddr_in address{};
+        socklen_t size = sizeof address;
+        ::getsockname(listener_.Get(), reinterpret_cast<sockaddr*>(&address), &size);
+        port_ = ntohs(address.sin_port);
+        target_ = "localhost:" + std::to_string(port_);
+    }
+
+    UniqueFd Accept() const { return UniqueFd(::accept(listener_.Get(), nullptr, nullptr)); }
+
+    // Both of its outputs come to us.
+    void Start(const std::string& arguments) {
+        program_ = Child::Start("exec " COMMAND " " + arguments + " 2>&1", output_, seen_);
+    }
+
+    // Reads on until the output holds `text`, and forgets the output up to there.
+    void ExpectOutput(const std::string& text) {
+        for (std::string next; seen_.find(text) == std::string::npos; seen_ += next) {
+            next = receive(output_, 1);
+            ASSERT_FALSE(next.empty()) << text << " is not in " << seen_;
+        }
+        seen_.erase(0, seen_.find(text) + text.size());
+    }
+
+    static void ExchangeVersions(const UniqueFd& peer) {
+        const char request[] = "\x0C\0\0\0\x0B\0\0\0\4\0\0\0\1\0\0\0\0\0\0\0";
+        const std::string response("\x0C\0\0\0\x0B\0\0\0\4\0\0\0\2\0\0\0\3\0\0\0", 20);
+        EXPECT_EQ(20, ::send(peer.Get(), request, 20, MSG_NOSIGNAL));
+        EXPECT_EQ(response, receive(peer, 20));
+    }
+
+    // How the program ended, after `signal` unless that is 0.
+    std::string Exit(int signal = 0) {
+        ::kill(program_->Pid(), signal);
+        return program_->Wait(kPromptMs) ? program_->End() : "still running";
+    }
+
+    const UniqueFd listener_{::socket(AF_INET, SOCK_STREAM, 0)};
+    unsigned port_ = 0;
+    std::string target_;  // names it
+    std::unique_ptr<Child> program_;
+    UniqueFd output_;
+    std::string seen_;  // of the output
+};
+
+TEST_F(ProgramTest, TheModuleAnswersOverTheStreamAndOverTheNextUntilSigterm) {
+    Start("--reconnect --connect " + target_);
+    ExchangeVersions(Accept());
+    ExpectOutput("] ExitInstance");
+    ExpectOutput(": the remote side ended it");
+    const UniqueFd peer = Accept();
+    ExchangeVersions(peer);
+    EXPECT_EQ(kStatus + "0", Exit(SIGTERM));
+    EXPECT_EQ("", receive(peer, 1)) << "the peer sees the end of the stream";
+}
+
+TEST_F(ProgramTest, ASignalCutsAPauseShortThoughNobodyReadsTheLogAnyMore) {
+    Start("--reconnect --connect no.such.host.invalid:9");
+    ExpectOutput("cannot resolve no.such.host.invalid: ");
+    ExpectOutput("trying again in 4 s");
+    output_ = {};
+    EXPECT_EQ(kStatus + "0", Exit(SIGTERM));
+}
+
+TEST_F(ProgramTest, ASignalEndsAConnectThatNobodyAnswers) {
+    Start("--connect " + target_);
+    ExpectOutput("connected to " + target_);
+    const auto queued = std::move(program_);
+    Start("--connect " + target_);
+    char connecting[32];  // remote address and state in the kernel's table: SYN_SENT
+    std::snprintf(connecting, sizeof connecting, " 0100007F:%04X 02 ", port_);
+    ASSERT_TRUE(Eventually([&] {
+        std::getline(std::ifstream("/proc/net/tcp"), seen_, '\0');
+        return seen_.find(connecting) != std::string::npos;
+    })) << seen_;
+    EXPECT_EQ(kStatus + "0", Exit(SIGINT));
+    EXPECT_FALSE(queued->Wait(1'000)) << "the first gave up on a peer that is only silent";
+}
+
+// The command inherits none of the program's own handling of signals, and its text cannot forge
+// a line of the log.
+TEST_F(ProgramTest, AnEndedCommandIsALostStream) {
+    for (const std::string signal : {"PIPE", "TERM"}) {
+        Start("--log-level 4 --exec \"kill -" + signal + " \\$\\$\n\"");
+        EXPECT_EQ(kStatus + "1", Exit());
+        seen_ = receive(output_, 10'000);
+        EXPECT_EQ(std::string::npos, seen_.find(" 1 [usbipclient]")) << "not asked for: " << seen_;
+        ExpectOutput("$$\\x0A\": the remote side ended it; the command was ended by signal");
+    }
+}
+
+TEST_F(ProgramTest, ACommandIsAskedToEndAndThenMadeTo) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"cat; exit 3", "ended with status 3"},  // sees the end of its input
+        {"head -c1; exec sleep 1000", "was ended by signal Terminated"},
+        {"trap '' TERM; head -c1; exec sleep 1000", "was ended by signal Killed"},
+    };
+    for (const auto& [command, how] : cases) {
+        program_ = Child::Start(command, output_, seen_);
+        EXPECT_EQ(1, ::send(output_.Get(), "x", 1, MSG_NOSIGNAL)) << seen_;
+        EXPECT_EQ("x", receive(output_, 1)) << command;
+        output_ = {};
+        EXPECT_EQ("the command " + how, program_->End());
+    }
+}
+
+TEST_F(ProgramTest, WhatCannotWorkIsTold) {
+    for (const char* arguments : {"", "--connect box:1 --exec true", "--connect box", "nonsense"}) {
+        Start(arguments);
+        EXPECT_EQ(kStatus + "2", Exit()) << arguments;
+        ExpectOutput("Run with --help");
+    }
+    Start("--connect unix:/nowhere");
+    EXPECT_EQ(kStatus + "1", Exit());
+    ExpectOutput("cannot open unix:/nowhere: No such file");
+}
+
+}  // namespace
+}  // namespace host
