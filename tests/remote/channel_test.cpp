@@ -28,7 +28,7 @@ std::string Feed(std::string_view stream, std::size_t piece) {
         reader.Advance(piece);
         for (ByteView whole; !(whole = reader.Next()).empty();) {
             Message message;
-            const std::string error = DecodeMessage(whole, message);
+            std::string error = DecodeMessage(whole, message);
             if (!error.empty()) return error;
             EXPECT_EQ(message.number, kDevid);
             pdus += Text(message.pdu);

@@ -1,6 +1,5 @@
 // The virtual disk at the level of URBs: control requests, bulk-only transport, SCSI commands.
 #include <tuple>
-#include <vector>
 
 #include "DiskTest.h"
 
