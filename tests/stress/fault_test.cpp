@@ -117,7 +117,8 @@ class FaultTest : public ::testing::Test {
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                               void* (*start)(void*), void* argument) {
     static void* const real = dlsym(RTLD_NEXT, "pthread_create");
-    if ((failing_threads.exchange(failing_threads >> 1) & 1) != 0) return EAGAIN;
+    // Like the C library's, a failure leaves an id behind that is no thread's.
+    if ((failing_threads.exchange(failing_threads >> 1) & 1) != 0) return *thread = ~0UL, EAGAIN;
     return reinterpret_cast<decltype(&pthread_create)>(real)(thread, attributes, start, argument);
 }
 
