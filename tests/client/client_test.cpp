@@ -160,21 +160,6 @@ TEST_F(ClientTest, AWriteAfterTheKernelLetGoRaisesNoSignal) {
     EXPECT_TRUE(Eventually([&] { return listener.ends != 0; }));
 }
 
-TEST_F(ClientTest, StopUnderLoadInBothDirections) {
-    for (int run = 0; run < 10; ++run) {
-        const auto kernel = Attach();
-        std::thread sender([&] {
-            while (kernel->Send(SubmitOut(1, std::string(1000, 'x')))) {
-            }
-        });
-        for (std::uint32_t i = 0; i < 50; ++i)
-            Reply(UnlinkReply(i));
-        EXPECT_FALSE(listener.WaitForPacket().empty());
-        client->Stop();
-        sender.join();
-    }
-}
-
 // --- failing to attach ---
 
 TEST_F(ClientTest, FailsToAttachWithoutReportingAnEnd) {
