@@ -60,6 +60,7 @@ act_tell_remote() { echo "$*" >&"$remote_commands"; }
 
 act_kill_remote() {
     kill -KILL "$remote_pid"
+    wait "$remote_pid" 2>/dev/null  # or the shell would tell of its death
     remote_pid=''
 }
 

@@ -114,20 +114,6 @@ wait_for_imported() {
     find_imported "$@"
 }
 
-hundredths() { cut -d' ' -f1 /proc/uptime | tr -d .; }
-
-# passed SINCE: the time since then, in seconds.
-passed() { awk -v t="$(($(hundredths) - $1))" 'BEGIN { printf "%.2f\n", t / 100 }'; }
-
-# timed WHAT COMMAND...: tells how long it takes.
-timed() {
-    local what started
-    what=$1 started=$(hundredths)
-    shift
-    "$@"
-    say "$what takes $(passed "$started") s"
-}
-
 # tell_when_usable WAY
 tell_when_usable() { say "$1 way: usable after $(passed "$attached_at") s"; }
 

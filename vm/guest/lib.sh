@@ -41,6 +41,19 @@ join_link() {
 }
 
 now() { cut -d. -f1 /proc/uptime; }
+hundredths() { cut -d' ' -f1 /proc/uptime | tr -d .; }
+
+# passed SINCE: the time since then, in seconds.
+passed() { awk -v t="$(($(hundredths) - $1))" 'BEGIN { printf "%.2f\n", t / 100 }'; }
+
+# timed WHAT COMMAND...: tells how long it takes.
+timed() {
+    local what started
+    what=$1 started=$(hundredths)
+    shift
+    "$@"
+    say "$what takes $(passed "$started") s"
+}
 
 # wait_until SECONDS WHAT COMMAND...: COMMAND succeeds before that much time is over.
 wait_until() {
@@ -61,6 +74,19 @@ expect_same() {
     [ "$2" = "$3" ] || fail "$1: expected '$2', found '$3'"
     [ -n "$3" ] || fail "$1: nothing to compare"
     log "as expected, $1: $3"
+}
+
+# expect_watchful_kernel: it stops at its first warning, and checks each object of its heap when that
+# is taken and given back, with zones around it and a pattern in it. A scenario that asks for this has
+# these options in its head; the latter two keep all that hundreds of devices make the kernel say, and
+# bring its warnings to the console, from where alone they are known after a panic.
+#   # kernel: panic_on_warn=1 slub_debug=FZPU log_buf_len=4M loglevel=5
+expect_watchful_kernel() {
+    local check
+    expect_same "panic at a warning" 1 "$(cat /proc/sys/kernel/panic_on_warn)"
+    for check in sanity_checks red_zone poison store_user; do
+        expect_same "$check of the heap" 1 "$(cat /sys/kernel/slab/kmalloc-128/$check)"
+    done
 }
 
 # --- the host -------------------------------------------------------------------------------
@@ -142,14 +168,25 @@ sha256() {
 sectors_read() { awk '{ print $3 }' "/sys/block/$1/stat"; }
 has_read_more() { [ "$(sectors_read "$1")" -gt "$2" ]; }
 
-# start_reading DISK: reads it over and over, past the page cache, and returns when data flows.
+# start_reading DISK...: reads them over and over, past the page cache, and returns when data flows
+# from each.
 start_reading() {
-    local before
-    before=$(sectors_read "$1")
-    (while dd if="/dev/$1" of=/dev/null bs=256k iflag=direct; do :; done) 8>&- 9<&- &
-    reader=$!
-    wait_until 10 "data to flow from $1" has_read_more "$1" $((before + 4096))
+    local disk mark marks=
+    workers=
+    for disk; do
+        marks="$marks $disk:$(($(sectors_read "$disk") + 1024))"
+        (while dd if="/dev/$disk" of=/dev/null bs=256k iflag=direct; do :; done) 8>&- 9<&- &
+        workers="$workers $!"
+    done
+    for mark in $marks; do
+        wait_until 20 "data to flow from ${mark%:*}" has_read_more "${mark%:*}" "${mark#*:}"
+    done
 }
 
-# expect_read_error SECONDS: the reader gets an I/O error and ends, it does not hang.
-expect_read_error() { wait_for_end "$reader" "$1" "reading with an I/O error"; }
+# expect_read_error SECONDS: who reads, or writes as well, gets an I/O error and ends, it does not hang.
+expect_read_error() {
+    local worker
+    for worker in $workers; do
+        wait_for_end "$worker" "$1" "reading or writing with an I/O error"
+    done
+}
