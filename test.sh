@@ -3,7 +3,7 @@
 # sanitizers and with the thread sanitizer, 20 seconds of each fuzz target, then the scenarios on the
 # real ARM kernel.
 #   ./test.sh          all of it
-#   ./test.sh --quick  what to run on every change: the release tests and the fast part of lint
+#   ./test.sh --quick  what to run on every change: the fast part of the release tests and of lint
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -46,7 +46,7 @@ build() {
 cmake/packages.sh
 build release
 if [ "$quick" = yes ]; then
-    run_tests release -LE 'vm|tidy' -j "$(nproc)"
+    run_tests release -LE 'vm|tidy|stress' -j "$(nproc)"
 else
     for preset in asan tsan; do build "$preset"; done
     build arm64 --target xj-client-usbip xj-usbip-host xj-usbip-remote xj-usbip-microphone \

@@ -10,9 +10,9 @@
 #include <fstream>
 #include <functional>
 
-#include "stress/Traffic.h"
 #include "support/FakeController.h"
 #include "support/FakeHost.h"
+#include "support/Traffic.h"
 
 namespace {
 

@@ -1,32 +1,10 @@
 // Forwarding PDUs between the kernel and the remote side, plain and compressed.
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include "plugin/PluginTest.h"
+#include "support/Traffic.h"
 
 namespace {
-
-// What zlib's one-call `operation`, compress or uncompress, makes of `data`.
-template <typename Operation>
-std::string Zlib(Operation operation, std::string_view data, uLongf room) {
-    std::string result(room, '\0');
-    EXPECT_EQ(operation(reinterpret_cast<Bytef*>(result.data()), &room,
-                        reinterpret_cast<const Bytef*>(data.data()), data.size()),
-              Z_OK);
-    return result.substr(0, room);
-}
-
-std::string Deflate(std::string_view data) {
-    return Zlib(compress, data, compressBound(data.size()));
-}
-
-// Text whose neighbours differ: it compresses, and a shifted copy is noticed.
-std::string Payload(std::size_t size) {
-    std::string data(size, '\0');
-    for (std::size_t i = 0; i < size; ++i)
-        data[i] = static_cast<char>('a' + i / 7 % 26);
-    return data;
-}
 
 class ForwardTest : public PluginTest {
   protected:
@@ -40,7 +18,7 @@ class ForwardTest : public PluginTest {
     }
     // A whole PDU of the given size from the kernel, and the message it became.
     std::string Sent(std::size_t pdu_size) {
-        pdu = SubmitOut(++seqnum, Payload(pdu_size - sizeof(usbip_header)));
+        pdu = KernelPdu(++seqnum, pdu_size);
         EXPECT_TRUE(kernel->Send(pdu));
         return NextMessage();
     }
@@ -70,17 +48,17 @@ TEST_F(ForwardTest, CompressesAboveTheThresholdWhenAllowed) {
         const std::string message = Sent(test.size);
         const auto forward = Parse<usbip_forward>(message);
         ASSERT_EQ(forward.rawsize, test.compressed ? test.size : 0);
+        EXPECT_TRUE(CarriedPdu(message) == pdu);
         const std::string data = message.substr(28, forward.datasize);
-        EXPECT_TRUE((test.compressed ? Zlib(uncompress, data, test.size) : data) == pdu);
         EXPECT_TRUE(message == ForwardMessage(7, data, forward.rawsize)) << "headers and filler";
     }
 }
 
 TEST_F(ForwardTest, RepliesReachTheKernelPlainAndInflated) {
-    const std::string reply = SubmitReply(20, 50'000, Payload(50'000));
+    const std::string reply = PeerPdu(20, 50'000);
     host.Receive(ForwardMessage(7, reply));
     EXPECT_TRUE(kernel->Receive(reply.size()) == reply);
-    host.Receive(ForwardMessage(7, Deflate(reply), static_cast<std::uint32_t>(reply.size())));
+    host.Receive(CompressedForward(7, reply));
     EXPECT_TRUE(kernel->Receive(reply.size()) == reply) << "though we do not compress ourselves";
     ExpectAlive(*kernel, 7);
 }
@@ -108,7 +86,7 @@ TEST_F(ForwardTest, ALyingRawsizeCommitsNoMemory) {
     if (kSanitized) GTEST_SKIP() << "sanitizers commit memory of their own";
     const std::string reply = UnlinkReply(1);
     const long before = PeakResidentKilobytes();
-    host.Receive(ForwardMessage(7, Deflate(reply), kMaxRawSize));
+    host.Receive(ForwardMessage(7, Deflated(reply), kMaxRawSize));
     EXPECT_EQ(kernel->Receive(48), reply);
     EXPECT_LT(PeakResidentKilobytes() - before, 16 * 1024);
 }

@@ -5,9 +5,9 @@
 
 #include <csignal>
 
-#include "stress/Traffic.h"
 #include "support/FakeHost.h"
 #include "support/Ledger.h"
+#include "support/Traffic.h"
 
 namespace {
 

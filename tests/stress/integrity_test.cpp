@@ -8,9 +8,9 @@
 #include <bit>
 #include <random>
 
-#include "stress/Traffic.h"
 #include "support/FakeController.h"
 #include "support/FakeHost.h"
+#include "support/Traffic.h"
 
 namespace {
 

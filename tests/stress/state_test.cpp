@@ -9,9 +9,9 @@
 #include <random>
 #include <stdexcept>
 
-#include "stress/Traffic.h"
 #include "support/FakeHost.h"
 #include "support/Ledger.h"
+#include "support/Traffic.h"
 
 namespace {
 
