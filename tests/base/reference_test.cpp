@@ -88,10 +88,13 @@ TEST(Buffer, ReallocKeepsBytesAndSizeOrChangesNothing) {
 TEST(Buffer, KeepsItsAllocatorIfItHasOne) {
     const CRefObj<IMemAlloctor> allocator = Allocator();
     CRefObj<IBuffer> buffer = allocator->GetFreeBuffer(10);
+    EXPECT_EQ(buffer->GetCurAlloctor().Get(), allocator.Get());
     EXPECT_EQ(allocator->AddRef(), 3) << "ours, the buffer's and this call's";
     EXPECT_EQ(allocator->Realloc(nullptr, 8), nullptr);
     char storage[4];
     buffer = new CMemBuffer(nullptr, storage, sizeof storage);
+    EXPECT_EQ(buffer->SetUserData(storage), nullptr);
+    EXPECT_EQ(buffer->GetUserData(), storage);
     EXPECT_EQ(buffer->Realloc(100), nullptr);
     EXPECT_EQ(allocator->Release(), 1);
 }
