@@ -34,6 +34,7 @@ TEST(AddressTest, IsHostAndPortOrAPath) {
         {"the path of a Unix socket has at most 107 bytes", {longest + "p"}},
         {"the path after unix: is missing", {"unix:"}},
         {"expected HOST:PORT or unix:PATH", {"", "box"}},
+        {"the host before the colon is missing", {":9000"}},
         {"an IPv6 address stands in brackets: [::1]:9000", {"::1:9", "[::1:9", "[]:9", "fe80::1"}},
         {"the port is a number from 1 to 65535",
          {"box:", "box:0", "box:65536", "box:-1", "box: 80", "box:80x", "box:9999999999999"}},
@@ -46,8 +47,7 @@ TEST(AddressTest, IsHostAndPortOrAPath) {
 TEST(BackoffTest, PausesDoubleUpToALimitAndStartAgainAfterAGoodStream) {
     Backoff backoff;
     for (const int pause : {1, 2, 4, 8, 16, 30, 30})
-        EXPECT_EQ(pause, backoff.Next(std::chrono::seconds(29)).count())
-            << "after one that died young";
+        EXPECT_EQ(pause, backoff.Next(std::chrono::seconds(29)).count());
     EXPECT_EQ(1, backoff.Next(std::chrono::seconds(30)).count());
 }
 
@@ -59,6 +59,7 @@ TEST(DoctorTest, SaysWhatItFoundAndWhatStandsInTheWay) {
     // Files of the driver with their texts, and what is said because of them.
     const std::pair<std::map<std::string, std::string>, std::vector<std::string>> cases[] = {
         {{}, {"modprobe vhci-hcd", "cannot attach"}},
+        {{{"attach", ""}}, {"status cannot be read", "cannot attach"}},
         {{{"attach", ""}, {"status", "header\n" + used}}, {"No port is free", "cannot attach"}},
         {{{"status", free}}, {"may not write", "cannot attach"}},
         {{{"attach", ""}, {"status", odd}}, {"5 status line(s) not understood", "cannot attach"}},
@@ -126,8 +127,7 @@ TEST_F(StreamTest, WritingToAPeerThatLeftFailsWithoutASignal) {
     peer_ = {};
     unsigned long written = 0;
     EXPECT_NE(0, stream_->Write("x", 1, &written, 0));
-    EXPECT_EQ("failed", Read(1));
-    EXPECT_EQ(EPIPE, stream_->Error()) << "the failure that ended it";
+    EXPECT_EQ(EPIPE, stream_->Error());
 }
 
 constexpr int kPromptMs = 3'000;  // less than the pause and the connect that a signal cuts short
@@ -197,7 +197,8 @@ TEST_F(ProgramTest, TheModuleAnswersOverTheStreamAndOverTheNextUntilSigterm) {
     ExpectOutput("] ExitInstance");
     ExpectOutput(": the remote side ended it");
     const UniqueFd peer = Accept();
-    ExchangeVersions(peer);
+    for (int i = 0; i < 2; ++i)
+        ExchangeVersions(peer);
     EXPECT_EQ(kStatus + "0", Exit(SIGTERM));
     EXPECT_EQ("", receive(peer, 1)) << "the peer sees the end of the stream";
 }
@@ -258,9 +259,8 @@ TEST_F(ProgramTest, WhatCannotWorkIsTold) {
         EXPECT_EQ(kStatus + "2", Exit()) << arguments;
         ExpectOutput("Run with --help");
     }
-    Start("--connect unix:/nowhere");
-    EXPECT_EQ(kStatus + "1", Exit());
-    ExpectOutput("cannot open unix:/nowhere: No such file");
+    Start("--connect unix:/dev/null");
+    ExpectOutput("cannot open unix:/dev/null: Connection refused");
 }
 
 }  // namespace

@@ -70,7 +70,7 @@ class DiskTest : public testing::Test, public ReplySink {
     }
     std::uint32_t StartIn(std::uint32_t length, std::uint32_t flags = 0) {
         const std::string pdu = With(kEndpoint, 1, SubmitIn(++seqnum_, length));
-        return Start(With(kFlags, flags, pdu));
+        return Start(With(offsetof(usbip_header, u.cmd_submit.transfer_flags), flags, pdu));
     }
     Answer In(std::uint32_t length) { return Take(StartIn(length)); }
     Answer Out(const std::string& data) {

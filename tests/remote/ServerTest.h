@@ -16,8 +16,6 @@
 
 namespace remote::test {
 
-inline constexpr int kPatienceMs = static_cast<int>(kPatience.count()) * 1000;
-
 // A connected socket. Every wait ends with a failure at last, and after it all that follow at once.
 class Peer : public FileDescriptor {
   public:
@@ -45,9 +43,10 @@ class Peer : public FileDescriptor {
         }
         return bytes;
     }
-    bool Comes(int milliseconds = kPatienceMs) const {  // something to be read, or the end
+    // Something to be read, or the end.
+    bool Comes(std::chrono::milliseconds in_time = kPatience) const {
         pollfd readable{Get(), POLLIN, 0};
-        return poll(&readable, 1, milliseconds) == 1;
+        return poll(&readable, 1, static_cast<int>(in_time.count())) == 1;
     }
     bool Closed() const {  // by the other side, now or soon; unread bytes do not count
         char unread[65536];
@@ -83,9 +82,7 @@ class Host : public Peer {
     }
     usbip_dev_map Mapped() const { return Next<usbip_dev_map>(kUsbipDevMap); }
     std::uint32_t Unmapped() const { return Next<usbip_dev_unmap>(kUsbipDevUnmap).devid; }
-    void Forward(std::uint32_t devid, std::string_view data, std::size_t rawsize = 0) const {
-        Write(ForwardMessage(devid, data, static_cast<std::uint32_t>(rawsize)));
-    }
+    void Forward(std::uint32_t id, std::string_view pdu) const { Write(ForwardMessage(id, pdu)); }
     // The data of the next forward, which must be of this device.
     std::string Reply(std::uint32_t devid, std::size_t rawsize = 0) const {
         const auto forward = Next<usbip_forward>(kUsbipForward);

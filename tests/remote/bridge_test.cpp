@@ -209,8 +209,9 @@ TEST(UsbipDevice, EndsForGoodWhenTheServerLeavesAnUnlinkUnanswered) {
 TEST(UsbipServer, ListsItsDevicesOrSaysWhyNot) {
     const std::string whole = ::Bytes(ListReply(1)) + ::Bytes(ImportReply("1-1").device);
     const FakeServer fake;
-    fake.Listen();
     std::string error;
+    EXPECT_FALSE(fake.Address().List(error)) << "connections are refused";
+    fake.Listen();
     for (const bool good : {true, false}) {
         const std::jthread server([&] {
             const Peer peer = fake.Accept();

@@ -9,15 +9,14 @@
 namespace remote::test {
 namespace {
 
+using namespace std::chrono_literals;
+
 // Replies to every command with the command itself and as many bytes as an IN transfer asks for.
 class Echo : public Device {
   public:
     explicit Echo(const std::string& name) : info_{name, UsbSpeed::kHigh, 1, 2} {}
     const DeviceInfo& Info() const override { return info_; }
-    void Attach(ReplySink& sink) override {
-        EXPECT_EQ(sink_, nullptr) << "attached twice";
-        sink_ = &sink;
-    }
+    void Attach(ReplySink& sink) override { sink_ = &sink; }
     void Detach() override { sink_ = nullptr; }
     void Command(ByteView pdu) override {
         ++commands;
@@ -76,7 +75,7 @@ TEST_F(SessionTest, DevicesComeAndGoAndComeBackWithAFreshId) {
         ExpectAnswer("unplug " + number, "error: no device " + number);
     ExpectAnswer("eject", "error: unknown command; there are: list, plug N, unplug N, quit");
     const std::string pdu = SubmitOut(1, kMegabyte);
-    host_.Forward(4, Deflated(pdu), pdu.size());
+    host_.Write(ForwardMessage(4, Deflated(pdu), static_cast<std::uint32_t>(pdu.size())));
     EXPECT_TRUE(host_.Reply(4, pdu.size()) == Deflated(pdu));
 
     const Stopwatch elapsed;
@@ -84,7 +83,7 @@ TEST_F(SessionTest, DevicesComeAndGoAndComeBackWithAFreshId) {
     EXPECT_EQ(host_.Unmapped(), 3U);
     EXPECT_EQ(host_.Unmapped(), 4U);
     host_.Write(UnmapMessage(3));
-    EXPECT_FALSE(host_.Comes(50)) << "gone before the host has confirmed all";
+    EXPECT_FALSE(host_.Comes(50ms)) << "gone before the host has confirmed all";
     host_.Write(UnmapMessage(4));
     EXPECT_TRUE(host_.Closed());
     EXPECT_TRUE(Finish());
@@ -133,7 +132,7 @@ TEST_F(SessionTest, HoweverAHostGoesTheNextOneIsServed) {
         SCOPED_TRACE(how);
         if (greets) serve_next();
         const Host host = std::exchange(next, With(connect));
-        EXPECT_FALSE(next.Comes(20)) << "served though another one is";
+        EXPECT_FALSE(next.Comes(20ms)) << "served though another one is";
         host.Write(last);
         if (last.empty()) shutdown(host.Get(), SHUT_WR);
         EXPECT_TRUE(host.Closed());
