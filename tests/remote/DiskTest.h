@@ -85,6 +85,7 @@ class DiskTest : public testing::Test, public ReplySink {
         const Answer answer{static_cast<int>(be32toh(header.u.ret_submit.status)),
                             be32toh(header.u.ret_submit.actual_length),
                             {pdu.begin() + sizeof header, pdu.end()}};
+        EXPECT_EQ(header.u.ret_submit.number_of_packets, 0U);
         EXPECT_TRUE(answers_.emplace(be32toh(header.seqnum), answer).second) << "two answers";
     }
     bool Answered(std::uint32_t seqnum) const { return answers_.count(seqnum) != 0; }
