@@ -72,7 +72,10 @@ attach() {
     [ "$way" = kernel ] || start_remote_here $arguments
     attached_at=$(hundredths)
     if [ "$way" = kernel ]; then
-        for port; do usbip attach -r 127.0.0.1 -b "$(busid "$port")"; done
+        # usbip fails while the device before is being enumerated.
+        for port; do
+            wait_until 20 "usbip to attach" usbip attach -r 127.0.0.1 -b "$(busid "$port")"
+        done
     else
         start_host
     fi

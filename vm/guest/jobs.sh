@@ -34,20 +34,27 @@ typed() {
 loudspeaker=usb-audio,audiodev=sound,buffer=400000
 heard=$LOG_DIR/heard.wav
 
-# make_sound: one second of noise, without bytes that silence has.
-make_sound() { tr -d '\000' </dev/urandom | head -c 192000 >/tmp/sound; }
+# make_sound: one second of noise, without bytes that silence has, and a quarter of silence.
+make_sound() {
+    tr -d '\000' </dev/urandom | head -c 192000 >/tmp/sound
+    head -c 48000 /dev/zero >/tmp/silence
+}
 
-# play PCM APLAY_ARG...: the sound on this device, such as pcmC0D0p, without an underrun.
+# play FILE PCM APLAY_ARG...: these samples on this device, such as pcmC0D0p, without an underrun.
 play() {
-    local card
-    card=${1#pcmC}
-    shift
-    aplay -q -D "hw:${card%%D*},0" -t raw -f S16_LE -c 2 -r 48000 "$@" /tmp/sound >/tmp/aplay.log 2>&1 ||
+    local file card
+    file=$1 card=${2#pcmC}
+    shift 2
+    aplay -q -D "hw:${card%%D*},0" -t raw -f S16_LE -c 2 -r 48000 "$@" "$file" >/tmp/aplay.log 2>&1 ||
         fail "aplay: $(cat /tmp/aplay.log)"
     expect_same "complaints of aplay" "none" "$(grep . /tmp/aplay.log || echo none)"
 }
 
-# heard_is TIMES: all samples of the sound in order, so many times, and nothing else but silence.
+# hear PCM TIMES: waits for all samples of the sound in order, so many times, and nothing else but
+# silence. On a busy machine QEMU has not played everything when a stream ends, and goes on with the
+# next one.
+hear() { wait_until 20 "the whole sound to be heard" is_heard "$@"; }
+is_heard() { heard_is "$2" || { play /tmp/silence "$1" && heard_is "$2"; }; }
 heard_is() {
     local expected
     expected=$(for _ in $(seq "$1"); do cat /tmp/sound; done | sha256sum)

@@ -1,8 +1,11 @@
 # about: two computers: one has a USB disk and serves it, the other uses it over the network
 # qemu: -netdev stream,id=link,server=on,addr.type=unix,addr.path=link -device virtio-net-device,netdev=link,mac=52:54:00:00:09:02
 # limit: 150
+# shellcheck source=guest/bridge.sh
+. "$VM_DIR/guest/bridge.sh"
 remote=10.9.0.1:9000
 server_is_ready() { grep -qs 'listening on' "$LOG_DIR/server/remote.log"; }
+read_all() { expect_same "whole disk" "$sum" "$(sha256 "/dev/$disk")"; }
 
 outside make_random_image disk.img 8
 say "Remote: a second virtual computer boots; the USB disk in it is QEMU's, the file disk.img."
@@ -14,13 +17,19 @@ outside boot_server server.sh \
 join_link 52:54:00:00:09:02 10.9.0.2
 wait_until 60 "the other computer" server_is_ready
 say "Remote: usbipd offers the disk, xj-usbip-remote takes it from there and listens on $remote."
+sum=$(outside sha256 disk.img)
+
+usbip attach -r 10.9.0.1 -b "$(xj-usbip-remote --list 10.9.0.1 | awk 'NR == 2 { print $1 }')"
+disk=$(wait_for_disk 8)
+timed "Local:  to compare, reading all of it over Linux's own attach" read_all
+detach kernel
+wait_disk_gone 8
 
 start_host
 disk=$(wait_for_disk 8)
 usb=$(usb_of_disk "$disk")
 say "Local:  xj-usbip-host has connected to it; the disk is /dev/$disk, '$(cat "$usb/product")' of '$(cat "$usb/manufacturer")'."
-sum=$(outside sha256 disk.img)
-expect_same "whole disk" "$sum" "$(sha256 "/dev/$disk")"
+timed "Local:  reading all of it" read_all
 say "Both sides' SHA-256 of the whole disk is $sum."
 
 text="written on another computer, boot $(cut -c1-8 /proc/sys/kernel/random/boot_id)"
