@@ -1,4 +1,7 @@
 # about: a microphone that a USB/IP server offers: every sample is recorded, in order, no overrun
+# qemu: -smp 1
+# One processor: the kernel's audio driver counts a packet before it copies it, and a reader on another
+# processor, in between, was seen to get zeros for it.
 # shellcheck source=guest/bridge.sh
 . "$VM_DIR/guest/bridge.sh"
 busid() { echo 1-1; }  # of the only device there is, on no bus
