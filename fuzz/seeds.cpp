@@ -1,41 +1,14 @@
-// Writes a small corpus, one directory for each target, below the directory that is named:
+// Writes hand-made seeds, one directory for each target, below the directory that is named:
 //   fuzz_seeds fuzz/corpus
-//
-// Real traffic makes seeds, too, since it passes through a command that the reference host runs:
-//   xj-usbip-host --exec 'tee to-remote | xj-usbip-remote --stdio --disk disk.img | tee to-host'
-// A byte 0 before to-host makes it one of host_stream, a byte 2 before to-remote one of
-// remote_channel.
+// Seeds of real traffic are made by fuzz/record.
+#include "fuzz/Seeds.h"
+
 #include <zlib.h>
 
-#include <filesystem>
-#include <fstream>
-#include <string>
-
 #include "remote/Channel.h"
-#include "support/Messages.h"
 #include "wire/UsbipServer.h"
 
 namespace {
-
-std::filesystem::path root;
-
-void seed(const std::string& target, const std::string& name, const std::string& bytes) {
-    std::filesystem::create_directories(root / target);
-    std::ofstream(root / target / name, std::ios::binary) << bytes;
-}
-
-std::string byte(int value) {
-    return {static_cast<char>(value)};
-}
-std::string half(std::size_t value) {  // 16 bits, little-endian
-    return byte(static_cast<int>(value & 0xFF)) + byte(static_cast<int>(value >> 8));
-}
-std::string word(std::uint32_t value) {
-    return Bytes(value);
-}
-std::string block(const std::string& bytes) {
-    return half(bytes.size()) + bytes;
-}
 
 std::string compressed_forward(std::uint32_t devid, const std::string& pdu) {
     std::string deflated(compressBound(pdu.size()), '\0');
@@ -212,7 +185,7 @@ void disk_commands() {
 
 int main(int argc, char** argv) {
     if (argc != 2) return 2;
-    root = argv[1];
+    corpus = argv[1];
     for (const auto& write_seeds : {host_stream, kernel_bytes, peer_pdus, vhci_status,
                                     remote_channel, usbip_server, disk_commands}) {
         write_seeds();
