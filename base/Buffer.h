@@ -5,7 +5,7 @@
 // buffer is filled by one thread and then handed over to exactly one other.
 #pragma once
 
-#include "base/Reference.h"
+#include "xj-client-usbip/Reference.h"
 
 class IMemAlloctor;
 

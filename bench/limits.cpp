@@ -10,9 +10,9 @@
 #include <fstream>
 #include <functional>
 
-#include "support/FakeController.h"
-#include "support/FakeHost.h"
-#include "support/Traffic.h"
+#include "fakes/FakeController.h"
+#include "fakes/FakeHost.h"
+#include "fakes/Traffic.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The interface through which a device client reports to its owner.
 #pragma once
 
-#include "base/Reference.h"
+#include "xj-client-usbip/Reference.h"
 
 class IClientUsbipListenter : public virtual IReference {
   public:

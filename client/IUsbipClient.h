@@ -1,8 +1,8 @@
 // One mapped device, as the plug-in holds it.
 #pragma once
 
-#include "base/Reference.h"
 #include "wire/ChannelMessages.h"
+#include "xj-client-usbip/Reference.h"
 
 class IClientUsbipListenter;
 

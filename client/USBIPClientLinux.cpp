@@ -8,7 +8,7 @@
 #include <string>
 
 #include "base/MemAlloctor.h"
-#include "module/XJModLog.h"
+#include "module/runtime/XJModLog.h"
 
 namespace {
 

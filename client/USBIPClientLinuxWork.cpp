@@ -11,7 +11,7 @@
 
 #include "client/IClientUsbipListenter.h"
 #include "client/USBIPClientLinux.h"
-#include "module/XJModLog.h"
+#include "module/runtime/XJModLog.h"
 #include "vhci/USBVHCI_linux.h"
 
 namespace {

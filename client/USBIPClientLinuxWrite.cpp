@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "client/USBIPClientLinux.h"
-#include "module/XJModLog.h"
+#include "module/runtime/XJModLog.h"
 
 namespace {
 

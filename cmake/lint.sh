@@ -17,32 +17,11 @@ mapfile -t scripts < <(git ls-files -co --exclude-standard | xargs grep -lE '^#!
 clang-format --dry-run -Werror "${sources[@]}" || complain "lint: clang-format -i mends the above"
 shellcheck -x "${scripts[@]}" || complain "lint: shellcheck is not content"
 
-# FOLDER ALLOWED...: our headers that files of a folder may include, as path prefixes. Arrows
-# point one way only, so there is no circle between folders.
-while read -r folder allowed; do
-    pattern="^($(tr ' ' '|' <<<"$folder/ $allowed"))"
-    while IFS=: read -r file _ include; do
-        header=${include#*\"}
-        header=${header%%\"*}
-        [[ $header =~ $pattern ]] || complain "lint: $file may not include $header"
-    done < <(grep -HnE '^#include "' "$folder"/*.cpp "$folder"/*.h "$folder"/*/*.h 2>/dev/null || true)
-done <<'RULES'
-base
-wire
-module base/ plugin/USBIPClientPlugin.h
-vhci base/ module/XJModLog.h
-client base/ wire/ vhci/ module/XJModLog.h
-plugin base/ wire/ client/ module/XJModLog.h module/abi/
-host base/Reference.h module/abi/
-remote wire/
-vm/microphone wire/ remote/
-fuzz base/ wire/ module/ plugin/ client/ vhci/ remote/ support/
-bench wire/ support/ stress/
-RULES
+tools/rooms.py || complain "lint: the rooms are in tools/rooms.py"
 
 if [ "${1:-}" = --tidy ]; then
     cmake --preset lint >/dev/null
-    run-clang-tidy -quiet -p build/lint -j "$(nproc)" "^$PWD/(base|bench|client|fuzz|host|module|plugin|remote|tests|vhci|vm)/.*" \
+    run-clang-tidy -quiet -p build/lint -j "$(nproc)" "^$PWD/(base|bench|client|fakes|fuzz|host|module|plugin|posix|remote|tests|vhci|vm)/.*" \
         >build/lint/tidy.log 2>&1 || {
         grep -E 'error:|warning:' build/lint/tidy.log | sort -u >&2
         complain "lint: clang-tidy is not content"

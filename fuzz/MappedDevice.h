@@ -8,9 +8,9 @@
 
 #include "client/IClientUsbipListenter.h"
 #include "client/USBIPClientLinux.h"
+#include "fakes/FakeController.h"
+#include "fakes/Messages.h"
 #include "fuzz/Target.h"
-#include "support/FakeController.h"
-#include "support/Messages.h"
 
 // References are not counted: it outlives the client. All operations may be called from any thread.
 class Listener : public IClientUsbipListenter {

@@ -9,8 +9,8 @@
 #include <string>
 
 #include "fuzz/Target.h"
-#include "remote/DiskImage.h"
-#include "remote/UsbDisk.h"
+#include "remote/disk/DiskImage.h"
+#include "remote/disk/UsbDisk.h"
 
 inline std::unique_ptr<remote::UsbDisk> ScratchDisk(remote::UsbSpeed speed) {
     constexpr off_t kSize = 256 * remote::DiskImage::kBlockSize;

@@ -5,7 +5,7 @@
 #include <fstream>
 #include <string>
 
-#include "support/Messages.h"
+#include "fakes/Messages.h"
 
 inline std::filesystem::path corpus;  // set by main
 

@@ -14,7 +14,7 @@
 #include <string_view>
 
 #include "base/BaseThread.h"
-#include "support/Patience.h"
+#include "fakes/Patience.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 

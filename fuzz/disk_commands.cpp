@@ -4,8 +4,8 @@
 #include <map>
 
 #include "fuzz/ScratchDisk.h"
-#include "remote/BulkOnly.h"
-#include "remote/DiskDescriptors.h"
+#include "remote/disk/BulkOnly.h"
+#include "remote/disk/DiskDescriptors.h"
 #include "wire/UsbipPdu.h"
 
 namespace {

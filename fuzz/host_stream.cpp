@@ -3,10 +3,10 @@
 #include <string>
 
 #include "base/MemAlloctor.h"
+#include "fakes/FakeController.h"
+#include "fakes/Messages.h"
 #include "fuzz/Target.h"
 #include "plugin/USBIPClientPlugin.h"
-#include "support/FakeController.h"
-#include "support/Messages.h"
 
 namespace {
 

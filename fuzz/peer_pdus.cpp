@@ -2,9 +2,9 @@
 // PDU has its length before it. The kernel gets those before the first that is refused.
 #include <set>
 
+#include "fakes/FakeHost.h"
 #include "fuzz/MappedDevice.h"
-#include "module/XJModRuntime.h"
-#include "support/FakeHost.h"
+#include "module/runtime/XJModRuntime.h"
 
 namespace {
 

@@ -5,9 +5,9 @@
 
 #include <vector>
 
+#include "fakes/Messages.h"
 #include "fuzz/ScratchDisk.h"
-#include "remote/Session.h"
-#include "support/Messages.h"
+#include "remote/channel/Session.h"
 
 namespace {
 
@@ -54,8 +54,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     int ends[2];
     Require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) == 0,
             "a socket pair");
-    remote::FileDescriptor host(ends[1]);
-    remote::Session session({remote::FileDescriptor(ends[0]), {}}, ports, (options & 1) != 0);
+    posix::UniqueFd host(ends[1]);
+    remote::Session session({posix::UniqueFd(ends[0]), {}}, ports, (options & 1) != 0);
 
     std::string stream;
     if ((options & 2) == 0) {
@@ -69,7 +69,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         settle(session, host.Get());
     }
     settle(session, host.Get());
-    host = remote::FileDescriptor();
+    host = posix::UniqueFd();
     settle(session, -1);
     Require(session.Over(), "the end of the connection ends the session");
     return 0;

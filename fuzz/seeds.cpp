@@ -5,7 +5,7 @@
 
 #include <zlib.h>
 
-#include "remote/Channel.h"
+#include "remote/channel/Channel.h"
 #include "wire/UsbipServer.h"
 
 namespace {

@@ -5,9 +5,9 @@
 #include <string>
 
 #include "fuzz/Target.h"
-#include "remote/InputBuffer.h"
-#include "remote/UsbipHandshake.h"
-#include "remote/UsbipTraffic.h"
+#include "remote/bridge/UsbipHandshake.h"
+#include "remote/bridge/UsbipTraffic.h"
+#include "remote/io/InputBuffer.h"
 
 namespace {
 

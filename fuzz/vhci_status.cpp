@@ -6,8 +6,8 @@
 
 #include <string>
 
+#include "fakes/FakeController.h"
 #include "fuzz/Target.h"
-#include "support/FakeController.h"
 #include "vhci/USBVHCI_linux.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <csignal>
 #include <cstring>
 
-#include "host/Wait.h"
+#include "posix/Wait.h"
 
 namespace host {
 namespace {
@@ -44,15 +44,15 @@ class CleanSignals {
 
 }  // namespace
 
-std::unique_ptr<Child> Child::Start(const std::string& command, UniqueFd& stream,
+std::unique_ptr<Child> Child::Start(const std::string& command, posix::UniqueFd& stream,
                                     std::string& error) {
     int pair[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
         error = std::string("cannot make a socket pair: ") + std::strerror(errno);
         return nullptr;
     }
-    UniqueFd ours(pair[0]);
-    const UniqueFd theirs(pair[1]);
+    posix::UniqueFd ours(pair[0]);
+    const posix::UniqueFd theirs(pair[1]);
 
     posix_spawn_file_actions_t files;
     ::posix_spawn_file_actions_init(&files);
@@ -71,7 +71,7 @@ std::unique_ptr<Child> Child::Start(const std::string& command, UniqueFd& stream
         return nullptr;
     }
     // Not the function: its header in glibc 2.36 is not for C++.
-    UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+    posix::UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
     std::unique_ptr<Child> child(new Child(pid, std::move(pidfd)));
     if (!child->pidfd_) {
         error = std::string("cannot watch the command: ") + std::strerror(errno);
@@ -83,7 +83,7 @@ std::unique_ptr<Child> Child::Start(const std::string& command, UniqueFd& stream
 
 bool Child::Wait(int timeout_ms) {
     if (status_) return true;
-    WaitFor(pidfd_.Get(), POLLIN, -1, timeout_ms);
+    posix::WaitFor(pidfd_.Get(), POLLIN, -1, timeout_ms);
     int status = 0;
     if (::waitpid(pid_, &status, WNOHANG) != pid_) return false;
     status_ = status;

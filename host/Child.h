@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "host/UniqueFd.h"
+#include "posix/UniqueFd.h"
 
 namespace host {
 
@@ -16,7 +16,7 @@ namespace host {
 class Child {
   public:
     // `stream` receives our end of the socket pair. Null and an `error` when it cannot start.
-    static std::unique_ptr<Child> Start(const std::string& command, UniqueFd& stream,
+    static std::unique_ptr<Child> Start(const std::string& command, posix::UniqueFd& stream,
                                         std::string& error);
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
@@ -33,10 +33,10 @@ class Child {
     std::string End();
 
   private:
-    Child(pid_t pid, UniqueFd pidfd) : pid_(pid), pidfd_(std::move(pidfd)) {}
+    Child(pid_t pid, posix::UniqueFd pidfd) : pid_(pid), pidfd_(std::move(pidfd)) {}
 
     const pid_t pid_;
-    const UniqueFd pidfd_;
+    const posix::UniqueFd pidfd_;
     std::optional<int> status_;  // as from waitpid, once reaped
 };
 

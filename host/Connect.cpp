@@ -12,7 +12,7 @@
 #include <cstring>
 #include <thread>
 
-#include "host/Wait.h"
+#include "posix/Wait.h"
 
 namespace host {
 namespace {
@@ -40,7 +40,7 @@ bool is_port(const std::string& text) {
 // the ownership of all it touches and may be left behind when the program stops.
 struct Lookup {
     Lookup(std::string host_name, std::string port_number)
-        : name(std::move(host_name)), port(std::move(port_number)), done(MakeEvent()) {}
+        : name(std::move(host_name)), port(std::move(port_number)), done(posix::MakeEvent()) {}
     Lookup(const Lookup&) = delete;
     Lookup& operator=(const Lookup&) = delete;
     ~Lookup() {
@@ -58,7 +58,7 @@ struct Lookup {
 
     const std::string name;
     const std::string port;
-    const UniqueFd done;
+    const posix::UniqueFd done;
     std::atomic<bool> finished{false};  // the two below belong to the thread until this is set
     int status = 0;
     addrinfo* addresses = nullptr;
@@ -67,7 +67,7 @@ struct Lookup {
 std::shared_ptr<Lookup> resolve(const Target& target, int stop, std::string& error) {
     auto lookup = std::make_shared<Lookup>(target.name, target.port);
     std::thread([lookup] { lookup->Run(); }).detach();
-    WaitFor(lookup->done.Get(), POLLIN, stop, kResolveTimeoutMs);
+    posix::WaitFor(lookup->done.Get(), POLLIN, stop, kResolveTimeoutMs);
     if (lookup->finished && lookup->status == 0) return lookup;
     error = "cannot resolve " + target.name + ": " +
             (lookup->finished ? ::gai_strerror(lookup->status) : "no answer");
@@ -75,13 +75,14 @@ std::shared_ptr<Lookup> resolve(const Target& target, int stop, std::string& err
 }
 
 // A connected, blocking socket, or none and the reason.
-UniqueFd connect_to(const sockaddr* address, socklen_t size, int stop, std::string& error) {
-    UniqueFd socket(::socket(address->sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+posix::UniqueFd connect_to(const sockaddr* address, socklen_t size, int stop, std::string& error) {
+    posix::UniqueFd socket(
+        ::socket(address->sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     int failure = 0;
     if (!socket || ::connect(socket.Get(), address, size) != 0) failure = errno;
     if (failure == EINPROGRESS) {
         failure = ETIMEDOUT;
-        if (WaitFor(socket.Get(), POLLOUT, stop, kConnectTimeoutMs) == Wake::Ready) {
+        if (posix::WaitFor(socket.Get(), POLLOUT, stop, kConnectTimeoutMs) == posix::Wake::Ready) {
             socklen_t length = sizeof failure;
             ::getsockopt(socket.Get(), SOL_SOCKET, SO_ERROR, &failure, &length);
         }
@@ -104,11 +105,11 @@ void tune_tcp(int socket) {
     set(IPPROTO_TCP, TCP_USER_TIMEOUT, kUnacknowledgedMs);
 }
 
-UniqueFd open_tcp(const Target& target, int stop, std::string& error) {
+posix::UniqueFd open_tcp(const Target& target, int stop, std::string& error) {
     const auto lookup = resolve(target, stop, error);
     const addrinfo* address = lookup ? lookup->addresses : nullptr;
-    for (; address != nullptr && !IsStopped(stop); address = address->ai_next) {
-        UniqueFd socket = connect_to(address->ai_addr, address->ai_addrlen, stop, error);
+    for (; address != nullptr && !posix::IsStopped(stop); address = address->ai_next) {
+        posix::UniqueFd socket = connect_to(address->ai_addr, address->ai_addrlen, stop, error);
         if (!socket) continue;
         tune_tcp(socket.Get());
         return socket;
@@ -116,7 +117,7 @@ UniqueFd open_tcp(const Target& target, int stop, std::string& error) {
     return {};
 }
 
-UniqueFd open_unix(const std::string& path, int stop, std::string& error) {
+posix::UniqueFd open_unix(const std::string& path, int stop, std::string& error) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);  // ParseAddress checked the length
@@ -163,7 +164,7 @@ std::string Describe(const Target& target) {
 
 std::optional<Link> Open(const Target& target, int stop, std::string& error) {
     Link link;
-    UniqueFd socket;
+    posix::UniqueFd socket;
     switch (target.kind) {
         case Target::Kind::Tcp:
             socket = open_tcp(target, stop, error);

@@ -7,7 +7,7 @@
 #include "host/Connect.h"
 #include "host/Module.h"
 #include "host/Runtime.h"
-#include "host/Wait.h"
+#include "posix/Wait.h"
 
 namespace host {
 namespace {
@@ -17,13 +17,13 @@ using Clock = std::chrono::steady_clock;
 // Lends the stream to the plug-in until one side ends it or `stop` is readable. All devices are
 // detached and the stream's connection is ended on return.
 void serve(IClientUsbipPlugin& plugin, SocketStream& stream, int stop) {
-    const UniqueFd run_returned = MakeEvent();
+    const posix::UniqueFd run_returned = posix::MakeEvent();
     plugin.InitInstance(&stream);
     std::thread run([&plugin, &run_returned] {
         plugin.Run();
         ::eventfd_write(run_returned.Get(), 1);
     });
-    WaitFor(run_returned.Get(), POLLIN, stop, -1);
+    posix::WaitFor(run_returned.Get(), POLLIN, stop, -1);
     stream.End();
     run.join();
     plugin.ExitInstance();
@@ -70,7 +70,7 @@ int RunHost(const Options& options, int stop) {
             serve(*plugin, *link->stream, stop);
             lived = Clock::now() - opened;
         }
-        if (IsStopped(stop)) {
+        if (posix::IsStopped(stop)) {
             runtime.Say("stopped, all devices detached");
             return 0;
         }
@@ -80,7 +80,7 @@ int RunHost(const Options& options, int stop) {
         if (!options.reconnect) return 1;
         const auto pause = backoff.Next(lived);
         runtime.Say("trying again in " + std::to_string(pause.count()) + " s");
-        WaitFor(-1, 0, stop, static_cast<int>(std::chrono::milliseconds(pause).count()));
+        posix::WaitFor(-1, 0, stop, static_cast<int>(std::chrono::milliseconds(pause).count()));
     }
 }
 

@@ -4,9 +4,9 @@
 #include <memory>
 #include <string>
 
-#include "base/Reference.h"
-#include "module/abi/HostAbi.h"
-#include "module/abi/PluginAbi.h"
+#include "xj-client-usbip/HostAbi.h"
+#include "xj-client-usbip/PluginAbi.h"
+#include "xj-client-usbip/Reference.h"
 
 namespace host {
 

@@ -6,9 +6,9 @@
 #include <string>
 #include <string_view>
 
-#include "base/Reference.h"
-#include "module/abi/HostAbi.h"
-#include "module/abi/XJModData.h"
+#include "xj-client-usbip/HostAbi.h"
+#include "xj-client-usbip/Reference.h"
+#include "xj-client-usbip/XJModData.h"
 
 namespace host {
 

@@ -4,7 +4,7 @@
 #include <set>
 #include <string>
 
-#include "module/abi/HostAbi.h"
+#include "xj-client-usbip/HostAbi.h"
 
 namespace host {
 

@@ -12,9 +12,9 @@
 #include <atomic>
 #include <cstddef>
 
-#include "base/Reference.h"
-#include "host/UniqueFd.h"
-#include "module/abi/PluginAbi.h"
+#include "posix/UniqueFd.h"
+#include "xj-client-usbip/PluginAbi.h"
+#include "xj-client-usbip/Reference.h"
 
 namespace host {
 
@@ -22,7 +22,7 @@ class SocketStream : public IPluginStreamRaw, protected CReference {
   public:
     // `socket` is connected and blocking. It is closed with the last reference, which may be the
     // module's: whoever wants the connection gone before that calls End.
-    explicit SocketStream(UniqueFd socket) : socket_(std::move(socket)) {}
+    explicit SocketStream(posix::UniqueFd socket) : socket_(std::move(socket)) {}
 
     long AddRef() override;
     long Release() override;
@@ -48,7 +48,7 @@ class SocketStream : public IPluginStreamRaw, protected CReference {
     // straight to the caller.
     static constexpr std::size_t kReadAhead = 16 * 1024;
 
-    const UniqueFd socket_;
+    const posix::UniqueFd socket_;
     std::atomic<bool> ended_{false};
     std::atomic<int> error_{0};
 

@@ -16,13 +16,13 @@ namespace {
 
 // Blocks the two stop signals, for every thread started later too, and returns the descriptor on
 // which they arrive. They are never taken off it, so that it stays readable after the first.
-host::UniqueFd block_stop_signals() {
+posix::UniqueFd block_stop_signals() {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     sigprocmask(SIG_BLOCK, &signals, nullptr);
-    host::UniqueFd stop(::signalfd(-1, &signals, SFD_CLOEXEC));
+    posix::UniqueFd stop(::signalfd(-1, &signals, SFD_CLOEXEC));
     if (!stop) throw std::system_error(errno, std::generic_category(), "signalfd");
     return stop;
 }
@@ -35,7 +35,7 @@ int main(int argc, char** argv) {
         if (const auto status = host::ParseCommandLine(argc, argv, options)) return *status;
         if (options.doctor) return host::Doctor(std::cout) ? 0 : 1;
         std::signal(SIGPIPE, SIG_IGN);  // whoever reads our log may leave before us
-        const host::UniqueFd stop = block_stop_signals();
+        const posix::UniqueFd stop = block_stop_signals();
         return host::RunHost(options, stop.Get());
     } catch (const std::exception& error) {
         std::cerr << "xj-usbip-host: " << error.what() << '\n';

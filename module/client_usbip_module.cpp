@@ -4,10 +4,10 @@
 
 #include <string>
 
-#include "module/XJModLog.h"
-#include "module/XJModRuntime.h"
-#include "module/abi/HostAbi.h"
+#include "module/runtime/XJModLog.h"
+#include "module/runtime/XJModRuntime.h"
 #include "plugin/USBIPClientPlugin.h"
+#include "xj-client-usbip/HostAbi.h"
 
 namespace {
 

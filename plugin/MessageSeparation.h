@@ -5,8 +5,8 @@
 #include <cstring>
 
 #include "base/Buffer.h"
-#include "module/abi/PluginAbi.h"
 #include "wire/ChannelMessages.h"
+#include "xj-client-usbip/PluginAbi.h"
 
 // Matches complete messages against the deriving class's map. `Header` has the fields `length` and
 // `type`; `Arg` is passed through to the handlers; `MaxDepth` is the deepest nesting of headers.

@@ -8,7 +8,7 @@
 #include <memory>
 
 #include "client/USBIPClientLinux.h"
-#include "module/XJModLog.h"
+#include "module/runtime/XJModLog.h"
 #include "plugin/USBIPClientPlugin.h"
 
 namespace {

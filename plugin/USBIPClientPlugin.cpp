@@ -1,7 +1,7 @@
 #include "plugin/USBIPClientPlugin.h"
 
 #include "base/MemAlloctor.h"
-#include "module/XJModLog.h"
+#include "module/runtime/XJModLog.h"
 
 namespace {
 

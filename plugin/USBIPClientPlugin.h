@@ -15,8 +15,8 @@
 #include "base/SemQueue.h"
 #include "client/IClientUsbipListenter.h"
 #include "client/IUsbipClient.h"
-#include "module/abi/PluginAbi.h"
 #include "plugin/MessageSeparation.h"
+#include "xj-client-usbip/PluginAbi.h"
 
 using CUsbipMessageSeparation =
     CMessageSeparation_T<_MESSAGE_HEADER, IBuffer*, 2, unsigned long, bool>;

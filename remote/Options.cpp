@@ -4,7 +4,7 @@
 #include <sstream>
 #include <utility>
 
-#include "remote/UsbipHandshake.h"
+#include "remote/bridge/UsbipHandshake.h"
 
 namespace remote {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "remote/Device.h"
+#include "remote/device/Device.h"
 
 namespace remote {
 

@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "remote/Log.h"
+#include "remote/io/Log.h"
 
 namespace remote {
 namespace {
@@ -70,7 +70,7 @@ bool Server::Loop(Listener* listener) {
         if (fds[0].revents != 0) OnSignal();
         if (fds[1].revents != 0) OnCommands();
         if (accepting && fds[2].revents != 0 && !quitting_) {
-            FileDescriptor host = listener->Accept();
+            posix::UniqueFd host = listener->Accept();
             if (host) StartSession({std::move(host), {}});
             continue;
         }

@@ -11,9 +11,9 @@
 #include <string_view>
 #include <vector>
 
-#include "remote/Device.h"
-#include "remote/Listener.h"
-#include "remote/Session.h"
+#include "remote/channel/Session.h"
+#include "remote/device/Device.h"
+#include "remote/io/Listener.h"
 
 namespace remote {
 

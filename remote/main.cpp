@@ -17,28 +17,28 @@
 #include <utility>
 #include <vector>
 
-#include "remote/DiskDescriptors.h"
-#include "remote/DiskImage.h"
-#include "remote/Listener.h"
-#include "remote/Log.h"
 #include "remote/Options.h"
 #include "remote/Server.h"
-#include "remote/UsbDisk.h"
-#include "remote/UsbipDevice.h"
-#include "remote/UsbipServer.h"
+#include "remote/bridge/UsbipDevice.h"
+#include "remote/bridge/UsbipServer.h"
+#include "remote/disk/DiskDescriptors.h"
+#include "remote/disk/DiskImage.h"
+#include "remote/disk/UsbDisk.h"
+#include "remote/io/Listener.h"
+#include "remote/io/Log.h"
 
 namespace remote {
 namespace {
 
 // Signals become readable events; a host that goes away is a failed write, not a signal.
-FileDescriptor take_signals() {
+posix::UniqueFd take_signals() {
     sigset_t signals;
     sigemptyset(&signals);
     for (const int one : {SIGINT, SIGTERM, SIGUSR1})
         sigaddset(&signals, one);
     sigprocmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    return FileDescriptor(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+    return posix::UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
 // Stays the same for an image, so that the host recognises the disk.
@@ -121,7 +121,7 @@ class NonBlocking {
 bool serve_stdio(Server& server) {
     const NonBlocking input(STDIN_FILENO);
     const NonBlocking output(STDOUT_FILENO);
-    return server.Run({FileDescriptor(dup(STDIN_FILENO)), FileDescriptor(dup(STDOUT_FILENO))});
+    return server.Run({posix::UniqueFd(dup(STDIN_FILENO)), posix::UniqueFd(dup(STDOUT_FILENO))});
 }
 
 bool serve_listener(Server& server, const std::string& address) {
@@ -143,7 +143,7 @@ bool serve_listener(Server& server, const std::string& address) {
 
 int run(const Options& options) {
     if (!options.list.empty()) return list(options.list);
-    const FileDescriptor signals = take_signals();
+    const posix::UniqueFd signals = take_signals();
     std::vector<std::unique_ptr<Device>> devices;
     for (const DiskOption& option : options.disks) {
         auto disk = make_disk(option, devices.size() + 1);

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "module/XJModLog.h"
+#include "module/runtime/XJModLog.h"
 #include "vhci/USBVHCI_linux.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <memory>
 
-#include "module/XJModLog.h"
+#include "module/runtime/XJModLog.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "base/SemQueue.h"
-#include "support/Patience.h"
+#include "fakes/Patience.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Reference counts, buffers, the allocator and the lock.
-#include "base/Reference.h"
+#include "xj-client-usbip/Reference.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 
 #include "base/Lock.h"
 #include "base/MemAlloctor.h"
-#include "support/Patience.h"
+#include "fakes/Patience.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "base/BaseThread.h"
-#include "support/Patience.h"
+#include "fakes/Patience.h"
 
 namespace {
 

@@ -10,10 +10,10 @@
 
 #include "client/IClientUsbipListenter.h"
 #include "client/USBIPClientLinux.h"
-#include "module/XJModRuntime.h"
-#include "support/FakeController.h"
-#include "support/FakeHost.h"
-#include "support/Messages.h"
+#include "fakes/FakeController.h"
+#include "fakes/FakeHost.h"
+#include "fakes/Messages.h"
+#include "module/runtime/XJModRuntime.h"
 
 namespace {
 

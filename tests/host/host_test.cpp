@@ -12,9 +12,9 @@
 #include <map>
 #include <sstream>
 
+#include "fakes/Patience.h"
 #include "host/Connect.h"
 #include "host/Doctor.h"
-#include "tests/support/Patience.h"
 
 namespace host {
 namespace {
@@ -87,8 +87,8 @@ class StreamTest : public testing::Test {
     StreamTest() {
         int pair[2];
         EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
-        stream_ = new SocketStream(UniqueFd(socket_ = pair[0]));
-        peer_ = UniqueFd(pair[1]);
+        stream_ = new SocketStream(posix::UniqueFd(socket_ = pair[0]));
+        peer_ = posix::UniqueFd(pair[1]);
     }
 
     // What one Read yields; "failed" for a failure.
@@ -101,7 +101,7 @@ class StreamTest : public testing::Test {
 
     int socket_ = -1;  // the stream's
     CRefObj<SocketStream> stream_;
-    UniqueFd peer_;
+    posix::UniqueFd peer_;
 };
 
 TEST_F(StreamTest, ReadsAheadAndTheEndDropsThat) {
@@ -135,7 +135,7 @@ const std::string kStatus = "the command ended with status ";
 constexpr timeval kPatient{kPatience.count(), 0};
 
 // Fewer than `size` bytes at the end of the stream, or when they do not come in time.
-std::string receive(const UniqueFd& socket, std::size_t size) {
+std::string receive(const posix::UniqueFd& socket, std::size_t size) {
     ::setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatient, sizeof kPatient);
     std::string bytes(size, '\0');
     const ssize_t count = ::recv(socket.Get(), bytes.data(), size, MSG_WAITALL);
@@ -154,7 +154,9 @@ class ProgramTest : public testing::Test {
         target_ = "localhost:" + std::to_string(port_);
     }
 
-    UniqueFd Accept() const { return UniqueFd(::accept(listener_.Get(), nullptr, nullptr)); }
+    posix::UniqueFd Accept() const {
+        return posix::UniqueFd(::accept(listener_.Get(), nullptr, nullptr));
+    }
 
     // Both of its outputs come to us.
     void Start(const std::string& arguments) {
@@ -170,7 +172,7 @@ class ProgramTest : public testing::Test {
         seen_.erase(0, seen_.find(text) + text.size());
     }
 
-    static void ExchangeVersions(const UniqueFd& peer) {
+    static void ExchangeVersions(const posix::UniqueFd& peer) {
         const char request[] = "\x0C\0\0\0\x0B\0\0\0\4\0\0\0\1\0\0\0\0\0\0\0";
         const std::string response("\x0C\0\0\0\x0B\0\0\0\4\0\0\0\2\0\0\0\3\0\0\0", 20);
         EXPECT_EQ(20, ::send(peer.Get(), request, 20, MSG_NOSIGNAL));
@@ -183,11 +185,11 @@ class ProgramTest : public testing::Test {
         return program_->Wait(kPromptMs) ? program_->End() : "still running";
     }
 
-    const UniqueFd listener_{::socket(AF_INET, SOCK_STREAM, 0)};
+    const posix::UniqueFd listener_{::socket(AF_INET, SOCK_STREAM, 0)};
     unsigned port_ = 0;
     std::string target_;  // names it
     std::unique_ptr<Child> program_;
-    UniqueFd output_;
+    posix::UniqueFd output_;
     std::string seen_;  // of the output
 };
 
@@ -196,7 +198,7 @@ TEST_F(ProgramTest, TheModuleAnswersOverTheStreamAndOverTheNextUntilSigterm) {
     ExchangeVersions(Accept());
     ExpectOutput("] ExitInstance");
     ExpectOutput(": the remote side ended it");
-    const UniqueFd peer = Accept();
+    const posix::UniqueFd peer = Accept();
     for (int i = 0; i < 2; ++i)
         ExchangeVersions(peer);
     EXPECT_EQ(kStatus + "0", Exit(SIGTERM));

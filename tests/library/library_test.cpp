@@ -4,10 +4,10 @@
 
 #include <fstream>
 
-#include "support/FakeController.h"
-#include "support/FakeHost.h"
-#include "support/Ledger.h"
-#include "support/Messages.h"
+#include "fakes/FakeController.h"
+#include "fakes/FakeHost.h"
+#include "fakes/Ledger.h"
+#include "fakes/Messages.h"
 
 namespace {
 

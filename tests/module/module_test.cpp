@@ -5,9 +5,9 @@
 #include <atomic>
 #include <thread>
 
-#include "module/XJModLog.h"
-#include "module/XJModRuntime.h"
-#include "support/FakeHost.h"
+#include "fakes/FakeHost.h"
+#include "module/runtime/XJModLog.h"
+#include "module/runtime/XJModRuntime.h"
 
 namespace {
 

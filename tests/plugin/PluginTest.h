@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 
 #include "client/IClientUsbipListenter.h"
-#include "support/FakeController.h"
-#include "support/FakeHost.h"
-#include "support/Messages.h"
+#include "fakes/FakeController.h"
+#include "fakes/FakeHost.h"
+#include "fakes/Messages.h"
 
 class PluginTest : public ::testing::Test {
   protected:

@@ -1,8 +1,8 @@
 // Forwarding PDUs between the kernel and the remote side, plain and compressed.
 #include <gtest/gtest.h>
 
+#include "fakes/Traffic.h"
 #include "plugin/PluginTest.h"
-#include "support/Traffic.h"
 
 namespace {
 

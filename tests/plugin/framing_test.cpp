@@ -5,9 +5,9 @@
 #include <vector>
 
 #include "base/MemAlloctor.h"
+#include "fakes/FakeHost.h"
+#include "fakes/Messages.h"
 #include "plugin/MessageSeparation.h"
-#include "support/FakeHost.h"
-#include "support/Messages.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "Pdus.h"
-#include "remote/UsbDisk.h"
+#include "remote/disk/UsbDisk.h"
 
 namespace remote::test {
 
@@ -149,7 +149,7 @@ class DiskTest : public testing::Test, public ReplySink {
         return {sense.at(2), sense.at(12)};
     }
 
-    const FileDescriptor file_{memfd_create("disk", MFD_CLOEXEC)};
+    const posix::UniqueFd file_{memfd_create("disk", MFD_CLOEXEC)};
     const std::string path_ = "/proc/self/fd/" + std::to_string(file_.Get());
     std::unique_ptr<UsbDisk> disk_;
     std::map<std::uint32_t, Answer> answers_;  // not taken yet

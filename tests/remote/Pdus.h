@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-#include "remote/Bytes.h"
-#include "support/Messages.h"
+#include "fakes/Messages.h"
+#include "remote/io/Bytes.h"
 #include "wire/UsbipServer.h"
 
 namespace remote::test {

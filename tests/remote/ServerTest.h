@@ -10,17 +10,17 @@
 #include <thread>
 
 #include "Pdus.h"
-#include "remote/Listener.h"
+#include "fakes/Patience.h"
 #include "remote/Server.h"
-#include "support/Patience.h"
+#include "remote/io/Listener.h"
 
 namespace remote::test {
 
 // A connected socket. Every wait ends with a failure at last, and after it all that follow at once.
-class Peer : public FileDescriptor {
+class Peer : public posix::UniqueFd {
   public:
     Peer() = default;
-    explicit Peer(int fd) : FileDescriptor(fd) {
+    explicit Peer(int fd) : posix::UniqueFd(fd) {
         const timeval patience{kPatience.count(), 0};
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
@@ -114,7 +114,7 @@ class ServerTest : public testing::Test {
         const auto [ours, theirs] = Pair();
         fcntl(theirs, F_SETFL, O_NONBLOCK);
         host_ = Host(ours);
-        Serve({FileDescriptor(theirs), {}}, compress);
+        Serve({posix::UniqueFd(theirs), {}}, compress);
         return host_.Greet();
     }
     bool Finish() {  // waits for the server's end and returns its verdict
@@ -140,7 +140,7 @@ class ServerTest : public testing::Test {
     }
     const std::pair<int, int> ends_ = Pair();
     const Peer terminal_{ends_.first};
-    const FileDescriptor controls_{ends_.second};
+    const posix::UniqueFd controls_{ends_.second};
     std::unique_ptr<Server> server_;
     bool served_ = false;
     std::jthread thread_;  // last: it ends before what it uses

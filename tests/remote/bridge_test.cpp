@@ -6,7 +6,7 @@
 #include <tuple>
 
 #include "ServerTest.h"
-#include "remote/UsbipDevice.h"
+#include "remote/bridge/UsbipDevice.h"
 
 namespace remote::test {
 namespace {

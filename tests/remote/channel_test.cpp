@@ -1,5 +1,5 @@
 // Messages out of the stream and into it.
-#include "remote/Channel.h"
+#include "remote/channel/Channel.h"
 
 #include <algorithm>
 #include <array>

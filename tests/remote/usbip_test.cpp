@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "Pdus.h"
-#include "remote/UsbipHandshake.h"
-#include "remote/UsbipTraffic.h"
+#include "remote/bridge/UsbipHandshake.h"
+#include "remote/bridge/UsbipTraffic.h"
 
 namespace remote::test {
 namespace {

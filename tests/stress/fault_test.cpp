@@ -5,9 +5,9 @@
 
 #include <csignal>
 
-#include "support/FakeHost.h"
-#include "support/Ledger.h"
-#include "support/Traffic.h"
+#include "fakes/FakeHost.h"
+#include "fakes/Ledger.h"
+#include "fakes/Traffic.h"
 
 namespace {
 

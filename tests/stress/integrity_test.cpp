@@ -8,9 +8,9 @@
 #include <bit>
 #include <random>
 
-#include "support/FakeController.h"
-#include "support/FakeHost.h"
-#include "support/Traffic.h"
+#include "fakes/FakeController.h"
+#include "fakes/FakeHost.h"
+#include "fakes/Traffic.h"
 
 namespace {
 

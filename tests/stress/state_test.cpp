@@ -9,9 +9,9 @@
 #include <random>
 #include <stdexcept>
 
-#include "support/FakeHost.h"
-#include "support/Ledger.h"
-#include "support/Traffic.h"
+#include "fakes/FakeHost.h"
+#include "fakes/Ledger.h"
+#include "fakes/Traffic.h"
 
 namespace {
 

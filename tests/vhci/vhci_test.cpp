@@ -7,8 +7,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "support/FakeController.h"
-#include "support/FakeHost.h"
+#include "fakes/FakeController.h"
+#include "fakes/FakeHost.h"
 #include "vhci/USBVHCI_linux.h"
 
 namespace {

@@ -12,9 +12,9 @@
 #include <deque>
 #include <optional>
 
-#include "remote/Bytes.h"
-#include "remote/Device.h"
-#include "remote/Unlink.h"
+#include "remote/device/Device.h"
+#include "remote/device/Unlink.h"
+#include "remote/io/Bytes.h"
 #include "wire/UsbipPdu.h"
 #include "wire/UsbipServer.h"
 

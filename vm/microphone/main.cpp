@@ -14,7 +14,7 @@
 #include <string>
 #include <utility>
 
-#include "remote/Listener.h"
+#include "remote/io/Listener.h"
 #include "vm/microphone/Microphone.h"
 #include "wire/UsbipPdu.h"
 #include "wire/UsbipServer.h"
@@ -119,7 +119,7 @@ void run(const std::string& address) {
     for (;;) {
         pollfd waiting{listener->Fd(), POLLIN, 0};
         poll(&waiting, 1, -1);
-        const FileDescriptor client = listener->Accept();
+        const posix::UniqueFd client = listener->Accept();
         if (!client) continue;
         fcntl(client.Get(), F_SETFL, 0);  // blocking
         setsockopt(client.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);

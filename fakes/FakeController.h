@@ -1,0 +1,114 @@
+// The kernel's vhci_hcd, as far as the module can see it.
+//
+// A stand-in for libudev over a temporary directory and an interposed `write` make the test
+// executable believe that the driver is loaded: what is written to the fake's attach file takes a
+// port and hands the kernel's end of the socket to the test. Works for modules that the executable
+// loads, too, since its symbols come first. The record directory /var/run/vhci_hcd is redirected
+// into the temporary directory; without a controller nothing is found and nothing is touched.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <ctime>
+#include <filesystem>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "fakes/Patience.h"
+
+class FakeController;
+
+// The kernel's end of one attached device. Closing it (or destroying it) frees the port.
+// Used by one thread; must not outlive its controller.
+class KernelEnd {
+  public:
+    KernelEnd(FakeController& controller, unsigned port, int socket, std::string request);
+    ~KernelEnd() { Close(); }
+    KernelEnd(const KernelEnd&) = delete;
+
+    void Close();
+    bool Send(std::string_view bytes);  // false when the client's end is gone
+    std::string Receive(
+        std::size_t size);  // exactly `size` bytes; fewer at the end or out of patience
+    bool WaitForEnd();      // reads until the client's end is closed
+    void StopReading();     // later writes of the client fail
+    void StopSending();     // the client sees the end behind what was sent
+
+    const unsigned port;
+    const std::string request;  // what was written to the attach file
+
+  private:
+    FakeController& controller_;
+    int socket_;
+};
+
+// One at a time. All operations may be called from any thread.
+class FakeController {
+  public:
+    // Of each controller, half of the ports are high-speed and half super-speed.
+    explicit FakeController(int controllers = 1, int ports_each = 16);
+    ~FakeController();
+
+    std::unique_ptr<KernelEnd> WaitForAttach();  // in the order of the attaches; null: none came
+    std::list<std::unique_ptr<KernelEnd>> Attached() {  // those that no test has taken yet
+        return Under(mutex_, [&] { return std::exchange(attaches_, {}); });
+    }
+    void RefuseAttaches(int error) { refusal_ = error; }
+    // Every attach request so far, refused ones too.
+    std::vector<std::string> Requests() const { return CopiedUnder(mutex_, requests_); }
+
+    void Occupy(unsigned port, int state, std::string local_busid);
+    void Free(unsigned port) { Occupy(port, Port().state, Port().local_busid); }
+
+    // Attributes of "vhci_hcd.0" or of a local USB device, in place of the generated ones.
+    void SetAttribute(const std::string& device, const std::string& name, std::string text);
+    void RemoveAttribute(const std::string& device, const std::string& name) {
+        Under(mutex_, [&] { attributes_.erase(device + '/' + name); });
+    }
+    void RemoveDevice(const std::string& device) { remove_all(root / "platform" / device); }
+    void AddUsbDevice(const std::string& busid,
+                      const std::map<std::string, std::string>& attributes);
+
+    static int LiveUdevObjects() {
+        return live_udev_objects;
+    }  // contexts and devices not yet given back
+
+    // How long a status takes to read. As slow as on a busy machine, so that clients that read the
+    // port table at once find it the same. Set before there are clients.
+    timespec status_pause{0, 2'000'000};
+
+    const std::filesystem::path root;              // holds platform/ and usb/
+    const std::filesystem::path record_directory;  // where /var/run/vhci_hcd leads
+
+    // For the stand-ins; see FakeController.cpp.
+    static FakeController* Current() { return current_; }
+    static inline std::atomic<int> live_udev_objects{0};
+    std::optional<std::string> Attribute(const std::string& device, const std::string& name) const;
+    bool IsAttachFile(int fd) const;
+    int Attach(std::string_view request);  // 0 or an error number
+
+  private:
+    struct Port {
+        int state = 4;
+        std::string local_busid = "0-0";
+    };
+    std::string status_text(int controller) const;
+
+    static inline std::atomic<FakeController*> current_{nullptr};
+
+    const int ports_each_;
+    mutable std::mutex mutex_;  // guards everything below
+    std::condition_variable attached_;
+    int refusal_ = 0;
+    std::vector<Port> ports_;
+    std::vector<std::string> requests_;
+    std::list<std::unique_ptr<KernelEnd>> attaches_;  // not yet taken by the test
+    std::map<std::string, std::string> attributes_;   // by device/name
+};

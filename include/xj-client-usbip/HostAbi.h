@@ -1,0 +1,81 @@
+// What a host process and the module agree on: the entry point, the descriptor behind it, and the
+// interfaces that the host implements for the module. Hosts are compiled separately, so the order
+// of virtual operations and the layout of the descriptor are fixed.
+//
+// Calling order: xjmod_get_entrypoint, descriptor->init, descriptor->create for each plug-in
+// (see PluginAbi.h for driving it), Release of each plug-in, descriptor->uninit, dlclose.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "xj-client-usbip/Reference.h"
+
+// A typed value of the host's. Every Reserved slot belongs to the host; the module never calls it.
+class IXJModData : public virtual IReference {
+  public:
+    enum Type : std::uint32_t { TypeInt = 2, TypeText = 4 };
+
+    virtual std::uint32_t type() = 0;
+    virtual void Reserved1() = 0;
+    virtual void Reserved2() = 0;
+    virtual const char* asString() = 0;  // NUL-terminated, owned by the value; null if not a text
+    virtual void Reserved3() = 0;
+    virtual void Reserved4() = 0;
+    virtual std::int64_t asInt() = 0;  // 0 if not an integer
+};
+
+// What `create` is asked for. Keys and their types: see the constants below.
+class IXJModPropertySet : public virtual IReference {
+  public:
+    // Borrowed: the module takes a reference of its own for as long as it reads the value.
+    // Null when there is no such property.
+    virtual IXJModData* GetProperty(const char* key) = 0;
+};
+
+inline constexpr char kPropertyInterfaceName[] = "xj.module.interface.name";  // text
+inline constexpr char kPropertyVersion[] = "xj.module.version";               // integer
+inline constexpr char kInterfaceClientUsbipPlugin[] = "IClientUsbipPlugin";   // case is ignored
+
+// Versions carry the major number in bits 48 to 63.
+inline constexpr std::uint64_t kModuleVersion = 0x0001000000000000;
+
+// The host's runtime. It must outlive the time from `init` to `uninit`; the module takes no
+// reference. The module calls Log from any of its threads, but never from two at once, and holds
+// its runtime lock during the call: Log must not block for long and must not wait for another
+// thread of the module. It may log back into the module on the same thread.
+// No virtual destructor: the table has exactly these four slots.
+class IXJModRuntime {
+  public:
+    // level: 1 lifecycle and device events, 4 failures and refused input, 8 detail.
+    // text: NUL-terminated, at most 4095 bytes, valid only during the call.
+    virtual void Log(int level, const char* text) = 0;
+    // The module itself never calls the three below; their arguments are the host's own.
+    virtual bool GetConfig(bool, const char*, const char*, IXJModData**, const char*) = 0;
+    virtual bool SaveConfig(bool, const char*, const char*, const char*) = 0;
+    virtual void* GetEnv(const char* name) = 0;
+
+  protected:
+    ~IXJModRuntime() = default;
+};
+
+struct xjmod_entrypoint {
+    std::uint64_t version;
+    const char* name;
+    bool (*init)(void* runtime);              // IXJModRuntime*; false for null
+    void (*uninit)();                         // log lines are dropped from here on
+    bool (*create)(void* props, void** out);  // IXJModPropertySet*; *out: IClientUsbipPlugin* that
+                                              // holds one reference for the caller. *out is
+                                              // written only on success.
+    const char* build_time;                   // "Mmm dd yyyy hh:mm:ss"
+    std::uint64_t reserved[8];
+};
+static_assert(offsetof(xjmod_entrypoint, name) == 8 && offsetof(xjmod_entrypoint, init) == 16 &&
+              offsetof(xjmod_entrypoint, uninit) == 24 &&
+              offsetof(xjmod_entrypoint, create) == 32 &&
+              offsetof(xjmod_entrypoint, build_time) == 40 &&
+              offsetof(xjmod_entrypoint, reserved) == 48 && sizeof(xjmod_entrypoint) == 112);
+
+// The one exported symbol. Always returns the same static record.
+extern "C" __attribute__((visibility("default"))) xjmod_entrypoint* xjmod_get_entrypoint();
+using xjmod_get_entrypoint_fn = xjmod_entrypoint* (*)();

@@ -1,0 +1,123 @@
+#include "remote/bridge/UsbipTraffic.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace remote {
+namespace {
+
+std::string number_text(const char* what, std::uint32_t number) {
+    return what + (" " + std::to_string(number));
+}
+
+Bytes copy(ByteView pdu) {
+    return {pdu.begin(), pdu.end()};
+}
+
+}  // namespace
+
+// The rule of unlinks. The host's kernel waits for ever for the answer to one, gives the URB back
+// when it comes, and ends the device over a reply to that URB afterwards. Therefore, when the URB
+// is
+//  - under way: the server decides. Its RET_UNLINK is passed on and settles the URB, too. If the
+//    URB's reply comes first, the URB has won: the reply is passed on and at once a RET_UNLINK of
+//    ours with status 0, since a server that has forgotten the URB may keep silent. Should its
+//    RET_UNLINK come all the same, it is dropped;
+//  - answered: its reply precedes ours on the stream to the host. RET_UNLINK with status 0 from us;
+//  - never seen: it was submitted to the device that had the host's port before. RET_UNLINK with
+//    -ECONNRESET from us, because Linux servers would keep silent.
+std::string UsbipTraffic::Command(ByteView pdu, ReplySink& sink) {
+    const auto header = LoadRaw<usbip_header>(pdu.data());
+    const std::uint32_t seqnum = be32toh(header.seqnum);
+    if (be32toh(header.command) == USBIP_CMD_UNLINK) {
+        const std::uint32_t target = be32toh(header.u.cmd_unlink.seqnum);
+        const auto urb = urbs_.find(target);
+        if (urb == urbs_.end() || urb->second.given_back) {
+            sink.Reply(RetUnlinkPdu(seqnum, submitted_.Contains(target) ? 0 : -ECONNRESET));
+            return {};
+        }
+        if (std::exchange(urb->second.unlink, seqnum) ||
+            !unlinks_.try_emplace(seqnum, Unlink{target, Clock::now() + kUnlinkTimeout}).second) {
+            return number_text("the host repeats the unlink", seqnum);
+        }
+    } else {
+        std::string error = Submit(seqnum, header);
+        if (!error.empty()) return error;
+    }
+    if (pdu.size() > kMaxQueued - std::min(output_.Pending(), kMaxQueued)) {
+        return "the server does not read: " + std::to_string(output_.Pending()) + " bytes wait";
+    }
+    output_.Push(copy(pdu));
+    return {};
+}
+
+std::string UsbipTraffic::Submit(std::uint32_t seqnum, const usbip_header& header) {
+    if (urbs_.size() >= kMaxUrbs) return "the server leaves too many URBs unanswered";
+    const auto& submit = header.u.cmd_submit;
+    const Urb urb{header.direction == USBIP_DIR_OUT,
+                  be32toh(submit.transfer_buffer_length),
+                  UsbipIsoBytes(submit.number_of_packets),
+                  false,
+                  {}};
+    const auto [place, added] = urbs_.try_emplace(seqnum, urb);
+    if (!added && !std::exchange(place->second, urb).given_back) {
+        return number_text("the host repeats the sequence number", seqnum);
+    }
+    submitted_.Add(seqnum);
+    return {};
+}
+
+std::string UsbipTraffic::TakeReplies(InputBuffer& input, ReplySink& sink) {
+    while (input.Unread().size() >= sizeof(usbip_header)) {
+        const auto header = LoadRaw<usbip_header>(input.Unread().data());
+        const std::uint32_t command = be32toh(header.command);
+        const std::uint32_t seqnum = be32toh(header.seqnum);
+        if (command == USBIP_RET_UNLINK) {
+            OnRetUnlink(seqnum, copy(input.Take(sizeof header)), sink);
+            continue;
+        }
+        if (command != USBIP_RET_SUBMIT) return number_text("the server sends command", command);
+        const auto found = urbs_.find(seqnum);
+        if (found == urbs_.end()) return number_text("the server answers unknown URB", seqnum);
+        const Urb& urb = found->second;
+        const UsbipPduLength length = UsbipRetSubmitLength(header, urb.out);
+        // The kernel of the host trusts these: they must fit what it has made room for.
+        if (be32toh(header.u.ret_submit.actual_length) > urb.length || length.iso > urb.iso ||
+            !length.Acceptable()) {
+            return number_text("the server answers with more than was asked for in URB", seqnum);
+        }
+        if (input.Unread().size() < length.Total()) break;
+        Bytes pdu = copy(input.Take(length.Total()));
+        if (!urb.given_back) sink.Reply(std::move(pdu));
+        if (urb.unlink) {
+            sink.Reply(RetUnlinkPdu(*urb.unlink, 0));
+            unlinks_.erase(*urb.unlink);
+        }
+        urbs_.erase(found);
+    }
+    return {};
+}
+
+// After a status of 0 the URB's reply may still follow: Linux servers queue the two apart, and in a
+// rare race send them the wrong way round. After any other none does.
+void UsbipTraffic::OnRetUnlink(std::uint32_t seqnum, Bytes pdu, ReplySink& sink) {
+    const auto unlink = unlinks_.find(seqnum);
+    if (unlink == unlinks_.end()) return;
+    const auto urb = urbs_.find(unlink->second.target);
+    if (LoadRaw<usbip_header>(pdu.data()).u.ret_unlink.status == 0) {
+        urb->second.given_back = true;
+        urb->second.unlink.reset();
+    } else {
+        urbs_.erase(urb);
+    }
+    unlinks_.erase(unlink);
+    sink.Reply(std::move(pdu));
+}
+
+std::optional<Clock::time_point> UsbipTraffic::Deadline() const {
+    if (unlinks_.empty()) return std::nullopt;
+    return unlinks_.begin()->second.due;  // the kernel numbers upwards: the oldest
+}
+
+}  // namespace remote

@@ -1,0 +1,23 @@
+#include "remote/io/Log.h"
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <system_error>
+
+namespace remote {
+
+void Log(const char* format, ...) {
+    std::array<char, 1024> line{};
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(line.data(), line.size(), format, arguments);
+    va_end(arguments);
+    std::fprintf(stderr, "xj-usbip-remote: %s\n", line.data());
+}
+
+std::string ErrorText(int error) {
+    return std::generic_category().message(error);
+}
+
+}  // namespace remote
