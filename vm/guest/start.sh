@@ -24,6 +24,9 @@ log_state() {
     echo w >/proc/sysrq-trigger
 }
 
+# A counted clock leaps while nothing runs: something always does, when nobody else wants to.
+if [ "$CLOCK" = counted ]; then chrt -i 0 sh -c 'while :; do :; done' 8>&- 9<&- & fi
+
 if [ -z "$SCENARIO" ]; then
     . "$VM_DIR/guest/prompt.sh"
 else
