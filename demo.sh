@@ -6,6 +6,13 @@
 #   ./demo.sh --native  this side is this machine, where `xj-usbip-host doctor` says it can be
 # Exits 0 only if everything that it tells has happened and been checked.
 set -euo pipefail
+usage() { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"; }
+# Before anything else, since later $0 may lead nowhere.
+case ${1-} in
+"" | --two | --native) ;;
+-h | --help) usage && exit ;;
+*) usage >&2 && exit 2 ;;
+esac
 cd "$(dirname "$0")"
 
 build() { # PRESET TARGET...
@@ -33,9 +40,5 @@ case ${1-} in
     build release xj-usbip-remote xj-client-usbip xj-usbip-host
     build/release/host/xj-usbip-host doctor
     exec vm/run --native --native-build build/release --story demo
-    ;;
-*)
-    echo "usage: $0 [--two|--native]" >&2
-    exit 2
     ;;
 esac

@@ -3,6 +3,12 @@
 # module they execute: a summary here, each line in build/coverage/report/index.html. Fails below
 # 90 %.
 set -euo pipefail
+usage() { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"; }
+case ${1-} in
+"") ;;
+-h | --help) usage && exit ;;
+*) usage >&2 && exit 2 ;;
+esac
 cd "$(dirname "$0")/.."
 
 cmake --preset coverage >/dev/null

@@ -1,11 +1,18 @@
 #!/bin/sh
 # Installs what building and testing need, on Debian 12, as root. Does nothing when all is there.
 set -eu
+usage() { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"; }
+case ${1-} in
+"") ;;
+-h | --help) usage && exit ;;
+*) usage >&2 && exit 2 ;;
+esac
 
 native="g++ cmake ninja-build pkg-config git ca-certificates
     clang libclang-rt-14-dev clang-format clang-tidy
     libudev-dev zlib1g-dev libcli11-dev libgtest-dev
-    gcovr shellcheck g++-aarch64-linux-gnu qemu-user qemu-system-arm ipxe-qemu cpio kmod"
+    gcovr shellcheck python3 pyflakes3
+    g++-aarch64-linux-gnu qemu-user qemu-system-arm ipxe-qemu cpio kmod"
 # The :arm64 libraries must have the same version as the native ones, so both are named.
 both="libstdc++6 libudev-dev zlib1g-dev libgtest-dev"
 

@@ -20,7 +20,7 @@ fail() {
 # say TEXT: a line of the story for the person who watches.
 say() { outside say "$@"; }
 
-# outside ACTION ARG...: has the machine outside do an action of vm/outside.sh, waits until it is
+# outside ACTION ARG...: has the machine outside do an action of vm/harness/actions.py, waits until it is
 # done and prints its answer. Arguments are single words.
 outside() {
     local verdict answer

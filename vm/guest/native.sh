@@ -1,6 +1,7 @@
 #!/bin/bash
 # native.sh FILE: runs one scenario on this machine, with this machine's vhci_hcd, and says how it
-# ended. What start.sh is for the guest.
+# ended. What start.sh is for the guest. Standard input is a socket: the way to the outside and back.
+exec 8>&0 9<&0 </dev/null
 mark="xj-usbip scenario $$ begins"
 echo "$mark" >/dev/kmsg
 status=0

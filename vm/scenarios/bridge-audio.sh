@@ -1,5 +1,6 @@
 # about: a loudspeaker that a USB/IP server offers: every sample is heard, in order, no underrun
 # qemu: -device qemu-xhci,id=xhci -audiodev wav,id=sound,path=heard.wav,out.mixing-engine=off
+# clock: counted
 # shellcheck source=guest/bridge.sh
 . "$VM_DIR/guest/bridge.sh"
 start_server snd-usb-audio

@@ -1,5 +1,6 @@
 # about: four devices of a USB/IP server at once: disk, keyboard, loudspeaker and serial adapter
 # qemu: -device qemu-xhci,id=xhci -audiodev wav,id=sound,path=heard.wav,out.mixing-engine=off
+# clock: counted
 # limit: 240
 # shellcheck source=guest/bridge.sh
 . "$VM_DIR/guest/bridge.sh"

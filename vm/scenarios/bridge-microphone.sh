@@ -1,5 +1,5 @@
 # about: a microphone that a USB/IP server offers: every sample is recorded, in order, no overrun
-# qemu: -smp 1
+# clock: counted
 # One processor: the kernel's audio driver counts a packet before it copies it, and a reader on another
 # processor, in between, was seen to get zeros for it.
 # shellcheck source=guest/bridge.sh

@@ -1,0 +1,1 @@
+"""What runs outside the guest: fetches it, boots it, and does what its scenarios ask for."""
