@@ -4,6 +4,10 @@
 #include <cerrno>
 #include <iterator>
 #include <string_view>
+#include <utility>
+
+#include "remote/device/Reply.h"
+#include "wire/UsbipPdu.h"
 
 namespace remote {
 namespace {
@@ -66,18 +70,11 @@ constexpr std::uint8_t kConfigurationDescriptor[] = {
 static_assert(std::size(kConfigurationDescriptor) == 100);
 
 Bytes reply_to(std::uint32_t seqnum, int status, ByteView data = {}, ByteView packets = {}) {
-    usbip_header header{};
-    header.command = htobe32(USBIP_RET_SUBMIT);
-    header.seqnum = htobe32(seqnum);
-    header.u.ret_submit.status = htobe32(static_cast<std::uint32_t>(status));
-    header.u.ret_submit.actual_length = htobe32(static_cast<std::uint32_t>(data.size()));
-    header.u.ret_submit.number_of_packets =
-        htobe32(static_cast<std::uint32_t>(packets.size() / sizeof(Packet)));
-    Bytes pdu(sizeof header);
-    StoreRaw(pdu.data(), header);
-    pdu.insert(pdu.end(), data.begin(), data.end());
-    pdu.insert(pdu.end(), packets.begin(), packets.end());
-    return pdu;
+    Bytes reply = RoomForReply();
+    reply.insert(reply.end(), data.begin(), data.end());
+    reply.insert(reply.end(), packets.begin(), packets.end());
+    return RetSubmit({seqnum, status, data.size(), packets.size() / sizeof(Packet)},
+                     std::move(reply));
 }
 
 }  // namespace
@@ -96,20 +93,14 @@ usbip_op_device MicrophoneRecord() {
     return record;
 }
 
-Bytes Microphone::Command(ByteView pdu) {
-    const auto header = LoadRaw<usbip_header>(pdu.data());
-    const std::uint32_t seqnum = be32toh(header.seqnum);
-    if (be32toh(header.command) == USBIP_CMD_UNLINK) {
-        return Unlink(seqnum, be32toh(header.u.cmd_unlink.seqnum));
-    }
-    submitted_.Add(seqnum);
-    if (be32toh(header.ep) == kEndpoint) {
-        return Submit(seqnum, header, pdu.subspan(sizeof header));
-    }
-    const std::optional<Bytes> answer = Control(header.u.cmd_submit.setup);
-    if (!answer) return reply_to(seqnum, -EPIPE);
-    const std::size_t room = be32toh(header.u.cmd_submit.transfer_buffer_length);
-    return reply_to(seqnum, 0, ByteView(*answer).first(std::min(answer->size(), room)));
+Bytes Microphone::TakeCommand(const Command& command) {
+    if (command.unlinks) return Unlink(command.seqnum, *command.unlinks);
+    submitted_.Add(command.seqnum);
+    if (command.endpoint == kEndpoint) return Submit(command);
+    const std::optional<Bytes> answer = Control(command.setup.data());
+    if (!answer) return reply_to(command.seqnum, -EPIPE);
+    const std::size_t room = command.length;
+    return reply_to(command.seqnum, 0, ByteView(*answer).first(std::min(answer->size(), room)));
 }
 
 // The data of an answer, none for OUT requests. Nothing: the request stalls.
@@ -134,17 +125,18 @@ std::optional<Bytes> Microphone::Control(const std::uint8_t* setup) {
 
 // Packets follow those of the URB before. While there is no URB, time stands still: a microphone
 // would lose samples then, and this one is to show who else does.
-Bytes Microphone::Submit(std::uint32_t seqnum, const usbip_header& header, ByteView packets) {
-    const std::size_t count = packets.size() / sizeof(Packet);
-    bool fits = streaming_ && header.direction != USBIP_DIR_OUT && urbs_.size() < kMaxUrbs &&
-                be32toh(header.u.cmd_submit.transfer_buffer_length) / kLongestPacket >= count;
+Bytes Microphone::Submit(const Command& command) {
+    const std::size_t count = command.PacketCount();
+    bool fits = streaming_ && command.in && urbs_.size() < kMaxUrbs &&
+                command.length / kLongestPacket >= count;
     for (std::size_t i = 0; fits && i < count; ++i) {
-        const auto packet = LoadRaw<Packet>(&packets[i * sizeof(Packet)]);
+        const auto packet = LoadRaw<Packet>(&command.packets[i * sizeof(Packet)]);
         fits = be32toh(packet.length) >= kLongestPacket;
     }
-    if (!fits) return reply_to(seqnum, -EINVAL);
+    if (!fits) return reply_to(command.seqnum, -EINVAL);
     recorded_until_ = std::max(recorded_until_, Clock::now()) + count * kPacketTime;
-    urbs_.push_back({seqnum, recorded_until_, Bytes(packets.begin(), packets.end())});
+    urbs_.push_back(
+        {command.seqnum, recorded_until_, Bytes(command.packets.begin(), command.packets.end())});
     return {};
 }
 
@@ -174,7 +166,7 @@ Bytes Microphone::TakeRecording() {
 Bytes Microphone::Unlink(std::uint32_t seqnum, std::uint32_t target) {
     const bool dropped =
         std::erase_if(urbs_, [&](const Urb& urb) { return urb.seqnum == target; }) != 0;
-    return RetUnlinkPdu(seqnum, dropped || !submitted_.Contains(target) ? -ECONNRESET : 0);
+    return RetUnlink(seqnum, dropped || !submitted_.Contains(target) ? -ECONNRESET : 0);
 }
 
 }  // namespace remote

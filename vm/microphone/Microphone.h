@@ -12,10 +12,10 @@
 #include <deque>
 #include <optional>
 
+#include "remote/device/Command.h"
 #include "remote/device/Device.h"
-#include "remote/device/Unlink.h"
+#include "remote/device/SubmittedNumbers.h"
 #include "remote/io/Bytes.h"
-#include "wire/UsbipPdu.h"
 #include "wire/UsbipServer.h"
 
 namespace remote {
@@ -25,8 +25,8 @@ usbip_op_device MicrophoneRecord();
 // One attachment.
 class Microphone {
   public:
-    // Takes one whole command and returns the reply. None: it follows later.
-    Bytes Command(ByteView pdu);
+    // Takes one command and returns the reply. None: it follows later.
+    Bytes TakeCommand(const Command& command);
 
     // When the packets of the first URB will have been recorded.
     std::optional<Clock::time_point> Due() const;
@@ -42,7 +42,7 @@ class Microphone {
     };
 
     std::optional<Bytes> Control(const std::uint8_t* setup);
-    Bytes Submit(std::uint32_t seqnum, const usbip_header& header, ByteView packets);
+    Bytes Submit(const Command& command);
     Bytes Unlink(std::uint32_t seqnum, std::uint32_t target);
 
     SubmittedNumbers submitted_;
