@@ -131,10 +131,15 @@ FakeController::~FakeController() {
 
 std::unique_ptr<KernelEnd> FakeController::WaitForAttach() {
     std::unique_lock lock(mutex_);
-    if (!attached_.wait_for(lock, kPatience, [&] { return !attaches_.empty(); })) return nullptr;
+    if (!changed_.wait_for(lock, kPatience, [&] { return !attaches_.empty(); })) return nullptr;
     std::unique_ptr<KernelEnd> end = std::move(attaches_.front());
     attaches_.pop_front();
     return end;
+}
+
+bool FakeController::WaitForRequests(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, kPatience, [&] { return requests_.size() >= count; });
 }
 
 void FakeController::Occupy(unsigned port, int state, std::string local_busid) {
@@ -189,9 +194,10 @@ bool FakeController::IsAttachFile(int fd) const {
 
 // The checks of the driver's attach_store, in its order.
 int FakeController::Attach(std::string_view request_bytes) {
-    const std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     std::string request(request_bytes);
     requests_.push_back(request);
+    changed_.notify_all();
     if (refusal_ != 0) return refusal_;
     unsigned port = 0, devid = 0, speed = 0;
     int fd = -1, type = 0;
@@ -201,11 +207,12 @@ int FakeController::Attach(std::string_view request_bytes) {
         getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_STREAM) {
         return EINVAL;
     }
+    changed_.wait(lock, [&] { return held_port_ != port; });
     if (ports_[port].state != kFree) return EBUSY;
     ports_[port].state = kNotAssigned;
     const int socket = fcntl(fd, F_DUPFD_CLOEXEC, 0);
     attaches_.push_back(std::make_unique<KernelEnd>(*this, port, socket, std::move(request)));
-    attached_.notify_all();
+    changed_.notify_all();
     return 0;
 }
 

@@ -60,9 +60,18 @@ class FakeController {
     std::list<std::unique_ptr<KernelEnd>> Attached() {  // those that no test has taken yet
         return Under(mutex_, [&] { return std::exchange(attaches_, {}); });
     }
-    void RefuseAttaches(int error) { refusal_ = error; }
-    // Every attach request so far, refused ones too.
+    void RefuseAttaches(int error) {
+        Under(mutex_, [&] { refusal_ = error; });
+    }
+    // An attach of this port takes until another one is named, or none.
+    void HoldAttach(std::optional<unsigned> port) {
+        Under(mutex_, [&] { held_port_ = port; });
+        changed_.notify_all();
+    }
+    // Every attach request so far, those that were refused or are held too.
     std::vector<std::string> Requests() const { return CopiedUnder(mutex_, requests_); }
+
+    bool WaitForRequests(std::size_t count);
 
     void Occupy(unsigned port, int state, std::string local_busid);
     void Free(unsigned port) { Occupy(port, Port().state, Port().local_busid); }
@@ -76,9 +85,8 @@ class FakeController {
     void AddUsbDevice(const std::string& busid,
                       const std::map<std::string, std::string>& attributes);
 
-    static int LiveUdevObjects() {
-        return live_udev_objects;
-    }  // contexts and devices not yet given back
+    // Contexts and devices of libudev that were not yet given back.
+    static inline std::atomic<int> live_udev_objects{0};
 
     // How long a status takes to read. As slow as on a busy machine, so that clients that read the
     // port table at once find it the same. Set before there are clients.
@@ -89,7 +97,6 @@ class FakeController {
 
     // For the stand-ins; see FakeController.cpp.
     static FakeController* Current() { return current_; }
-    static inline std::atomic<int> live_udev_objects{0};
     std::optional<std::string> Attribute(const std::string& device, const std::string& name) const;
     bool IsAttachFile(int fd) const;
     int Attach(std::string_view request);  // 0 or an error number
@@ -105,8 +112,9 @@ class FakeController {
 
     const int ports_each_;
     mutable std::mutex mutex_;  // guards everything below
-    std::condition_variable attached_;
+    std::condition_variable changed_;
     int refusal_ = 0;
+    std::optional<unsigned> held_port_;
     std::vector<Port> ports_;
     std::vector<std::string> requests_;
     std::list<std::unique_ptr<KernelEnd>> attaches_;  // not yet taken by the test

@@ -62,13 +62,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
             controller.SetAttribute(attribute.device, attribute.name, std::string(input.Text()));
         }
     }
-    {
-        CLinuxVHCI vhci;
-        if (vhci.Open()) {
-            for (const unsigned int speed : {3U, 5U})
-                attach(vhci, controller, speed);
-        }
+    CLinuxVHCI vhci;
+    if (vhci.Open()) {
+        for (const unsigned int speed : {3U, 5U})
+            attach(vhci, controller, speed);
     }
-    Require(FakeController::LiveUdevObjects() == 0, "libudev's objects are given back");
     return 0;
 }

@@ -1,7 +1,7 @@
 // Forwarding PDUs between the kernel and the remote side, plain and compressed.
 #include <gtest/gtest.h>
 
-#include "fakes/Traffic.h"
+#include "client/IClientUsbipListenter.h"
 #include "plugin/PluginTest.h"
 
 namespace {
@@ -60,7 +60,7 @@ TEST_F(ForwardTest, RepliesReachTheKernelPlainAndInflated) {
     EXPECT_TRUE(kernel->Receive(reply.size()) == reply);
     host.Receive(CompressedForward(7, reply));
     EXPECT_TRUE(kernel->Receive(reply.size()) == reply) << "though we do not compress ourselves";
-    ExpectAlive(*kernel, 7);
+    EXPECT_TRUE(Works(7, *kernel));
 }
 
 TEST_F(ForwardTest, RefusesMalformedMessagesAndGoesOn) {
@@ -75,10 +75,10 @@ TEST_F(ForwardTest, RefusesMalformedMessagesAndGoesOn) {
     };
     for (const auto& [message, line] : cases) {
         host.Receive(message);
-        ExpectLog(4, std::string("invalid usbip_forward ") + line);
+        ExpectLog(4, std::string("[usbipclient] invalid usbip_forward ") + line);
     }
     host.Receive(ForwardMessage(8, UnlinkReply(2)));  // never mapped: vanishes
-    ExpectAlive(*kernel, 7);
+    EXPECT_TRUE(Works(7, *kernel));
     EXPECT_EQ(host.runtime.Lines(4).size(), 4U);
 }
 
@@ -95,11 +95,12 @@ TEST_F(ForwardTest, DataThatDoesNotInflateEndsOnlyItsDevice) {
     const auto other = Map(8);
     host.Receive(ForwardMessage(7, "no zlib stream", 1000));
     EXPECT_TRUE(host.runtime.WaitForLine({4, "[CUsbipClientLinux] CheckNetRecv invalid packet"}));
-    ExpectAlive(*other, 8);
+    EXPECT_TRUE(Works(8, *other));
 }
 
 TEST_F(ForwardTest, APduTooLongToFrameIsDroppedAlone) {
-    Listener().OnUsbipPacket(7, pdu.data(), kMaxRawSize + 1);  // the data is not looked at
+    dynamic_cast<IClientUsbipListenter&>(*host.plugin)
+        .OnUsbipPacket(7, pdu.data(), kMaxRawSize + 1);  // the data is not looked at
     EXPECT_EQ(host.runtime.Lines(4).size(), 1U);
     const std::string message = Sent(100);
     EXPECT_EQ(message, ForwardMessage(7, pdu));

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "client/IClientUsbipListenter.h"
 #include "plugin/PluginTest.h"
 
 namespace {
@@ -50,7 +51,7 @@ TEST_F(PluginTest, ExitStopsDevicesInOrderAndThenTheSendThread) {
     host.Start();
     const std::unique_ptr<KernelEnd> kernels[] = {Map(7), Map(3), Map(5)};
     host.EndRun();
-    ExpectLog(1, "Run return");
+    ExpectLog(1, "[usbipclient] Run return");
     host.runtime.Forget();
     EXPECT_EQ(host.plugin->ExitInstance(), 0);
     EXPECT_EQ(OwnLines(host.runtime),
@@ -68,7 +69,7 @@ TEST_F(PluginTest, RunsAgainWithANewStream) {
     host.EndRun();
     host.plugin->ExitInstance();
     host.stream = new FakeStream;
-    Listener().OnUsbipDeviceError(9);
+    dynamic_cast<IClientUsbipListenter&>(*host.plugin).OnUsbipDeviceError(9);
     host.Start();
     Map(1)->Send(Unlink(3));
     EXPECT_EQ(NextMessage(), ForwardMessage(1, Unlink(3))) << "what was queued before is dropped";
@@ -114,7 +115,7 @@ TEST_F(PluginTest, AWriteThatFailsOrTakesNothingLosesOneMessage) {
         if (!fail) host.stream->SetWriteBlock(0);
         const long cpu = CpuMilliseconds(CLOCK_PROCESS_CPUTIME_ID);
         kernel->Send(Unlink(1));
-        ExpectLog(4, "Send2StreamRaw fail, type: B/5 .");
+        ExpectLog(4, "[usbipclient] Send2StreamRaw fail, type: B/5 .");
         EXPECT_LT(CpuMilliseconds(CLOCK_PROCESS_CPUTIME_ID) - cpu, 500);
         host.stream->SetWriteBlock(1000);
         kernel->Send(Unlink(2));
@@ -130,13 +131,13 @@ TEST_F(PluginTest, MapsAndUnmaps) {
     host.Start();
     const auto seven = Map(7);
     const auto three = Map(3);
-    ExpectLog(1, "map device 7, busid 1 portid 4 instanceid disk");
+    ExpectLog(1, "[usbipclient] map device 7, busid 1 portid 4 instanceid disk");
     host.Receive(UnmapMessage(7));
     EXPECT_TRUE(seven->WaitForEnd());
     EXPECT_EQ(NextMessage(), UnmapMessage(7));
     host.runtime.Forget();
     host.Receive(UnmapMessage(7) + UnmapMessage(0xFFFFFFFF));
-    ExpectAlive(*three, 3);
+    EXPECT_TRUE(Works(3, *three));
     EXPECT_EQ(OwnLines(host.runtime),
               (std::vector<std::string>{"1 unmap device 7", "1 unmap device -1"}));
 }
@@ -154,7 +155,7 @@ TEST_F(PluginTest, AMapOfTheSameIdReplacesTheDevice) {
         const auto end = std::ranges::find(lines, LogLine{1, "[usbipclient] device end 5"});
         const LogLine start{1, "[CUsbipClientLinux] start attach vhci device"};
         EXPECT_NE(std::find(end, lines.end(), start), lines.end()) << "it started before the end";
-        ExpectAlive(*current, 5);
+        EXPECT_TRUE(Works(5, *current));
     }
 }
 
@@ -174,9 +175,9 @@ TEST_F(PluginTest, RefusesShortMessages) {
     const std::string map = MapMessage(1).substr(sizeof(usbip_message_head));
     host.Receive(Message(kUsbipDevMap, map.substr(1)) + Message(kUsbipDevUnmap, "abc") +
                  Message(kUsbipVersionReq, "abc"));
-    ExpectLog(4, "invalid usbip_dev_map package size 843");
-    ExpectLog(4, "invalid usbip_dev_unmap package size 19");
-    ExpectLog(4, "invalid usbip_version_req package size 19");
+    ExpectLog(4, "[usbipclient] invalid usbip_dev_map package size 843");
+    ExpectLog(4, "[usbipclient] invalid usbip_dev_unmap package size 19");
+    ExpectLog(4, "[usbipclient] invalid usbip_version_req package size 19");
     EXPECT_TRUE(controller.Requests().empty());
     EXPECT_TRUE(host.stream->Written().empty());
 }
@@ -187,7 +188,8 @@ TEST_F(PluginTest, AnInstanceIdWithoutItsNulEndsWithItsField) {
     std::memset(&dev, 'n', sizeof dev.instanceid + sizeof dev.reserved1);
     dev.busid = 0x80000000;
     host.Receive(MapMessage(1, dev));
-    ExpectLog(1, "map device 1, busid -2147483648 portid 4 instanceid " + std::string(256, 'n'));
+    ExpectLog(1, "[usbipclient] map device 1, busid -2147483648 portid 4 instanceid " +
+                     std::string(256, 'n'));
 }
 
 }  // namespace

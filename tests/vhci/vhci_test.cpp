@@ -33,7 +33,7 @@ class VhciTest : public testing::Test {
     ~VhciTest() override {
         vhci_.reset();
         xjmod_get_entrypoint()->uninit();
-        EXPECT_EQ(FakeController::LiveUdevObjects(), 0) << "references not given back";
+        EXPECT_EQ(FakeController::live_udev_objects, 0) << "references not given back";
     }
 
     bool OpenWithStatus(const std::string& lines) {
@@ -88,7 +88,7 @@ TEST_F(VhciTest, ReadsEveryController) {
     EXPECT_NE(log.find(second + "sockfd 0 lbusid 0-0\n"), log.npos) << log;
     EXPECT_TRUE(log.ends_with("\nopen success\n")) << log;
     EXPECT_TRUE(vhci_->Open()) << "an open object can be opened again";
-    EXPECT_EQ(FakeController::LiveUdevObjects(), 2) << "one context and one device";
+    EXPECT_EQ(FakeController::live_udev_objects, 2) << "one context and one device";
 }
 
 TEST_F(VhciTest, StatusTexts) {
@@ -193,7 +193,7 @@ TEST_F(VhciTest, OpenFailures) {
         EXPECT_EQ(Log(4), row.lines);
         EXPECT_EQ(vhci.Unsettled(), row.unsettled) << row.lines;
         EXPECT_TRUE(port_table(vhci).empty());
-        EXPECT_EQ(FakeController::LiveUdevObjects(), 0);
+        EXPECT_EQ(FakeController::live_udev_objects, 0);
     }
     controller_.RemoveDevice("vhci_hcd.0");
     EXPECT_FALSE(vhci.Open());
