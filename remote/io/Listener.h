@@ -4,36 +4,33 @@
 #include <memory>
 #include <string>
 
-#include "posix/UniqueFd.h"
+#include "posix/Socket.h"
 
 namespace remote {
 
 class Listener {
   public:
-    // `address`: "HOST:PORT" ("[HOST]:PORT" for IPv6; PORT 0 takes a free one) or "unix:PATH".
     // Null: `error` says why. A Unix socket without a listener behind it is replaced; ours is for
     // this user only.
-    static std::unique_ptr<Listener> Open(const std::string& address, std::string& error);
+    static std::unique_ptr<Listener> Open(const posix::Address& address, std::string& error);
     ~Listener();
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
 
     int Fd() const { return socket_.Get(); }
-    const std::string& Name() const { return name_; }  // the address that is really bound
-    bool Private() const { return private_; }          // unreachable from other machines
+    std::string Name() const { return posix::Describe(bound_); }  // of what is really bound
+    bool Private() const { return private_; }                     // unreachable from other machines
 
     posix::UniqueFd Accept();  // non-blocking; none: the host has gone again
 
   private:
     Listener() = default;
-    static std::unique_ptr<Listener> OpenUnix(const std::string& path, std::string& error);
-    static std::unique_ptr<Listener> OpenTcp(const std::string& host, const std::string& port,
-                                             std::string& error);
+    // False: see errno.
+    bool Bind(const posix::Address& address, const posix::SocketAddress& place);
 
     posix::UniqueFd socket_;
-    std::string name_;
+    posix::Address bound_;  // without a name before it is
     bool private_ = true;
-    std::string unlink_path_;
 };
 
 }  // namespace remote

@@ -3,7 +3,6 @@
 #include <array>
 #include <cstdarg>
 #include <cstdio>
-#include <system_error>
 
 namespace remote {
 
@@ -14,10 +13,6 @@ void Log(const char* format, ...) {
     std::vsnprintf(line.data(), line.size(), format, arguments);
     va_end(arguments);
     std::fprintf(stderr, "xj-usbip-remote: %s\n", line.data());
-}
-
-std::string ErrorText(int error) {
-    return std::generic_category().message(error);
 }
 
 }  // namespace remote
