@@ -8,9 +8,11 @@
 #include "host/Host.h"
 #include "host/Options.h"
 #include "posix/Signals.h"
+#include "posix/StandardStreams.h"
 
 int main(int argc, char** argv) {
     try {
+        posix::ReserveStandardStreams();
         host::Options options;
         if (const auto status = host::ParseCommandLine(argc, argv, options)) return *status;
         if (options.doctor) return host::Doctor(std::cout) ? 0 : 1;

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "posix/Signals.h"
+#include "posix/StandardStreams.h"
 #include "posix/Wait.h"
 #include "remote/Options.h"
 #include "remote/Server.h"
@@ -127,8 +128,7 @@ bool serve_listener(Server& server, const posix::Address& address) {
             "authentication: whoever connects can use the devices",
             listener->Name().c_str());
     }
-    std::printf("listening on %s\n", listener->Name().c_str());
-    std::fflush(stdout);
+    posix::Tell(STDOUT_FILENO, "listening on " + listener->Name() + '\n');
     return server.Run(*listener);
 }
 
@@ -165,6 +165,7 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
     try {
+        posix::ReserveStandardStreams();
         remote::Options options;
         if (const auto status = remote::ParseCommandLine(argc, argv, options)) return *status;
         return remote::run(options);

@@ -2,6 +2,7 @@
 // would.
 #include "host/Host.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -116,9 +117,12 @@ std::string receive(const posix::UniqueFd& socket, std::size_t size) {
     return bytes.substr(0, static_cast<std::size_t>(std::max(count, ssize_t{0})));
 }
 
+const std::string kContent(4096, 'x');  // of the image
+
 class ProgramTest : public testing::Test {
   protected:
     ProgramTest() {
+        std::ofstream(image_) << kContent;
         EXPECT_EQ(0, ::listen(listener_.Get(), 0));  // at any port, with a backlog of one
         ::setsockopt(listener_.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatient, sizeof kPatient);
         sockaddr_in address{};
@@ -127,6 +131,8 @@ class ProgramTest : public testing::Test {
         port_ = ntohs(address.sin_port);
         target_ = "localhost:" + std::to_string(port_);
     }
+
+    ~ProgramTest() override { std::filesystem::remove(image_); }
 
     posix::UniqueFd Accept() const {
         return posix::UniqueFd(::accept(listener_.Get(), nullptr, nullptr));
@@ -161,6 +167,7 @@ class ProgramTest : public testing::Test {
         return program_->Wait(kPromptMs) ? program_->End() : "still running";
     }
 
+    const std::string image_ = testing::TempDir() + "host-" + std::to_string(::getpid()) + ".img";
     const posix::UniqueFd listener_{::socket(AF_INET, SOCK_STREAM, 0)};
     unsigned port_ = 0;
     std::string target_;  // names it
@@ -234,9 +241,7 @@ TEST_F(ProgramTest, ACommandIsAskedToEndAndThenMadeTo) {
 
 // Over a socket, where the remote side goes first, and over a pipe, where the host does.
 TEST_F(ProgramTest, TheHostAndTheRemoteSideEndTogether) {
-    const std::string image = testing::TempDir() + "host-" + std::to_string(::getpid()) + ".img";
-    std::ofstream(image) << std::string(4096, 'x');
-    Run(REMOTE " --listen 0.0.0.0:0 --wait --usbip [::1]:1/1-1 --disk " + image);
+    Run(REMOTE " --listen 0.0.0.0:0 --wait --usbip [::1]:1/1-1 --disk " + image_);
     ExpectOutput("0.0.0.0:");  // whom the warning is about
     ExpectOutput("listening on 0.0.0.0:");
     ExpectOutput("\n");
@@ -250,12 +255,41 @@ TEST_F(ProgramTest, TheHostAndTheRemoteSideEndTogether) {
     EXPECT_TRUE(remote->Wait(kPromptMs));
     EXPECT_EQ(kStatus + "0", remote->End());
 
-    Start("--exec '" REMOTE " --stdio --usbip [::1]:1/1-1 --disk " + image + "'");
+    Start("--exec '" REMOTE " --stdio --usbip [::1]:1/1-1 --disk " + image_ + "'");
     ExpectOutput("xj-usbip-remote: [::1]:1: Connection refused");
     ExpectOutput("] map device 1, ");
     EXPECT_EQ(kStatus + "0", Exit(SIGTERM));
     ExpectOutput("device 1: URBs in 0");
-    std::filesystem::remove(image);
+}
+
+// Not a line of theirs gets into a stream or an image, which take the places of what is closed.
+TEST_F(ProgramTest, StandardStreamsMayBeClosed) {
+    const std::string closed = " <&- >&- 2>&-";
+    Run("sh -c 'exec " COMMAND " --log-level 1,4,8 --connect " + target_ + closed + "'");
+    ExchangeVersions(Accept());
+    EXPECT_EQ(kStatus + "1", Exit());
+    Run("sh -c 'exec " REMOTE " --stdio --disk " + image_ + closed + "'");
+    EXPECT_EQ(kStatus + "0", Exit());
+    std::ostringstream image;
+    image << std::ifstream(image_).rdbuf();
+    EXPECT_TRUE(image.str() == kContent);
+}
+
+TEST_F(ProgramTest, OutputThatNobodyReadsKeepsNobodyFromEnding) {
+    int ends[2];
+    ASSERT_EQ(0, ::pipe2(ends, O_NONBLOCK));
+    const posix::UniqueFd reader(ends[0]);
+    const posix::UniqueFd writer(ends[1]);
+    while (::write(ends[1], kContent.data(), kContent.size()) > 0)
+        continue;
+    const std::string full =
+        "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(ends[1]);
+    Run("sh -c 'exec " COMMAND " --connect " + target_ + " 2>" + full + "'");
+    ExchangeVersions(Accept());
+    EXPECT_EQ(kStatus + "0", Exit(SIGTERM));
+    Run("sh -c 'exec " REMOTE " --list " + target_ + " >" + full + " 2>&1'");
+    Accept();
+    EXPECT_EQ(kStatus + "1", Exit());
 }
 
 TEST_F(ProgramTest, WhatCannotWorkIsTold) {
