@@ -21,6 +21,7 @@ constexpr const char* kFooter = R"(Commands on standard input, one a line (with 
   unplug N    takes device N away from the host, even in the middle of traffic
   plug N      offers it again
   quit        as SIGINT and SIGTERM: takes all devices away, syncs images, exits 0
+In the background of a terminal none are read, nor in the foreground after that.
 SIGUSR1 writes each device's counters to standard error, as the end does.
 
 Examples:

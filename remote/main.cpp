@@ -135,6 +135,7 @@ bool serve_listener(Server& server, const posix::Address& address) {
 int run(const Options& options) {
     if (options.list) return list(*options.list);
     std::signal(SIGPIPE, SIG_IGN);  // a host that goes away is a failed write, not a signal
+    std::signal(SIGTTIN, SIG_IGN);  // and so is a terminal that other jobs read from
     const posix::UniqueFd stop = posix::TakeSignals({SIGINT, SIGTERM});
     const posix::UniqueFd signals = posix::TakeSignals({SIGINT, SIGTERM, SIGUSR1});
     std::vector<std::unique_ptr<Device>> devices;

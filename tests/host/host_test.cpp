@@ -292,6 +292,19 @@ TEST_F(ProgramTest, OutputThatNobodyReadsKeepsNobodyFromEnding) {
     EXPECT_EQ(kStatus + "1", Exit());
 }
 
+TEST_F(ProgramTest, InTheBackgroundOfATerminalAKeyDoesNotStopTheRemoteSide) {
+    Run("script -qec \"sh -mc '" REMOTE " --listen 127.0.0.1:0 --disk " + image_ +
+        " & echo pid \\$!.; wait'\" /dev/null");
+    ExpectOutput("pid ");
+    ExpectOutput(".");
+    const pid_t pid = std::stoi(before_);
+    ExpectOutput("listening on");
+    EXPECT_EQ(4, ::send(output_.Get(), "key\n", 4, 0));
+    ExpectOutput("key");  // the terminal's echo
+    ::kill(pid, SIGTERM);
+    ExpectOutput("device 1: URBs in 0");
+}
+
 TEST_F(ProgramTest, WhatCannotWorkIsTold) {
     const std::pair<std::string, std::string> cases[] = {
         {COMMAND, "2: xj-usbip-host: one of"},
