@@ -20,6 +20,7 @@ namespace {
 
 constexpr int kResolveTimeoutMs = 30'000;
 constexpr int kConnectTimeoutMs = 10'000;
+constexpr int kFullPauseMs = 50;
 
 // One name lookup. getaddrinfo cannot be interrupted, so it runs on a detached thread that shares
 // the ownership of all it touches and may be left behind when the program stops.
@@ -69,6 +70,12 @@ std::vector<SocketAddress> look_up(const Address& address, int stop, std::string
 
 UniqueFd connect_to(const SocketAddress& place, int stop, std::string& error) {
     UniqueFd socket = StartConnect(place, kPeerLost);
+    // EAGAIN: a Unix socket at which so many wait that no more may. There is no event to wait for.
+    for (int waited = 0; !socket && errno == EAGAIN && waited < kConnectTimeoutMs;
+         waited += kFullPauseMs) {
+        if (WaitFor(-1, 0, stop, kFullPauseMs) == Wake::Stopped) break;
+        socket = StartConnect(place, kPeerLost);
+    }
     int failure = socket ? 0 : errno;
     if (socket) {
         const bool ready = WaitFor(socket.Get(), POLLOUT, stop, kConnectTimeoutMs) == Wake::Ready;

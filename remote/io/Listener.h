@@ -1,6 +1,8 @@
 // The address at which hosts connect: a TCP port or a Unix socket.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <memory>
 #include <string>
 
@@ -17,11 +19,13 @@ class Listener {
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
 
-    int Fd() const { return socket_.Get(); }
+    // To wait for: readable when Accept may have a host.
+    int Fd() const { return paused_ ? pause_.Get() : socket_.Get(); }
     std::string Name() const { return posix::Describe(bound_); }  // of what is really bound
     bool Private() const { return private_; }                     // unreachable from other machines
 
-    posix::UniqueFd Accept();  // non-blocking; none: the host has gone again
+    // Non-blocking. None: the host has gone again, or cannot be had and waits for a second attempt.
+    posix::UniqueFd Accept();
 
   private:
     Listener() = default;
@@ -29,7 +33,10 @@ class Listener {
     bool Bind(const posix::Address& address, const posix::SocketAddress& place);
 
     posix::UniqueFd socket_;
-    posix::Address bound_;  // without a name before it is
+    posix::UniqueFd pause_;  // a timer
+    bool paused_ = false;    // until it expires
+    posix::Address bound_;   // without a name before it is
+    struct stat file_ {};    // of a Unix socket
     bool private_ = true;
 };
 

@@ -2,13 +2,18 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/resource.h>
 
+#include <filesystem>
+#include <fstream>
 #include <sstream>
+#include <thread>
 #include <tuple>
 #include <vector>
 
 #include "host/Options.h"
 #include "posix/Socket.h"
+#include "posix/Wait.h"
 #include "remote/Options.h"
 #include "remote/io/Listener.h"
 
@@ -153,6 +158,40 @@ TEST(SocketTest, BothEndsOfATcpConnectionNoticeAPeerThatVanishes) {
             EXPECT_EQ(expected, value) << name;
         }
     }
+}
+
+TEST(SocketTest, ABurstOfHostsIsHeldAndWhatCannotBeAcceptedWaits) {
+    const std::string path = testing::TempDir() + "posix-" + std::to_string(::getpid());
+    const Address address{Address::Kind::Unix, path, 0};
+    std::string error;
+    auto listener = remote::Listener::Open(address, error);
+    ASSERT_TRUE(listener) << error;
+    std::vector<UniqueFd> hosts(100);
+    for (UniqueFd& host : hosts)
+        ASSERT_TRUE(host = StartConnect(Resolve(address, -1, error).at(0), kPeerLost)) << errno;
+
+    rlimit before{};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{2, before.rlim_max};  // poll looks at as many
+    ::setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_FALSE(listener->Accept()) << "without a descriptor for it";
+    EXPECT_EQ(Wake::TimedOut, WaitFor(listener->Fd(), POLLIN, -1, 50)) << "tried in a circle";
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(Wake::Ready, WaitFor(listener->Fd(), POLLIN, -1, 20'000));
+    EXPECT_TRUE(listener->Accept());
+
+    ::listen(listener->Fd(), 0);  // more wait already
+    const std::jthread accepting([&] {
+        WaitFor(-1, 0, -1, 20);
+        while (listener->Accept())
+            continue;
+    });
+    EXPECT_TRUE(Connect(address, -1, error)) << error;
+
+    std::filesystem::remove(path);
+    std::ofstream(path) << "of somebody else";
+    listener = nullptr;
+    EXPECT_TRUE(std::filesystem::remove(path));
 }
 
 }  // namespace
