@@ -18,11 +18,12 @@ class FakeServer {
         socklen_t size = sizeof address;
         EXPECT_EQ(bind(fd_.Get(), reinterpret_cast<sockaddr*>(&address), size), 0);
         getsockname(fd_.Get(), reinterpret_cast<sockaddr*>(&address), &size);
-        name = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+        port = ntohs(address.sin_port);
+        name = "127.0.0.1:" + std::to_string(port);
     }
     UsbipServer Address() const {
         std::string error;
-        return UsbipServer::Resolve(name, error).value();
+        return UsbipServer::Resolve({.name = "127.0.0.1", .port = port}, -1, error).value();
     }
     // Until then, connections are refused.
     void Listen() const { EXPECT_EQ(listen(fd_.Get(), 8), 0); }
@@ -39,6 +40,7 @@ class FakeServer {
         return peer;
     }
 
+    std::uint16_t port = 0;
     std::string name;
 
   private:
@@ -210,7 +212,7 @@ TEST(UsbipServer, ListsItsDevicesOrSaysWhyNot) {
     const std::string whole = ::Bytes(ListReply(1)) + ::Bytes(ImportReply("1-1").device);
     const FakeServer fake;
     std::string error;
-    EXPECT_FALSE(fake.Address().List(error)) << "connections are refused";
+    EXPECT_FALSE(fake.Address().List(-1, error)) << "connections are refused";
     fake.Listen();
     for (const bool good : {true, false}) {
         const std::jthread server([&] {
@@ -218,17 +220,9 @@ TEST(UsbipServer, ListsItsDevicesOrSaysWhyNot) {
             EXPECT_EQ(peer.Read(8), FromHex("01 11 80 05 00 00 00 00"));
             peer.Write(whole.substr(0, whole.size() - (good ? 0 : 1)));
         });
-        EXPECT_EQ(fake.Address().List(error).has_value(), good) << error;
+        EXPECT_EQ(fake.Address().List(-1, error).has_value(), good) << error;
     }
     EXPECT_NE(error.find("in the middle of its answer"), std::string::npos) << error;
-}
-
-TEST(UsbipServer, NamesCarryAPortOrNot) {
-    std::string error;
-    for (const char* name : {"127.0.0.1", "[::1]", "[::1]:3240"})
-        EXPECT_TRUE(UsbipServer::Resolve(name, error)) << name << ": " << error;
-    for (const char* name : {"", ":3240", "127.0.0.1:", "127.0.0.1:usb", "[::1", "[::1]3240"})
-        EXPECT_FALSE(UsbipServer::Resolve(name, error)) << name;
 }
 
 }  // namespace

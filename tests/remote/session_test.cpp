@@ -107,9 +107,10 @@ TEST_F(SessionTest, CommandsWaitWhileThereIsNoRoomForReplies) {
 TEST_F(SessionTest, HoweverAHostGoesTheNextOneIsServed) {
     With(bind);
     std::string error;
-    listener_ = Listener::Open("unix:" + path_, error);
+    listener_ = Listener::Open({posix::Address::Kind::Unix, path_}, error);
     ASSERT_TRUE(listener_) << "a socket that nobody listens at is in the way: " << error;
-    EXPECT_FALSE(Listener::Open("unix:" + path_, error)) << "took the socket of a living program";
+    EXPECT_FALSE(Listener::Open({posix::Address::Kind::Unix, path_}, error))
+        << "took the socket of a living program";
     Add("disk1");
     Add("disk2");
     Serve();
