@@ -101,9 +101,8 @@ TEST_F(BridgeTest, EveryHostGetsTheDeviceAsTheServerDescribesItAndItWorks) {
         for (const char byte : ::Bytes(ImportReply("1-1")))
             device.server.Write({&byte, 1});
         const usbip_dev_map map = host_.Mapped();
-        EXPECT_EQ((std::vector<std::uint32_t>{map.dev.busid, map.dev.portid, map.dev.speed,
-                                              map.dev.vid, map.dev.pid}),
-                  (std::vector<std::uint32_t>{3, 9, 2, 0x046D, 0xC31C}));
+        EXPECT_EQ(::Bytes(map.dev).substr(offsetof(_USBIP_DEV, busid), 16),
+                  FromHex("03 00 00 00 09 00 00 00 02 00 00 00 6D 04 1C C3"));
         EXPECT_EQ(map.dev.instanceid, fake_.name + "/1-1 046d:c31c");
         device.devid = map.devid;
         ExpectWorks(device);
@@ -187,25 +186,23 @@ TEST_F(BridgeTest, HostThatStopsReadingIsHeldBackAndHoldsTheServerBack) {
 }
 
 // Driven by hand: nobody waits for the deadline.
-TEST(UsbipDevice, EndsForGoodWhenTheServerLeavesAnUnlinkUnanswered) {
+TEST_F(BridgeTest, ServerThatLeavesAnUnlinkUnansweredLosesTheDeviceForGood) {
     struct : ReplySink {
         void Reply(Bytes) override {}
     } sink;
-    const FakeServer fake;
-    fake.Listen();
-    UsbipDevice device(fake.Address(), "1-1", false);
+    fake_.Listen();
+    UsbipDevice device(fake_.Address(), "1-1", false);
     device.Acquire();
-    const Peer server = fake.Accept();
+    const Peer server = fake_.Accept();
     device.OnEvents(POLLOUT);
     server.Write(::Bytes(ImportReply("1-1")));
     ASSERT_TRUE(Eventually([&] { return device.OnEvents(POLLIN), device.Present(); }));
     device.Attach(sink);
-    device.TakeCommand(Decoded(SubmitIn(0, 8)));
-    device.TakeCommand(Decoded(Unlink(1)));
+    for (const std::string& pdu : {SubmitIn(0, 8), Unlink(1)})
+        device.TakeCommand(Decoded(pdu));
     EXPECT_GT(device.Deadline(), Clock::now());
     device.OnDeadline();
-    EXPECT_FALSE(device.Present());
-    EXPECT_FALSE(device.Deadline()) << "not to come back";
+    EXPECT_FALSE(device.Present() || device.Deadline()) << "not to come back";
 }
 
 TEST(UsbipServer, ListsItsDevicesOrSaysWhyNot) {
