@@ -30,6 +30,7 @@ constexpr std::size_t kOutSeqWarning = 256;
 }  // namespace
 
 bool CUsbipClientLinux::WorkThreadFunction() {
+    m_workThread.Enter();
     const bool again = WorkThreadLoop();
     if (!again)
         XJModLog(1, "[CUsbipClientLinux] %d work thread prepare quit", static_cast<int>(m_devId));
@@ -39,7 +40,7 @@ bool CUsbipClientLinux::WorkThreadFunction() {
 bool CUsbipClientLinux::WorkThreadLoop() {
     XJModLog(1, "[CUsbipClientLinux] start attach vhci device");
     if (!AttachDevice()) {
-        LeaveClientEnd();
+        m_clientEnd.Leave();
         return false;
     }
     XJModLog(1, "[CUsbipClientLinux] attach sucess");
@@ -50,8 +51,8 @@ bool CUsbipClientLinux::WorkThreadLoop() {
     m_bQuit = true;
     m_recvSem.Post();
     // The kernel frees the port now, and a write in progress ends.
-    ShutdownClientEnd();
-    LeaveClientEnd();
+    m_clientEnd.Shutdown();
+    m_clientEnd.Leave();
     return false;
 }
 
@@ -69,7 +70,7 @@ bool CUsbipClientLinux::AttachDevice() {
             awaited = std::move(unsettled);
             give_up = std::chrono::steady_clock::now() + kSettleTime;
         }
-        pollfd end{m_sockfd[0], POLLIN, 0};
+        pollfd end{m_clientEnd.Get(), POLLIN, 0};
         poll(&end, 1, kSettlePauseMs);  // Stop's shutdown ends the pause
         if (m_bQuit || std::chrono::steady_clock::now() >= give_up) {
             XJModLog(4, "[CUsbipClientLinux]  vhci open fail");
@@ -90,12 +91,12 @@ CUsbipClientLinux::AttachResult CUsbipClientLinux::TryAttach(std::string& unsett
         return AttachResult::kFailed;
     }
     unsigned char port = 0;
-    if (!vhci.Attach(m_sockfd[1], static_cast<unsigned short>(m_devInfo.busid),
+    if (!vhci.Attach(m_kernelEnd, static_cast<unsigned short>(m_devInfo.busid),
                      static_cast<unsigned short>(m_devInfo.portid), m_devInfo.speed, &port)) {
         XJModLog(4, "[CUsbipClientLinux]  vhci attach fail");
         return AttachResult::kFailed;
     }
-    m_sockfd[1] = -1;  // Attach has closed it; the kernel holds the socket
+    m_kernelEnd = -1;  // Attach has closed it; the kernel holds the socket
     XJModLog(1, "[CUsbipClientLinux] attach vid: %04x, pid: %04x", m_devInfo.vid, m_devInfo.pid);
     return AttachResult::kDone;
 } catch (const std::bad_alloc&) {
@@ -105,7 +106,7 @@ CUsbipClientLinux::AttachResult CUsbipClientLinux::TryAttach(std::string& unsett
 
 void CUsbipClientLinux::ForwardLoop() {
     while (!m_bQuit) {
-        pollfd end{m_sockfd[0], POLLIN, 0};
+        pollfd end{m_clientEnd.Get(), POLLIN, 0};
         poll(&end, 1, kPollMs);
         if (m_bQuit) return;
         if ((end.revents & POLLERR) != 0) {
@@ -137,7 +138,7 @@ bool CUsbipClientLinux::CheckDevRead() try {
         m_devBuf.resize(static_cast<std::size_t>(total));
         header = reinterpret_cast<const usbip_header*>(m_devBuf.data());
     }
-    const ssize_t got = recv(m_sockfd[0], m_devBuf.data() + m_devBufLen, need, 0);
+    const ssize_t got = recv(m_clientEnd.Get(), m_devBuf.data() + m_devBufLen, need, 0);
     if (got < 0) {
         if (errno == EINTR) return true;
         XJModLog(4, "[CUsbipClientLinux] read device fail, %d", errno);
@@ -162,11 +163,13 @@ bool CUsbipClientLinux::CheckDevRead() try {
 }
 
 void CUsbipClientLinux::RecordOutSeq(unsigned int seqnum) {
-    CLockGuard guard(m_seqLock);
-    if (m_outSeqs.size() > kOutSeqWarning) {
-        XJModLog(4, "[CUsbipClientLinux] out seq list overflow");
+    bool many;
+    {
+        CLockGuard guard(m_seqLock);
+        many = m_outSeqs.size() > kOutSeqWarning;
+        m_outSeqs.insert(seqnum);
     }
-    m_outSeqs.insert(seqnum);
+    if (many) XJModLog(4, "[CUsbipClientLinux] out seq list overflow");
 }
 
 void CUsbipClientLinux::SendUsbipPacket(const char* data, unsigned long len) {

@@ -49,10 +49,11 @@ CRefObj<IBuffer> CUsbipClientLinux::PopRecvBuf(int timeout) {
 }
 
 bool CUsbipClientLinux::WriteThreadFunction() {
+    m_writeThread.Enter();
     const bool again = WriteThreadLoop();
     if (!again) {
         XJModLog(1, "[CUsbipClientLinux] %d write thread prepare quit", static_cast<int>(m_devId));
-        LeaveClientEnd();
+        m_clientEnd.Leave();
     }
     return again;
 }
@@ -91,7 +92,7 @@ bool CUsbipClientLinux::WriteThreadLoop() try {
 bool CUsbipClientLinux::WriteDevice(const char* data, unsigned long len) {
     while (len > 0) {
         // Not write(): the kernel may have let go of its end, and the host must get no SIGPIPE.
-        const ssize_t written = send(m_sockfd[0], data, len, MSG_NOSIGNAL);
+        const ssize_t written = send(m_clientEnd.Get(), data, len, MSG_NOSIGNAL);
         if (written < 0 && errno != EINTR) {
             XJModLog(4, "[CUsbipClientLinux] write device fail");
             m_bQuit = true;

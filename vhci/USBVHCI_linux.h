@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/Lock.h"
+#include "wire/VhciStatus.h"
 
 struct udev;
 struct udev_device;
@@ -33,15 +34,11 @@ static_assert(sizeof(usbip_usb_device) == 312);
 
 enum usbip_hub_speed : std::uint32_t { HUB_SPEED_HIGH = 0, HUB_SPEED_SUPER = 1 };
 
-// Port states of the status attribute in which the port holds no local device.
-inline constexpr std::uint32_t VDEV_ST_NULL = 4;         // free
-inline constexpr std::uint32_t VDEV_ST_NOTASSIGNED = 5;  // attached, not yet enumerated
-
 struct usbip_imported_device {
     usbip_hub_speed hub;
     std::uint8_t port;
-    std::uint32_t status;
-    std::uint32_t devid;  // remote device id: bus number << 16 | device number
+    std::uint32_t status;  // see wire/VhciStatus.h
+    std::uint32_t devid;   // remote device id: bus number << 16 | device number
     std::uint8_t busnum;
     std::uint8_t devnum;
     usbip_usb_device udev;  // filled only for ports in use
