@@ -51,10 +51,7 @@ bool CUsbipClientLinux::Run() {
     m_workThread.Enter();  // there is none yet
     m_bQuit = false;
     m_devBufLen = 0;
-    {
-        CLockGuard seqGuard(m_seqLock);
-        m_outSeqs.clear();
-    }
+    m_outstanding.Clear();
     int ends[2];
     // A child that the host starts must not keep a device's connection open.
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
@@ -93,40 +90,20 @@ bool CUsbipClientLinux::Stop() {
     return true;
 }
 
-bool CUsbipClientLinux::CalcLen(const usbip_header* hdr, int len, bool fromDev, bool& isOut,
-                                int& dataLen, int& isoLen, int& total) {
-    if (len < static_cast<int>(sizeof(usbip_header))) return false;
-    isOut = false;
-    dataLen = isoLen = 0;
+bool CUsbipClientLinux::CalcLen(const usbip_header& header, bool fromDev, bool answersOut,
+                                UsbipPduLength& length) {
     const char* side = fromDev ? "dev" : "net";
-    const std::uint32_t command = be32toh(hdr->command);
-    UsbipPduLength length;
-    if (fromDev && command == USBIP_CMD_SUBMIT) {
-        isOut = hdr->direction == USBIP_DIR_OUT;
-        length = UsbipCmdSubmitLength(*hdr);
-    } else if (!fromDev && command == USBIP_RET_SUBMIT) {
-        CLockGuard guard(m_seqLock);
-        isOut = m_outSeqs.count(be32toh(hdr->seqnum)) != 0;
-        length = UsbipRetSubmitLength(*hdr, isOut);
-    } else if (command != (fromDev ? USBIP_CMD_UNLINK : USBIP_RET_UNLINK)) {
-        XJModLog(1, "[CUsbipClientLinux] %s unkonw command 0x%x hdr %s", side, command,
-                 header_hex(*hdr).c_str());
+    const auto known = fromDev ? UsbipCommandLength(header) : UsbipReplyLength(header, answersOut);
+    if (!known) {
+        XJModLog(1, "[CUsbipClientLinux] %s unkonw command 0x%x hdr %s", side,
+                 be32toh(header.command), header_hex(header).c_str());
         return false;
     }
-    if (!length.Acceptable()) {
+    if (!known->Acceptable()) {
         XJModLog(4, "[CUsbipClientLinux] %s PDU of %lu bytes is too long, hdr %s", side,
-                 length.Total(), header_hex(*hdr).c_str());
+                 known->Total(), header_hex(header).c_str());
         return false;
     }
-    dataLen = static_cast<int>(length.data);
-    isoLen = static_cast<int>(length.iso);
-    total = static_cast<int>(length.Total());
+    length = *known;
     return true;
-}
-
-bool CUsbipClientLinux::CalcLen(const usbip_header* hdr, int len, bool fromDev, int& total) {
-    bool isOut = false;
-    int dataLen = 0;
-    int isoLen = 0;
-    return CalcLen(hdr, len, fromDev, isOut, dataLen, isoLen, total);
 }

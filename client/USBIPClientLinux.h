@@ -5,8 +5,8 @@
 #include <atomic>
 #include <list>
 #include <memory>
-#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/BaseThread.h"
@@ -14,8 +14,8 @@
 #include "base/Lock.h"
 #include "base/Semaphore.h"
 #include "client/IUsbipClient.h"
+#include "client/OutstandingCommands.h"
 #include "client/SharedEnd.h"
-#include "wire/UsbipPdu.h"
 
 // Threads: see IUsbipClient. Lock order: m_runLock is held while the threads are joined, and with
 // them comes before every other lock here. The others are innermost: nothing is locked, nobody
@@ -37,13 +37,10 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
     bool Forward(const char* data, unsigned long len) override EXCLUDES(m_recvLock);
 
   private:
-    // The length of the PDU whose first `len` bytes are at `hdr`, from its header alone.
-    // `fromDev`: read from the kernel (commands), else received from the peer (replies).
-    // `isOut`: it belongs to an OUT transfer. `total` = header + `dataLen` + `isoLen`, in bytes.
-    // False: fewer than 48 bytes (silent), or a command or length that is refused (logged).
-    bool CalcLen(const usbip_header* hdr, int len, bool fromDev, bool& isOut, int& dataLen,
-                 int& isoLen, int& total) EXCLUDES(m_seqLock);
-    bool CalcLen(const usbip_header* hdr, int len, bool fromDev, int& total);
+    // The length of the PDU that `header` begins. `fromDev`: read from the kernel (a command), else
+    // received from the peer (a reply, `answersOut` or not). False: refused, with a log line.
+    static bool CalcLen(const usbip_header& header, bool fromDev, bool answersOut,
+                        UsbipPduLength& length);
 
     // Work thread: attaches, then moves PDUs from the kernel to the listener.
     bool WorkThreadFunction();
@@ -53,15 +50,22 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
     AttachResult TryAttach(std::string& unsettled) REQUIRES(m_workThread);
     void ForwardLoop() REQUIRES(m_workThread);
     bool CheckDevRead() REQUIRES(m_workThread);
-    void RecordOutSeq(unsigned int seqnum) REQUIRES(m_workThread) EXCLUDES(m_seqLock);
+    bool DevBufLength(UsbipPduLength& length) REQUIRES(m_workThread);
+    void PassOn(std::string_view pdu) REQUIRES(m_workThread);
     void SendUsbipPacket(const char* data, unsigned long len) REQUIRES(m_workThread);
     void ReportDetach() REQUIRES(m_workThread);
 
     // Write thread: moves PDUs from the peer to the kernel.
     bool WriteThreadFunction();
     bool WriteThreadLoop() REQUIRES(m_writeThread);
+    // How the PDU at the front of `bytes` is. kGood: its `size` bytes may be written. Anything else
+    // is logged; `first`: nothing of its forward message stands before it.
+    enum class Verdict { kGood, kNotWhole, kUnsafe };
+    Verdict CheckNetRecv(std::string_view bytes, bool first, std::size_t& size)
+        REQUIRES(m_writeThread);
     CRefObj<IBuffer> PopRecvBuf(int timeout) REQUIRES(m_writeThread) EXCLUDES(m_recvLock);
     bool WriteDevice(const char* data, unsigned long len) REQUIRES(m_writeThread);
+    void EndDevice();
 
     // Constant after construction.
     const CRefObj<IMemAlloctor> m_pAllocator;
@@ -78,6 +82,7 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
                                        // except the write thread itself
     CSemaphore m_recvSem{0};           // wakes the write thread
     CSharedEnd m_clientEnd;            // the work thread reads from it, the write thread writes
+    COutstandingCommands m_outstanding;
 
     CMutexLock m_runLock;  // serialises Run and Stop
     std::unique_ptr<CUsbipClientLinuxThread> m_pWorkThread GUARDED_BY(m_runLock);
@@ -85,9 +90,6 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
 
     CMutexLock m_recvLock;
     std::list<CRefObj<IBuffer>> m_recvList GUARDED_BY(m_recvLock);  // for the kernel, oldest first
-
-    CMutexLock m_seqLock;
-    std::set<unsigned int> m_outSeqs GUARDED_BY(m_seqLock);  // OUT commands not yet replied to
 
     // The work thread's, and of Run and Stop while there is none.
     std::vector<char> m_devBuf GUARDED_BY(m_workThread);  // grows to the largest PDU seen, which

@@ -23,10 +23,6 @@ constexpr int kPollMs = 500;
 constexpr std::chrono::seconds kSettleTime{5};
 constexpr int kSettlePauseMs = 250;
 
-// The kernel has well below a hundred URBs in flight for one device. More entries mean that
-// replies are missing.
-constexpr std::size_t kOutSeqWarning = 256;
-
 }  // namespace
 
 bool CUsbipClientLinux::WorkThreadFunction() {
@@ -124,21 +120,11 @@ void CUsbipClientLinux::ForwardLoop() {
 // One read of at most the rest of one PDU; hands the PDU on when it is whole. False: the
 // connection is at its end or cannot go on.
 bool CUsbipClientLinux::CheckDevRead() try {
-    const auto* header = reinterpret_cast<const usbip_header*>(m_devBuf.data());
-    bool isOut = false;
-    int dataLen = 0;
-    int isoLen = 0;
-    int total = sizeof *header;
-    if (m_devBufLen >= sizeof *header &&
-        !CalcLen(header, static_cast<int>(m_devBufLen), true, total)) {
-        return false;
-    }
-    const std::size_t need = static_cast<std::size_t>(total) - m_devBufLen;
-    if (m_devBuf.size() < static_cast<std::size_t>(total)) {
-        m_devBuf.resize(static_cast<std::size_t>(total));
-        header = reinterpret_cast<const usbip_header*>(m_devBuf.data());
-    }
-    const ssize_t got = recv(m_clientEnd.Get(), m_devBuf.data() + m_devBufLen, need, 0);
+    UsbipPduLength length;
+    if (!DevBufLength(length)) return false;
+    if (m_devBuf.size() < length.Total()) m_devBuf.resize(length.Total());
+    const ssize_t got =
+        recv(m_clientEnd.Get(), m_devBuf.data() + m_devBufLen, length.Total() - m_devBufLen, 0);
     if (got < 0) {
         if (errno == EINTR) return true;
         XJModLog(4, "[CUsbipClientLinux] read device fail, %d", errno);
@@ -147,14 +133,9 @@ bool CUsbipClientLinux::CheckDevRead() try {
     if (got == 0) return false;  // the kernel has shut its end
     m_devBufLen += static_cast<std::size_t>(got);
 
-    if (m_devBufLen < sizeof *header) return true;
-    if (!CalcLen(header, static_cast<int>(m_devBufLen), true, isOut, dataLen, isoLen, total)) {
-        return false;
-    }
-    if (m_devBufLen < static_cast<std::size_t>(total)) return true;
-    // Recorded before the peer sees the command, so that its reply finds the entry.
-    if (isOut) RecordOutSeq(be32toh(header->seqnum));
-    SendUsbipPacket(m_devBuf.data(), static_cast<unsigned long>(total));
+    if (!DevBufLength(length)) return false;
+    if (m_devBufLen < length.Total()) return true;
+    PassOn({m_devBuf.data(), m_devBufLen});
     m_devBufLen = 0;  // no read goes past the PDU
     return true;
 } catch (const std::bad_alloc&) {
@@ -162,14 +143,18 @@ bool CUsbipClientLinux::CheckDevRead() try {
     return false;
 }
 
-void CUsbipClientLinux::RecordOutSeq(unsigned int seqnum) {
-    bool many;
-    {
-        CLockGuard guard(m_seqLock);
-        many = m_outSeqs.size() > kOutSeqWarning;
-        m_outSeqs.insert(seqnum);
-    }
-    if (many) XJModLog(4, "[CUsbipClientLinux] out seq list overflow");
+// Of the PDU being assembled; until its header is there, of the header.
+bool CUsbipClientLinux::DevBufLength(UsbipPduLength& length) {
+    usbip_header header;
+    if (m_devBufLen < sizeof header) return true;
+    std::memcpy(&header, m_devBuf.data(), sizeof header);
+    return CalcLen(header, true, false, length);
+}
+
+// Remembered before the peer sees the command, so that its reply finds the entry.
+void CUsbipClientLinux::PassOn(std::string_view pdu) {
+    if (m_outstanding.Record(pdu)) XJModLog(4, "[CUsbipClientLinux] out seq list overflow");
+    SendUsbipPacket(pdu.data(), pdu.size());
 }
 
 void CUsbipClientLinux::SendUsbipPacket(const char* data, unsigned long len) {
