@@ -46,8 +46,6 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
     bool WorkThreadFunction();
     bool WorkThreadLoop() REQUIRES(m_workThread);
     bool AttachDevice() REQUIRES(m_workThread);
-    enum class AttachResult { kDone, kFailed, kUnsettled };
-    AttachResult TryAttach(std::string& unsettled) REQUIRES(m_workThread);
     void ForwardLoop() REQUIRES(m_workThread);
     bool CheckDevRead() REQUIRES(m_workThread);
     bool DevBufLength(UsbipPduLength& length) REQUIRES(m_workThread);

@@ -4,10 +4,8 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <new>
-#include <utility>
 
 #include "client/IClientUsbipListenter.h"
 #include "client/USBIPClientLinux.h"
@@ -17,11 +15,6 @@
 namespace {
 
 constexpr int kPollMs = 500;
-
-// From its address to its sysfs entry a device answers a dozen control requests, across a link that
-// may be slow; the kernel gives each of them five seconds.
-constexpr std::chrono::seconds kSettleTime{5};
-constexpr int kSettlePauseMs = 250;
 
 }  // namespace
 
@@ -52,52 +45,24 @@ bool CUsbipClientLinux::WorkThreadLoop() {
     return false;
 }
 
-// A device that is mapped while the kernel enumerates another one finds a port in use without its
-// local device. That passes, so it is given a while; and as many times as there are such devices,
-// since the kernel enumerates one after the other.
-bool CUsbipClientLinux::AttachDevice() {
-    std::string awaited;
-    auto give_up = std::chrono::steady_clock::now();
-    for (;;) {
-        std::string unsettled;
-        const AttachResult result = TryAttach(unsettled);
-        if (result != AttachResult::kUnsettled) return result == AttachResult::kDone;
-        if (unsettled != awaited) {
-            awaited = std::move(unsettled);
-            give_up = std::chrono::steady_clock::now() + kSettleTime;
-        }
-        pollfd end{m_clientEnd.Get(), POLLIN, 0};
-        poll(&end, 1, kSettlePauseMs);  // Stop's shutdown ends the pause
-        if (m_bQuit || std::chrono::steady_clock::now() >= give_up) {
-            XJModLog(4, "[CUsbipClientLinux]  vhci open fail");
-            return false;
-        }
-    }
-}
-
-// `unsettled` receives the bus id of the device that kUnsettled is about.
-CUsbipClientLinux::AttachResult CUsbipClientLinux::TryAttach(std::string& unsettled) try {
-    // Held from reading the port table to the attach request: two clients never choose one port.
-    CLockGuard guard(CLinuxVHCI::AttachLock());
+bool CUsbipClientLinux::AttachDevice() try {
     CLinuxVHCI vhci;
     if (!vhci.Open()) {
-        unsettled = vhci.Unsettled();
-        if (!unsettled.empty()) return AttachResult::kUnsettled;
         XJModLog(4, "[CUsbipClientLinux]  vhci open fail");
-        return AttachResult::kFailed;
+        return false;
     }
     unsigned char port = 0;
     if (!vhci.Attach(m_kernelEnd, static_cast<unsigned short>(m_devInfo.busid),
                      static_cast<unsigned short>(m_devInfo.portid), m_devInfo.speed, &port)) {
         XJModLog(4, "[CUsbipClientLinux]  vhci attach fail");
-        return AttachResult::kFailed;
+        return false;
     }
     m_kernelEnd = -1;  // Attach has closed it; the kernel holds the socket
     XJModLog(1, "[CUsbipClientLinux] attach vid: %04x, pid: %04x", m_devInfo.vid, m_devInfo.pid);
-    return AttachResult::kDone;
+    return true;
 } catch (const std::bad_alloc&) {
     XJModLog(4, "[CUsbipClientLinux]  vhci attach fail, out of memory");
-    return AttachResult::kFailed;
+    return false;
 }
 
 void CUsbipClientLinux::ForwardLoop() {

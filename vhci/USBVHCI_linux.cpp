@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "module/runtime/XJModLog.h"
+#include "vhci/PortReservations.h"
 
 namespace {
 
@@ -72,14 +73,9 @@ CLinuxVHCI::~CLinuxVHCI() {
     CLinuxVHCI::Close();
 }
 
-ILockItem& CLinuxVHCI::AttachLock() {
-    static CMutexLock lock;
-    return lock;
-}
-
 bool CLinuxVHCI::Open() {
     Clean();
-    unsettled_.clear();
+    read_ = CPortReservations::OfThisProcess().Now();
     XJModLog(8, "[linuxvhci] open start");
     const auto fail = [this](const char* line) {
         XJModLog(4, "%s", line);
@@ -194,11 +190,11 @@ bool CLinuxVHCI::ParseStatus(const char* text) {
         device.devid = port.devid;
         device.busnum = static_cast<std::uint8_t>(port.devid >> 16);
         device.devnum = static_cast<std::uint8_t>(port.devid);
+        // Without its local device, as while the kernel enumerates or removes it, the port is in
+        // use all the same.
         if (device.status != VDEV_ST_NULL && device.status != VDEV_ST_NOTASSIGNED &&
             !InitImportedDevice(&device, port.lbusid)) {
             XJModLog(4, "[linuxvhci] ParseStatus InitImportedDevice fail busid %s", port.lbusid);
-            unsettled_ = port.lbusid;
-            return false;
         }
     }
     return true;
