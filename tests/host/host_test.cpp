@@ -37,9 +37,12 @@ TEST(DoctorTest, SaysWhatItFoundAndWhatStandsInTheWay) {
         {{{"attach", ""}}, {"status cannot be read", "cannot attach"}},
         {{{"attach", ""}, {"status", "header\n" + used}}, {"No port is free", "cannot attach"}},
         {{{"status", free}}, {"may not write", "cannot attach"}},
-        {{{"attach", ""}, {"status", odd}}, {"5 status line(s) not understood", "cannot attach"}},
+        {{{"attach", ""}, {"status", odd}}, {"3 status line(s) not understood", "cannot attach"}},
         // The last file stands behind a gap: it is not this driver's.
-        {{{"attach", ""}, {"status", free + used + used}, {"status.1", free}, {"status.3", free}},
+        {{{"attach", ""},
+          {"status", free + used + used},
+          {"status.1", "header\nhs  0002 004 000 00000000\n"},  // as the module reads it
+          {"status.3", free}},
          {"(hs): 2 free, 0 in use", "(ss): 0 free, 2 in use", "can be created", "can attach"}},
     };
     const std::string root = testing::TempDir() + "doctor-" + std::to_string(::getpid());
