@@ -265,6 +265,28 @@ TEST_F(ProgramTest, TheHostAndTheRemoteSideEndTogether) {
     ExpectOutput("device 1: URBs in 0");
 }
 
+// Its output ends when nobody has it any more. Not run as the others are, by the code under test.
+TEST(CommandTest, NothingOfItIsLeftBehind) {
+    const std::string held = "(trap '' TERM; exec sleep 60) & sleep 60 & ";
+    const std::pair<std::string, std::string> cases[] = {
+        {held + "exit 3", "the command ended with status 3"}, {held + "sleep 60", "is killed"}};
+    for (const auto& [command, how] : cases) {
+        const std::string program = "echo $$; exec " COMMAND " --exec \"" + command + "\" 2>&1";
+        const Stopwatch elapsed;
+        FILE* const output = ::popen(program.c_str(), "r");
+        char line[1000];
+        const pid_t pid = std::atoi(std::fgets(line, sizeof line, output));
+        std::string text;
+        while (std::fgets(line, sizeof line, output) != nullptr) {
+            text += line;
+            if (how == "is killed" && text.ends_with("sleep 60\"\n")) ::kill(pid, SIGKILL);
+        }
+        ::pclose(output);
+        EXPECT_LT(elapsed.Milliseconds(), 30'000) << "left behind by " << text;
+        EXPECT_EQ(how != "is killed", text.find(how) != std::string::npos) << text;
+    }
+}
+
 // Not a line of theirs gets into a stream or an image, which take the places of what is closed.
 TEST_F(ProgramTest, StandardStreamsMayBeClosed) {
     const std::string closed = " <&- >&- 2>&-";
