@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -15,6 +17,7 @@
 
 #include "fakes/Patience.h"
 #include "host/Doctor.h"
+#include "host/Keeper.h"
 
 namespace host {
 namespace {
@@ -227,21 +230,6 @@ TEST_F(ProgramTest, AnEndedCommandIsALostStream) {
     }
 }
 
-TEST_F(ProgramTest, ACommandIsAskedToEndAndThenMadeTo) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"cat; exit 3", "ended with status 3"},  // sees the end of its input
-        {"head -c1; exec sleep 1000", "was ended by signal Terminated"},
-        {"trap '' TERM; head -c1; exec sleep 1000", "was ended by signal Killed"},
-    };
-    for (const auto& [command, how] : cases) {
-        program_ = Child::Start(command, output_, seen_);
-        EXPECT_EQ(1, ::send(output_.Get(), "x", 1, MSG_NOSIGNAL)) << seen_;
-        EXPECT_EQ("x", receive(output_, 1)) << command;
-        output_ = {};
-        EXPECT_EQ("the command " + how, program_->End());
-    }
-}
-
 // Over a socket, where the remote side goes first, and over a pipe, where the host does.
 TEST_F(ProgramTest, TheHostAndTheRemoteSideEndTogether) {
     Run(REMOTE " --listen 0.0.0.0:0 --wait --usbip [::1]:1/1-1 --disk " + image_);
@@ -263,6 +251,36 @@ TEST_F(ProgramTest, TheHostAndTheRemoteSideEndTogether) {
     ExpectOutput("] map device 1, ");
     EXPECT_EQ(kStatus + "0", Exit(SIGTERM));
     ExpectOutput("device 1: URBs in 0");
+}
+
+TEST(CommandTest, IsAskedToEndAndThenMadeTo) {
+    const std::pair<const char*, int> cases[] = {
+        {"cat; exit 3", W_EXITCODE(3, 0)},  // sees the end of its input
+        {"head -c1; exec sleep 60", SIGTERM},
+        {"trap '' TERM; head -c1; exec sleep 60", SIGKILL}};
+    for (const auto& [command, status] : cases) {
+        int stream[2];
+        int control[2];
+        ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, stream));
+        ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, control));
+        posix::UniqueFd ours(stream[0]), theirs(stream[1]), ears(control[0]), keepers(control[1]);
+        const pid_t keeper = ::fork();
+        if (keeper == 0) {
+            Keep(command, theirs.Release(), keepers.Release());
+            std::exit(0);  // after which a measurement knows the lines
+        }
+        theirs = {};
+        keepers = {};
+        EXPECT_EQ(1, ::send(ours.Get(), "x", 1, MSG_NOSIGNAL));
+        EXPECT_EQ("x", receive(ours, 1)) << command;
+        ours = {};
+        ::shutdown(ears.Get(), SHUT_WR);
+        const std::string heard = receive(ears, 2 * sizeof(int));
+        int said[2] = {};
+        std::memcpy(said, heard.data(), heard.size());
+        EXPECT_EQ(status, said[1]) << command;
+        ::waitpid(keeper, nullptr, 0);
+    }
 }
 
 // Its output ends when nobody has it any more. Not run as the others are, by the code under test.
