@@ -31,7 +31,6 @@ inline Command Decoded(std::string_view pdu) {
 inline constexpr std::size_t kEndpoint = offsetof(usbip_header, ep);
 inline constexpr std::size_t kStatus = offsetof(usbip_header, u.ret_submit.status);
 inline constexpr std::size_t kTarget = offsetof(usbip_header, u.cmd_unlink.seqnum);
-inline constexpr std::size_t kSetup = offsetof(usbip_header, u.cmd_submit.setup);
 inline constexpr std::size_t kPackets = offsetof(usbip_header, u.cmd_submit.number_of_packets);
 
 // With another value in a field of 32 bits, big-endian.
