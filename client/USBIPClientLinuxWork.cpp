@@ -28,20 +28,19 @@ bool CUsbipClientLinux::WorkThreadFunction() {
 
 bool CUsbipClientLinux::WorkThreadLoop() {
     XJModLog(1, "[CUsbipClientLinux] start attach vhci device");
-    if (!AttachDevice()) {
-        m_clientEnd.Leave();
-        return false;
+    if (AttachDevice()) {
+        XJModLog(1, "[CUsbipClientLinux] attach sucess");
+        XJModLog(1, "start forward data loop");
+        ForwardLoop();
+        XJModLog(1, "[CUsbipClientLinux] work loop exit");
+        ReportDetach();
     }
-    XJModLog(1, "[CUsbipClientLinux] attach sucess");
-    XJModLog(1, "start forward data loop");
-    ForwardLoop();
-    XJModLog(1, "[CUsbipClientLinux] work loop exit");
-    ReportDetach();
-    m_bQuit = true;
-    m_recvSem.Post();
-    // The kernel frees the port now, and a write in progress ends.
-    m_clientEnd.Shutdown();
+    // The kernel frees the port now, and a write in progress ends. What is not needed any more is
+    // given back at once: the client may stay mapped for long.
+    EndDevice();
     m_clientEnd.Leave();
+    CloseKernelEnd();
+    std::vector<char>().swap(m_devBuf);
     return false;
 }
 

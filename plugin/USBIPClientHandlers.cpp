@@ -64,6 +64,13 @@ bool UsbipClientPlugin::OnProtoDevMap(const void*, unsigned long, IBuffer* messa
              static_cast<int>(map.devid), static_cast<int>(map.dev.busid),
              static_cast<int>(map.dev.portid), instanceid);
 
+    if (!HasRoomFor(map.devid)) {
+        XJModLog(4, "[usbipclient] map device %d refused, %zu are mapped",
+                 static_cast<int>(map.devid), kMostDevices);
+        OnUsbipDeviceError(map.devid);
+        return false;
+    }
+
     const CRefObj<IUsbipClient> client(new CUsbipClientLinux);
     client->SetListener(this);
     client->SetDevId(map.devid);
@@ -107,6 +114,7 @@ bool UsbipClientPlugin::OnProtoForward(const void*, unsigned long, IBuffer* mess
                  kMaxRawSize);
         return false;
     }
+    if (!client->Accepts(forward.rawsize)) return true;
     const ScratchArea scratch = make_scratch(forward.rawsize);
     if (!scratch) return true;
     // What a broken stream inflates to is not judged here: the client checks every PDU it writes.

@@ -101,6 +101,11 @@ CRefObj<IUsbipClient> UsbipClientPlugin::TakeDevice(unsigned int devid) {
     return node ? node.mapped() : CRefObj<IUsbipClient>();
 }
 
+bool UsbipClientPlugin::HasRoomFor(unsigned int devid) {
+    CLockGuard guard(m_devicesLock);
+    return m_devices.size() < kMostDevices || m_devices.count(devid) != 0;
+}
+
 CRefObj<IBuffer> UsbipClientPlugin::NewMessage(unsigned long size) {
     CRefObj<IBuffer> buffer = m_pAllocator->GetFreeBuffer(size);
     if (!buffer || buffer->SetSize(size) != size) {

@@ -47,6 +47,9 @@ class UsbipClientPlugin : public CUsbipMessageSeparation,
     void OnUsbipDeviceError(unsigned int devid) override;
 
   private:
+    // More than anybody plugs in. Each device costs the host threads, descriptors and memory.
+    static constexpr std::size_t kMostDevices = 256;
+
     // Handlers of the message map, on the Run thread. They read their fields from the start of
     // `message`, which holds the whole message. False: refused, with a log line.
     bool OnProtoVersionReq(const void* payload, unsigned long length, IBuffer* message);
@@ -65,6 +68,7 @@ class UsbipClientPlugin : public CUsbipMessageSeparation,
 
     CRefObj<IUsbipClient> FindDevice(unsigned int devid) EXCLUDES(m_devicesLock);
     CRefObj<IUsbipClient> TakeDevice(unsigned int devid) EXCLUDES(m_devicesLock);
+    bool HasRoomFor(unsigned int devid) EXCLUDES(m_devicesLock);
 
     // Constant after construction.
     const CRefObj<IMemAlloctor> m_pAllocator;
