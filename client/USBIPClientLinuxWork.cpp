@@ -75,7 +75,7 @@ void CUsbipClientLinux::ForwardLoop() {
         }
         if ((end.revents & (POLLIN | POLLHUP)) == 0) continue;
         if (!CheckDevRead()) {
-            XJModLog(4, "read dev fail");
+            if (!m_bQuit) XJModLog(4, "read dev fail");
             return;
         }
     }
@@ -91,7 +91,7 @@ bool CUsbipClientLinux::CheckDevRead() try {
         recv(m_clientEnd.Get(), m_devBuf.data() + m_devBufLen, length.Total() - m_devBufLen, 0);
     if (got < 0) {
         if (errno == EINTR) return true;
-        XJModLog(4, "[CUsbipClientLinux] read device fail, %d", errno);
+        if (!m_bQuit) XJModLog(4, "[CUsbipClientLinux] read device fail, %d", errno);
         return false;
     }
     if (got == 0) return false;  // the kernel has shut its end

@@ -159,12 +159,13 @@ bool CUsbipClientLinux::WriteDevice(const char* data, unsigned long len) {
     while (len > 0) {
         // Not write(): the kernel may have let go of its end, and the host must get no SIGPIPE.
         const ssize_t written = send(m_clientEnd.Get(), data, len, MSG_NOSIGNAL);
-        if (written < 0 && errno != EINTR) {
+        const bool failed = written < 0 && errno != EINTR;
+        if (m_bQuit) return false;  // Stop has shut the end: no failure
+        if (failed) {
             XJModLog(4, "[CUsbipClientLinux] write device fail");
             EndDevice();
             return false;
         }
-        if (m_bQuit) return false;
         if (written > 0) {
             data += written;
             len -= static_cast<unsigned long>(written);

@@ -51,7 +51,7 @@ bool UsbipClientPlugin::OnProtoVersionReq(const void*, unsigned long, IBuffer* m
     const usbip_version_rsp body{MakeMessageHead(kUsbipVersionRsp, sizeof body),
                                  kUsbipProtocolVersion};
     std::memcpy(response->GetPointer(), &body, sizeof body);
-    if (m_pStream) WriteMessage(response->GetPointer(), response->GetSize());
+    WriteMessage(response->GetPointer(), response->GetSize());
     return true;
 }
 
