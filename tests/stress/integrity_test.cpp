@@ -8,8 +8,7 @@
 #include <bit>
 #include <random>
 
-#include "fakes/FakeController.h"
-#include "fakes/FakeHost.h"
+#include "fakes/Rig.h"
 #include "fakes/Traffic.h"
 
 namespace {
@@ -46,22 +45,20 @@ extern "C" ssize_t recv(int socket, void* buffer, std::size_t size, int flags) {
 // PDU number n, in either direction, belongs to device n % kDevices.
 TEST(Integrity, EveryPduArrivesOnceWholeAndInOrder) {
     const auto pdus = FromEnvironment("XJ_STRESS_PDUS", kSanitized ? 20'000 : 50'000);
-    FakeController controller{4, 16};
-    FakeHost host;
+    Rig rig(2 * kDevices);
+    FakeHost& host = rig.host;
     host.Start();
     std::vector<std::unique_ptr<KernelEnd>> kernels;
     std::vector<std::uint32_t> taken(kDevices);  // PDUs of each device that the peer has got
-    for (std::uint32_t devid = 0; devid < kDevices; ++devid) {
-        host.Receive(MapMessage(devid));
-        ASSERT_TRUE(kernels.emplace_back(controller.WaitForAttach()));
-    }
+    for (std::uint32_t devid = 0; devid < kDevices; ++devid)
+        kernels.push_back(rig.Map(devid));
     std::atomic<bool> wrong{false};
     std::uint32_t first = 0;
     const Stopwatch watch;
     for (; first < pdus / 2 && !wrong; first += kRound) {
         const bool compress = first / kRound % 2 == 0;
         host.Receive(VersionRequest(compress ? kVersionFlagCompress : 0));
-        host.stream->WaitForMessage();
+        rig.NextMessage();
         std::vector<std::jthread> threads;
         const auto each = [&](std::uint32_t from, std::uint32_t step, auto operation) {
             threads.emplace_back([&, from, step, operation] {
@@ -86,7 +83,7 @@ TEST(Integrity, EveryPduArrivesOnceWholeAndInOrder) {
         });
         each(0, 1, [&](auto) {
             host.stream->SetWriteBlock(Part(kBlock));
-            const std::string message = host.stream->WaitForMessage();
+            const std::string message = rig.NextMessage();
             const auto forward = Parse<usbip_forward>(message);
             const auto n = taken[forward.devid % kDevices]++ * kDevices + forward.devid;
             const std::string pdu = KernelPdu(n, SizeOf(n));
@@ -97,7 +94,7 @@ TEST(Integrity, EveryPduArrivesOnceWholeAndInOrder) {
     std::printf("%u PDUs in %ld ms\n", 2 * first, watch.Milliseconds());
     for (std::uint32_t devid = 0; devid < kDevices && !wrong; ++devid) {
         host.Receive(UnmapMessage(devid));
-        EXPECT_EQ(host.stream->WaitForMessage(), UnmapMessage(devid)) << "and nothing before it";
+        EXPECT_EQ(rig.NextMessage(), UnmapMessage(devid)) << "and nothing before it";
         EXPECT_EQ(kernels[devid]->Receive(1), "") << "device " << devid;
     }
 }

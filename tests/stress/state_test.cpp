@@ -9,8 +9,8 @@
 #include <random>
 #include <stdexcept>
 
-#include "fakes/FakeHost.h"
 #include "fakes/Ledger.h"
+#include "fakes/Rig.h"
 #include "fakes/Traffic.h"
 
 namespace {
@@ -33,24 +33,25 @@ struct Device {
     std::uint32_t command = 0;          // the last one that the peer has got and not answered
 };
 
-class Life {
+class Life : Rig {
   public:
-    explicit Life(unsigned long seed) : random_(static_cast<std::mt19937::result_type>(seed)) {}
+    explicit Life(unsigned long seed)
+        : Rig(128), random_(static_cast<std::mt19937::result_type>(seed)) {}
 
     void Play() {
         for (auto sessions = Pick(1, 3); sessions > 0; --sessions) {
-            host_.stream = new FakeStream;
-            host_.stream->SetReadBlock(PickSize());
-            host_.stream->SetWriteBlock(PickSize());
-            host_.Start();
+            host.stream = new FakeStream;
+            host.stream->SetReadBlock(PickSize());
+            host.stream->SetWriteBlock(PickSize());
+            host.Start();
             for (auto steps = Pick(0, 400); steps > 0; --steps)
                 Step();
             End(sessions == 1);
         }
         std::size_t ends = 0;
-        for (const LogLine& line : host_.runtime.Lines(1))
+        for (const LogLine& line : host.runtime.Lines(1))
             if (line.text.starts_with("[usbipclient] device end")) ++ends;
-        Check(ends == controller_.Requests().size(), "each attached device reports its end once");
+        Check(ends == controller.Requests().size(), "each attached device reports its end once");
     }
 
   private:
@@ -62,8 +63,8 @@ class Life {
 
     void Step() {
         static constexpr std::pair<const char*, void (Life::*)(std::uint32_t devid)> kKinds[] = {
-            {"map", &Life::Map},    {"forward", &Life::Forward}, {"send", &Life::KernelSends},
-            {"map", &Life::Map},    {"forward", &Life::Forward}, {"send", &Life::KernelSends},
+            {"map", &Life::Plug},   {"forward", &Life::Forward}, {"send", &Life::KernelSends},
+            {"map", &Life::Plug},   {"forward", &Life::Forward}, {"send", &Life::KernelSends},
             {"end", &Life::Unplug}, {"burst", &Life::Burst},     {"settle", &Life::Settle},
             {"rerun", &Life::Rerun}};
         const auto& [name, play] = kKinds[Pick(0, std::size(kKinds) - 1)];
@@ -72,19 +73,19 @@ class Life {
         (this->*play)(devid);
     }
 
-    void Map(std::uint32_t devid) {
-        host_.Receive(MapMessage(devid));
+    void Plug(std::uint32_t devid) {
+        host.Receive(MapMessage(devid));
         Device& device = devices_[devid];
         if (device.kernel) Ends(device, true);
         do {
-            device.kernel = controller_.WaitForAttach();
+            device.kernel = controller.WaitForAttach();
             Check(device.kernel != nullptr, "a mapped device is attached");
         } while (device.kernel->request.ends_with(std::to_string(kBurstSpeed)));
     }
     // Outside the model: comes and goes, perhaps before it is attached, and has no traffic.
     void Burst(std::uint32_t devid) {
         for (auto i = Pick(1, 4); i > 0; --i)
-            host_.Receive(Pick(0, 1) == 0 ? MapMessage(kIds + devid, DeviceInfo(kBurstSpeed))
+            host.Receive(Pick(0, 1) == 0 ? MapMessage(kIds + devid, DeviceInfo(kBurstSpeed))
                                           : UnmapMessage(kIds + devid));
     }
     // By the peer, by the kernel's closing in the middle of a PDU, or by what no kernel sends.
@@ -93,7 +94,7 @@ class Life {
         const auto way = Pick(0, 2);
         const std::string part = KernelPdu(next_++, 500).substr(0, PickSize() % 500);
         if (Pick(0, 1) == 0) Read(device);
-        if (way == 0) host_.Receive(UnmapMessage(devid));
+        if (way == 0) host.Receive(UnmapMessage(devid));
         if (!device.kernel) return;
         if (way != 0) device.kernel->Send(way == 1 ? part : UnlinkReply(1));
         if (way == 1) device.kernel.reset();
@@ -108,7 +109,7 @@ class Life {
             if (Pick(0, 3) == 0 && device.command != 0)
                 pdu = SubmitReply(std::exchange(device.command, 0), 500);
             if (device.kernel) device.owed += pdu;
-            host_.Receive(Pick(0, 1) == 0 ? ForwardMessage(devid, pdu)
+            host.Receive(Pick(0, 1) == 0 ? ForwardMessage(devid, pdu)
                                           : CompressedForward(devid, pdu));
         }
     }
@@ -125,8 +126,8 @@ class Life {
         if (Pick(0, 14) != 0) return;
         Settle();
         KernelSends(devid);
-        host_.RunAgain();
-        Check(host_.stream->WaitUntilDrained(), "Run reads");
+        host.RunAgain();
+        Check(host.stream->WaitUntilDrained(), "Run reads");
         devices_[devid].lossy = true;
         KernelSends(devid);
     }
@@ -134,19 +135,19 @@ class Life {
     // By ExitInstance or Release, perhaps inside Run, or after the stream has failed.
     void End(bool release) {
         Burst(1);
-        if (Pick(0, 1) == 0) host_.stream->FailWrites(1'000'000);
-        if (Pick(0, 1) == 0) host_.EndRun();
+        if (Pick(0, 1) == 0) host.stream->FailWrites(1'000'000);
+        if (Pick(0, 1) == 0) host.EndRun();
         const Stopwatch watch;
-        if (!release || Pick(0, 1) == 0) host_.plugin->ExitInstance();
+        if (!release || Pick(0, 1) == 0) host.plugin->ExitInstance();
         Check(watch.Milliseconds() < (kSanitized ? 10'000 : 2000), "ExitInstance takes below 2 s");
-        host_.EndRun();
-        if (release) host_.plugin = nullptr;
-        if (!release) host_.plugin->ExitInstance();  // of what was mapped meanwhile
-        Check(!host_.stream->WritesOverlapped(), "one thread writes at a time");
+        host.EndRun();
+        if (release) host.plugin = nullptr;
+        if (!release) host.plugin->ExitInstance();  // of what was mapped meanwhile
+        Check(!host.stream->WritesOverlapped(), "one thread writes at a time");
         for (auto& [devid, device] : devices_)
             if (device.kernel) CheckClosed(device);
         devices_.clear();
-        for (const auto& kernel : controller_.Attached())
+        for (const auto& kernel : controller.Attached())
             Check(kernel->WaitForEnd(), "every socket is closed");
     }
 
@@ -173,10 +174,10 @@ class Life {
     }
     // Everything that has to come out has come.
     void Settle(std::uint32_t = 0) {
-        host_.Receive(VersionRequest(Pick(0, 1) == 0 ? kVersionFlagCompress : 0));
+        host.Receive(VersionRequest(Pick(0, 1) == 0 ? kVersionFlagCompress : 0));
         for (auto& [devid, device] : devices_) {
             while (!device.awaited.empty())
-                Match(host_.stream->WaitForMessage());
+                Match(NextMessage());
             device.lossy = false;
             Read(device);
         }
@@ -197,8 +198,6 @@ class Life {
     }
 
     std::mt19937 random_;
-    FakeController controller_{1, 128};
-    FakeHost host_;
     std::map<std::uint32_t, Device> devices_;  // by id
     std::uint32_t next_ = 1;                   // sequence number
 };
