@@ -2,8 +2,7 @@
 // live on, nothing hangs, and everything is given back.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-
-#include <csignal>
+#include <sys/resource.h>
 
 #include "fakes/Ledger.h"
 #include "fakes/Rig.h"
@@ -164,25 +163,4 @@ TEST_F(FaultTest, WithoutASendThreadTheReadingWorks) {
     host.RunAgain();
     host.Receive(VersionRequest(0));
     EXPECT_TRUE(Eventually([&] { return host.stream->Written().ends_with(VersionResponse()); }));
-}
-
-TEST_F(FaultTest, SignalsInterruptEverything) {
-    struct sigaction action {};
-    action.sa_handler = [](int) {};  // and no SA_RESTART
-    sigaction(SIGUSR1, &action, nullptr);
-    const std::jthread pest([](const std::stop_token& stop) {
-        for (; !stop.stop_requested(); usleep(1000))
-            for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
-                tgkill(getpid(), std::stoi(task.path().filename()), SIGUSR1);
-    });
-    host.stream->SetWriteBlock(3000);
-    for (std::uint32_t i = 0; i < 200; ++i) {
-        ASSERT_TRUE(one->Send(KernelPdu(i, 30'000)));
-        host.Receive(ForwardMessage(1, PeerPdu(kPeerSeq + i, 300'000)));
-        ASSERT_TRUE(CarriedPdu(NextMessage()) == KernelPdu(i, 30'000)) << i;
-        ASSERT_TRUE(one->Receive(300'000) == PeerPdu(kPeerSeq + i, 300'000)) << i;
-    }
-    host.Receive(map_two);
-    EXPECT_TRUE(controller.WaitForAttach());
-    EXPECT_EQ(host.runtime.Lines(4), std::vector<LogLine>());
 }

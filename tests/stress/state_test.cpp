@@ -4,7 +4,9 @@
 // its seed and its steps as they come, so that they are there whatever ends it. A seed fixes the
 // steps; the module's own threads add what no seed can fix.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
+#include <csignal>
 #include <iostream>
 #include <random>
 #include <stdexcept>
@@ -15,7 +17,7 @@
 
 namespace {
 
-constexpr std::uint32_t kIds = 4;         // those of the model
+constexpr std::uint32_t kIds = 8;         // those of the model
 constexpr std::uint32_t kBurstSpeed = 2;  // tells attaches of bursts from others
 
 void Check(bool good, const char* expected) {
@@ -33,12 +35,23 @@ struct Device {
     std::uint32_t command = 0;          // the last one that the peer has got and not answered
 };
 
+void interrupt_everybody(const std::stop_token& stop) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};  // and no SA_RESTART
+    sigaction(SIGUSR1, &action, nullptr);
+    for (; !stop.stop_requested(); usleep(1000))
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+            tgkill(getpid(), std::stoi(task.path().filename()), SIGUSR1);
+}
+
 class Life : Rig {
   public:
     explicit Life(unsigned long seed)
         : Rig(128), random_(static_cast<std::mt19937::result_type>(seed)) {}
 
     void Play() {
+        std::jthread pest;
+        if (Pick(0, 1) == 0) pest = std::jthread(interrupt_everybody);
         for (auto sessions = Pick(1, 3); sessions > 0; --sessions) {
             host.stream = new FakeStream;
             host.stream->SetReadBlock(PickSize());
@@ -63,10 +76,10 @@ class Life : Rig {
 
     void Step() {
         static constexpr std::pair<const char*, void (Life::*)(std::uint32_t devid)> kKinds[] = {
-            {"map", &Life::Plug},   {"forward", &Life::Forward}, {"send", &Life::KernelSends},
-            {"map", &Life::Plug},   {"forward", &Life::Forward}, {"send", &Life::KernelSends},
-            {"end", &Life::Unplug}, {"burst", &Life::Burst},     {"settle", &Life::Settle},
-            {"rerun", &Life::Rerun}};
+            {"map", &Life::Plug},    {"forward", &Life::Forward}, {"send", &Life::KernelSends},
+            {"map", &Life::Plug},    {"forward", &Life::Forward}, {"send", &Life::KernelSends},
+            {"end", &Life::Unplug},  {"burst", &Life::Burst},     {"settle", &Life::Settle},
+            {"rerun", &Life::Rerun}, {"storm", &Life::Storm}};
         const auto& [name, play] = kKinds[Pick(0, std::size(kKinds) - 1)];
         const auto devid = static_cast<std::uint32_t>(Pick(1, kIds));
         std::cerr << ' ' << name << devid;
@@ -86,7 +99,7 @@ class Life : Rig {
     void Burst(std::uint32_t devid) {
         for (auto i = Pick(1, 4); i > 0; --i)
             host.Receive(Pick(0, 1) == 0 ? MapMessage(kIds + devid, DeviceInfo(kBurstSpeed))
-                                          : UnmapMessage(kIds + devid));
+                                         : UnmapMessage(kIds + devid));
     }
     // By the peer, by the kernel's closing in the middle of a PDU, or by what no kernel sends.
     void Unplug(std::uint32_t devid) {
@@ -110,7 +123,7 @@ class Life : Rig {
                 pdu = SubmitReply(std::exchange(device.command, 0), 500);
             if (device.kernel) device.owed += pdu;
             host.Receive(Pick(0, 1) == 0 ? ForwardMessage(devid, pdu)
-                                          : CompressedForward(devid, pdu));
+                                         : CompressedForward(devid, pdu));
         }
     }
     void KernelSends(std::uint32_t devid) {
@@ -121,6 +134,39 @@ class Life : Rig {
         }
     }
 
+    // Everybody at once, both ways, with a large PDU now and then. Rare, since it takes its time.
+    void Storm(std::uint32_t) {
+        if (Pick(0, 9) != 0) return;
+        Settle();
+        const auto size = [this] { return Pick(0, 200) == 0 ? std::size_t{4} << 20 : PickSize(); };
+        std::vector<std::string> commands(kIds + 1), replies(kIds + 1);
+        for (auto rounds = Pick(1, 20); rounds > 0; --rounds)
+            for (auto& [devid, device] : devices_) {
+                if (!device.kernel) continue;
+                commands[devid] += device.awaited.emplace_back(KernelPdu(next_++, size()));
+                const std::string reply = PeerPdu(kPeerSeq + next_++, size());
+                replies[devid] += reply;
+                host.Receive(rounds % 3 == 0 ? CompressedForward(devid, reply)
+                                             : ForwardMessage(devid, reply));
+            }
+        std::atomic<bool> good{true};
+        std::vector<std::jthread> threads;
+        const auto start = [&](auto operation) {
+            threads.emplace_back([&good, operation] { good = operation() && good; });
+        };
+        for (auto& [id, device] : devices_) {
+            if (!device.kernel) continue;
+            start([&, devid = id, kernel = device.kernel.get()] {
+                return kernel->Send(commands[devid]);
+            });
+            start([&, devid = id, kernel = device.kernel.get()] {
+                return kernel->Receive(replies[devid].size()) == replies[devid];
+            });
+        }
+        Settle();
+        threads.clear();
+        Check(good, "no byte is lost");
+    }
     // A second Run drops what is queued, and the devices live on. Rare, since it takes 100 ms.
     void Rerun(std::uint32_t devid) {
         if (Pick(0, 14) != 0) return;
@@ -202,6 +248,20 @@ class Life : Rig {
     std::uint32_t next_ = 1;                   // sequence number
 };
 
+}  // namespace
+
+// In place of the C library's: the module and the kernel move parts at a time, as often as not.
+static std::size_t part(std::size_t size) {
+    thread_local std::minstd_rand random{std::random_device{}()};
+    return random() % 2 == 0 ? size : 1 + random() % size;
+}
+extern "C" ssize_t send(int socket, const void* data, std::size_t size, int flags) {
+    return sendto(socket, data, part(size), flags, nullptr, 0);
+}
+extern "C" ssize_t recv(int socket, void* buffer, std::size_t size, int flags) {
+    return recvfrom(socket, buffer, part(size), flags, nullptr, nullptr);
+}
+
 TEST(State, LivesAsTheModelSays) {
     const auto given = FromEnvironment("XJ_STRESS_SEED", 0);
     const auto seconds = static_cast<long>(FromEnvironment("XJ_STRESS_SECONDS", XJ_STRESS_SECONDS));
@@ -216,5 +276,3 @@ TEST(State, LivesAsTheModelSays) {
     } while (given == 0 && watch.Milliseconds() < seconds * 1000);
     std::cerr << '\n' << seed - first << " lives in " << watch.Milliseconds() / 1000 << " s\n";
 }
-
-}  // namespace
