@@ -8,3 +8,4 @@ status=0
 bash "$VM_DIR/guest/scenario.sh" "$1" || status=$?
 dmesg | sed -n "/$mark/,\$p" >"$LOG_DIR/dmesg"
 echo "done $status" >&8
+kill -KILL 0  # what the scenario has left behind: all are of one group, and no other is in it

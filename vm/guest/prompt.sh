@@ -13,7 +13,7 @@ cat <<END
   A 64-bit ARM Linux, kernel $(uname -r); programs are ours and busybox's.
     attach                         starts the host; its disk arrives as /dev/sda after two seconds
     ports_in_use                   the kernel's table of USB/IP ports, without the free ones
-    outside tell_remote unplug 1   asks the remote side, which runs outside (see vm/harness/actions.py)
+    outside tell_remote unplug 1   asks the remote side, which runs outside (see vm/harness/)
     detach                         stops the host
     exit                           leaves
   The words of scenarios (vm/guest/lib.sh) work here too.

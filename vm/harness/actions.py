@@ -1,7 +1,6 @@
 """What the guest can ask the machine outside for."""
 import hashlib
 import os
-import signal
 import time
 import traceback
 from collections.abc import Callable
@@ -17,9 +16,9 @@ MIB = 1 << 20
 
 
 class Actions:
-    """Each method named act_... is an action, called with the words of the request. It works in the
-    scenario's folder, returns its answer, if any, and raises what keeps it from being done. None waits
-    without a bound."""
+    """Each method named act_..., here and of the remote side, is an action, called with the words of
+    the request. It works in the scenario's folder, returns its answer, if any, and raises what keeps it
+    from being done. None waits without a bound."""
 
     def __init__(self, folder: Path, builds: Builds, system: Path | None,
                  story: Callable[[str], None]) -> None:
@@ -27,7 +26,7 @@ class Actions:
         self._builds = builds
         self.system = system
         self._story = story
-        self._remote = Remote(builds.remote_program, folder)
+        self.remote = Remote(builds.remote_program, folder)
         self._server: processes.Process | None = None
         self._serial_line = -1
         self.monitor = Monitor()
@@ -35,7 +34,7 @@ class Actions:
     def end(self) -> None:
         """Ends what the actions have started."""
         processes.end(self._server)
-        self._remote.end()
+        self.remote.end()
         if self._serial_line >= 0:
             os.close(self._serial_line)
 
@@ -56,7 +55,7 @@ class Actions:
     def _answer(self, request: str) -> str:
         """Does what the guest asked for; the line that goes back."""
         name, *words = request.split(" ")
-        action = getattr(self, f"act_{name}", None)
+        action = getattr(self, f"act_{name}", None) or getattr(self.remote, f"act_{name}", None)
         if action is None:
             return "failed there is no such action"
         try:
@@ -95,31 +94,6 @@ class Actions:
         with (self._folder / name).open("rb") as image:
             image.seek(int(block) * 1024)
             return image.read(1024).replace(b"\0", b"").partition(b"\n")[0].decode(errors="replace")
-
-    def act_start_remote(self, *arguments: str) -> None:
-        self._remote.start(arguments)
-
-    def act_remote_port(self) -> str:
-        return str(self._remote.port)
-
-    def act_tell_remote(self, *words: str) -> None:
-        self._remote.tell(" ".join(words))
-
-    def act_stop_remote(self) -> None:
-        self._remote.stop()
-
-    def act_kill_remote(self) -> None:
-        self._remote.kill()
-
-    def act_pause_remote(self) -> None:
-        """Until it is resumed it answers nothing, and what it is told waits."""
-        self._remote.send_signal(signal.SIGSTOP)
-
-    def act_resume_remote(self) -> None:
-        self._remote.send_signal(signal.SIGCONT)
-
-    def act_remote_counter(self, name: str) -> str:
-        return self._remote.counter(name)
 
     def act_boot_server(self, script: str, *hardware: str) -> None:
         """A second guest, another computer, that runs this script of vm/guest. Its logs are in the

@@ -78,7 +78,8 @@ def runs_end_alone_and_whole() -> bool:
     wrong = []
     try:
         for name, run in runs.items():
-            if not within(300, lambda: waits(run)):
+            within(300, lambda: waits(run) or run.poll() is not None)
+            if not waits(run):
                 wrong.append(f"the run for {name} does not get going")
         folders = {name: folder_of(run) for name, run in runs.items()}
         while runs and not wrong:

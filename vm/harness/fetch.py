@@ -53,7 +53,7 @@ def _prepare_apt() -> None:
 def _download(debs: Path) -> None:
     kernel = re.search(r"Depends: (linux-image-[^:\s]*)", _do("apt-cache", "depends", f"{KERNEL_META}:arm64"))
     if not kernel:
-        raise LookupError(f"apt names no kernel behind {KERNEL_META}:arm64")
+        sys.exit(f"vm/fetch: apt names no kernel behind {KERNEL_META}:arm64")
     print(f"vm/fetch: fetching {kernel[1]} and the guest's programs (once, about 75 MB) ...", file=sys.stderr)
     packages = [f"{package}:arm64" for package in (kernel[1], *GUEST_PACKAGES)] + GUEST_DATA
     # Without the option, apt complains that its own user may not write here.

@@ -4,7 +4,7 @@ import os
 import signal
 import subprocess
 import sys
-from collections.abc import Sequence
+from collections.abc import Callable, Sequence
 from pathlib import Path
 
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -14,29 +14,26 @@ Process = subprocess.Popen
 NOTHING = subprocess.DEVNULL
 
 
-def start(command: Sequence[str | Path], *, last_signal: int = signal.SIGKILL, **options) -> Process:
-    """Starts a child; the kernel sends it `last_signal` when we die, however that happens."""
+def _tied(last_signal: int) -> dict[str, Callable[[], None]]:
+    """For a new child: the kernel sends it `last_signal` when we die, however that happens."""
     parent = os.getpid()
 
-    def tie_to_parent() -> None:
+    def tie() -> None:
         _libc.prctl(_PR_SET_PDEATHSIG, last_signal)
         if os.getppid() != parent:  # we died before the kernel was told
             os._exit(1)
 
-    return Process(command, preexec_fn=tie_to_parent, **options)
+    return {"preexec_fn": tie}
+
+
+def start(command: Sequence[str | Path], last_signal: int = signal.SIGKILL, **options) -> Process:
+    return Process(command, **_tied(last_signal), **options)
 
 
 def output_of(command: Sequence[str | Path], **options) -> str:
     """What it prints, standard error included; CalledProcessError tells of a failure."""
-    child = start(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                  text=True, errors="replace", **options)
-    try:
-        output, _ = child.communicate()
-    finally:
-        end(child)
-    if child.returncode:
-        raise subprocess.CalledProcessError(child.returncode, command, output)
-    return output
+    return subprocess.run(command, check=True, stdin=NOTHING, stdout=subprocess.PIPE, text=True,
+                          stderr=subprocess.STDOUT, **_tied(signal.SIGKILL), **options).stdout
 
 
 def end(child: Process | None, patience: float = 10) -> None:

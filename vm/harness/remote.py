@@ -1,5 +1,6 @@
-"""The remote side that runs outside the guest."""
+"""The remote side that runs outside the guest, and what the guest can ask for there."""
 import re
+import signal
 import subprocess
 import time
 from pathlib import Path
@@ -14,61 +15,67 @@ class Remote:
 
     def __init__(self, program: Path, folder: Path) -> None:
         self._program = program
-        self._folder = folder
         self._log = folder / "remote.log"
-        self._process: processes.Process | None = None
-        self.port = 0  # 0: it chooses a free one
+        self._child: processes.Process | None = None
+        self._port = 0  # 0: it chooses a free one
 
-    def start(self, arguments: tuple[str, ...]) -> None:
+    def end(self) -> None:
+        processes.end(self._child)
+
+    def act_start_remote(self, *arguments: str) -> None:
         """Waits until it listens."""
-        if self._process:
+        if self._child:
             raise RuntimeError("a remote side is running already")
         with self._log.open("ab") as log:
             begin = log.tell()
-            self._process = processes.start(
-                [self._program, "--listen", f"127.0.0.1:{self.port}", *arguments], cwd=self._folder,
-                stdin=subprocess.PIPE, stdout=log, stderr=log, bufsize=0)
+            self._child = processes.start(
+                [self._program, "--listen", f"127.0.0.1:{self._port}", *arguments],
+                cwd=self._log.parent, stdin=subprocess.PIPE, stdout=log, stderr=log, bufsize=0)
         deadline = time.monotonic() + PATIENCE
-        while not (listening := re.search(rb"listening on .*:(\d+)\n", self._log.read_bytes()[begin:])):
-            if self._process.poll() is not None or time.monotonic() > deadline:
+        while not (line := re.search(rb"listening on .*:(\d+)\n", self._log.read_bytes()[begin:])):
+            if self._child.poll() is not None or time.monotonic() > deadline:
                 raise RuntimeError("the remote side does not listen; see remote.log")
             time.sleep(0.02)
-        self.port = int(listening[1])
+        self._port = int(line[1])
 
-    def tell(self, command: str) -> None:
+    def act_remote_port(self) -> str:
+        return str(self._port)
+
+    def act_tell_remote(self, *words: str) -> None:
         """One command on its standard input."""
-        self._running().stdin.write(command.encode() + b"\n")
+        self._running().stdin.write(" ".join(words).encode() + b"\n")
 
-    def stop(self) -> None:
+    def act_stop_remote(self) -> None:
         """As a person would; it must succeed."""
-        self.tell("quit")
-        try:
-            status = self._running().wait(PATIENCE)
-        except subprocess.TimeoutExpired:
-            raise RuntimeError("the remote side does not end") from None
-        self._process = None
-        if status:
+        self.act_tell_remote("quit")
+        if status := self._ended():
             raise RuntimeError(f"the remote side ended with status {status}")
 
-    def send_signal(self, number: int) -> None:
-        self._running().send_signal(number)
-
-    def kill(self) -> None:
+    def act_kill_remote(self) -> None:
         self._running().kill()
-        self._running().wait()
-        self._process = None
+        self._ended()
 
-    def counter(self, name: str) -> str:
+    def act_pause_remote(self) -> None:
+        """Until it is resumed it answers nothing, and what it is told waits."""
+        self._running().send_signal(signal.SIGSTOP)
+
+    def act_resume_remote(self) -> None:
+        self._running().send_signal(signal.SIGCONT)
+
+    def act_remote_counter(self, name: str) -> str:
         """From the line that it leaves when it ends."""
         found = re.findall(rf" {re.escape(name)} (\d+)", self._log.read_text(errors="replace"))
         if not found:
             raise RuntimeError(f"remote.log does not tell a number for {name}")
         return found[-1]
 
-    def end(self) -> None:
-        processes.end(self._process)
-
     def _running(self) -> processes.Process:
-        if self._process is None:
+        if self._child is None:
             raise RuntimeError("no remote side is running")
-        return self._process
+        return self._child
+
+    def _ended(self) -> int:
+        """Its exit status."""
+        status = self._running().wait(PATIENCE)
+        self._child = None
+        return status

@@ -109,10 +109,13 @@ def main() -> None:
             print(f"{scenario.name:<20} {scenario.about}")
         return
     processes.exit_on_signals()
-    runner = Runner(Builds(options.arch_build.resolve(), options.native_build.resolve()),
-                    options.native, options.story)
     names = [scenario.name for scenario in all_scenarios()] if options.all else options.names
-    failed = sum(not runner.run(name) for name in names)
+    try:
+        runner = Runner(Builds(options.arch_build.resolve(), options.native_build.resolve()),
+                        options.native, options.story)
+        failed = sum(not runner.run(name) for name in names)
+    except OSError as error:  # a program that is not installed, a disk that is full
+        sys.exit(f"vm/run: {error}")
     if len(names) > 1:
         print(f"scenarios: {len(names) - failed} passed, {failed} failed")
     sys.exit(failed > 0)

@@ -41,7 +41,7 @@ def run(folder: Path, offered: list[str]) -> None:
         if not offered and not (folder / "disk.img").exists():
             actions.act_make_random_image("disk.img", "64")
         try:
-            actions.act_start_remote(*(offered or ["--disk", "disk.img"]))
+            actions.remote.act_start_remote(*(offered or ["--disk", "disk.img"]))
         except RuntimeError:
             print("\n".join(lines_of(folder / "remote.log")), USAGE, sep="\n", file=sys.stderr)
             sys.exit(2)
