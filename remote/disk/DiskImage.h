@@ -14,7 +14,8 @@ class DiskImage {
   public:
     static constexpr std::uint32_t kBlockSize = 512;
 
-    // Opens a plain file of one block or more. Nothing: `error` says why not.
+    // Opens a plain file of one block or more, and locks it against other users for as long as this
+    // lives: all of them, or for `read_only` those who write. Nothing: `error` says why not.
     static std::optional<DiskImage> Open(const std::string& path, bool read_only,
                                          std::string& error);
 

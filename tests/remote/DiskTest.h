@@ -52,6 +52,7 @@ class DiskTest : public testing::Test, public ReplySink {
     }
     void Plug(bool read_only) {
         std::string error;
+        disk_.reset();  // its lock, too
         auto image = DiskImage::Open(path_, read_only, error);
         EXPECT_TRUE(image) << error;
         disk_ = std::make_unique<UsbDisk>(std::move(image).value(), UsbSpeed::kHigh, "disk",
