@@ -2,9 +2,30 @@
 #include <sys/fsuid.h>
 #include <sys/stat.h>
 
+#include <atomic>
+#include <cstdlib>
+#include <new>
 #include <tuple>
 
 #include "DiskTest.h"
+#include "ServerTest.h"
+#include "remote/channel/Session.h"
+
+namespace {
+std::atomic<std::size_t> largest_allocation{SIZE_MAX};
+}  // namespace
+
+void* operator new(std::size_t size) {
+    void* const memory = size <= largest_allocation ? std::malloc(size) : nullptr;
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
 
 namespace remote::test {
 namespace {
@@ -51,6 +72,33 @@ TEST_F(AttackedDisk, WhoMayOnlyReadIsToldHow) {
     std::string missing;
     EXPECT_FALSE(DiskImage::Open("/nowhere", false, missing));
     EXPECT_EQ(missing, "/nowhere: No such file or directory");
+}
+
+// Driven by hand: nobody waits for a deadline.
+TEST(AttackedSession, EndsAndSaysWhy) {
+    const std::string greeting = ::Message(kUsbipVersionRsp, ::Bytes(kUsbipProtocolVersion));
+    const std::string huge = ::Bytes(_MESSAGE_HEADER{200U << 20, kUsbipChannel, {}}) + kMegabyte;
+    const std::tuple<const char*, std::string> cases[] = {
+        {"cannot read from the host: Cannot allocate memory", greeting + huge + kMegabyte},
+    };
+    largest_allocation = kMegabyte.size();
+    for (const auto& [reason, bytes] : cases) {
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
+        const Peer host(ends[0]);
+        std::list<Slot> slots;
+        Session session({posix::UniqueFd(ends[1]), {}}, slots, false);
+        testing::internal::CaptureStderr();
+        for (std::string_view left = bytes; !left.empty() && !session.Over();) {
+            const ssize_t sent = send(host.Get(), left.data(), left.size(), MSG_DONTWAIT);
+            if (sent > 0) left.remove_prefix(static_cast<std::size_t>(sent));
+            session.OnReadable();
+        }
+        EXPECT_TRUE(session.Over());
+        EXPECT_TRUE(session.Failed());
+        ExpectIn(testing::internal::GetCapturedStderr(), reason);
+    }
+    largest_allocation = SIZE_MAX;
 }
 
 }  // namespace
