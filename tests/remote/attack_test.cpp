@@ -30,6 +30,8 @@ void operator delete(void* memory, std::size_t) noexcept {
 namespace remote::test {
 namespace {
 
+using namespace std::chrono_literals;
+
 // `text` says `what`.
 void ExpectIn(const std::string& text, const std::string& what) {
     EXPECT_NE(text.find(what), std::string::npos) << "no '" << what << "' in '" << text << "'";
@@ -78,7 +80,11 @@ TEST_F(AttackedDisk, WhoMayOnlyReadIsToldHow) {
 TEST(AttackedSession, EndsAndSaysWhy) {
     const std::string greeting = ::Message(kUsbipVersionRsp, ::Bytes(kUsbipProtocolVersion));
     const std::string huge = ::Bytes(_MESSAGE_HEADER{200U << 20, kUsbipChannel, {}}) + kMegabyte;
-    const std::tuple<const char*, std::string> cases[] = {
+    const std::string silent = "host does not answer the version request";
+    const std::tuple<std::string, std::string> cases[] = {
+        {silent, ""},
+        {silent, greeting.substr(1)},
+        {"host stops in the middle of a message", greeting + huge.substr(0, 9)},
         {"cannot read from the host: Cannot allocate memory", greeting + huge + kMegabyte},
     };
     largest_allocation = kMegabyte.size();
@@ -93,6 +99,10 @@ TEST(AttackedSession, EndsAndSaysWhy) {
             const ssize_t sent = send(host.Get(), left.data(), left.size(), MSG_DONTWAIT);
             if (sent > 0) left.remove_prefix(static_cast<std::size_t>(sent));
             session.OnReadable();
+        }
+        if (!session.Over()) {
+            EXPECT_LE(session.Deadline().value(), Clock::now() + 30s);
+            session.OnDeadline();
         }
         EXPECT_TRUE(session.Over());
         EXPECT_TRUE(session.Failed());
