@@ -105,8 +105,12 @@ void Session::Handle(ByteView whole) {
 
 void Session::OnVersion(std::uint32_t version) {
     if (std::exchange(version_known_, true)) return;
-    Log("host speaks protocol version %u%s", version,
-        version == kUsbipProtocolVersion ? "" : ", which is not ours");
+    if (version != kUsbipProtocolVersion) {
+        return End(true, "host speaks protocol version " + std::to_string(version) +
+                             ", and this remote side version " +
+                             std::to_string(kUsbipProtocolVersion) + ": one must be updated");
+    }
+    Log("host speaks protocol version %u", version);
     if (closing_) return;
     deadline_.reset();
     for (Slot& slot : slots_) {

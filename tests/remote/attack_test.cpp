@@ -85,6 +85,8 @@ TEST(AttackedSession, EndsAndSaysWhy) {
         {silent, ""},
         {silent, greeting.substr(1)},
         {"host stops in the middle of a message", greeting + huge.substr(0, 9)},
+        {"host speaks protocol version 4, and this remote side version 3",
+         ::Message(kUsbipVersionRsp, ::Bytes(std::uint32_t{4}))},
         {"cannot read from the host: Cannot allocate memory", greeting + huge + kMegabyte},
     };
     largest_allocation = kMegabyte.size();
