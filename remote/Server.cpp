@@ -31,12 +31,17 @@ Server::Server(std::vector<std::unique_ptr<Device>> devices, bool compress, Cont
 }
 
 bool Server::Run(Listener& listener) {
-    return Loop(&listener);
+    return Loop(&listener) && DataSafe();
 }
 
 bool Server::Run(HostLink link) {
     StartSession(std::move(link));
-    return Loop(nullptr);
+    return Loop(nullptr) && DataSafe();
+}
+
+bool Server::DataSafe() const {
+    return std::all_of(slots_.begin(), slots_.end(),
+                       [](const Slot& slot) { return slot.device->DataSafe(); });
 }
 
 bool Server::Loop(Listener* listener) {

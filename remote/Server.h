@@ -31,7 +31,7 @@ class Server {
     Server(std::vector<std::unique_ptr<Device>> devices, bool compress, Controls controls);
 
     // Both serve until told to end; the second one also until its host has gone. False: the host
-    // or its link was at fault. The devices' data is safe on return.
+    // or its link was at fault, or data of a device is lost.
     bool Run(Listener& listener);
     bool Run(HostLink link);
 
@@ -39,6 +39,7 @@ class Server {
 
   private:
     bool Loop(Listener* listener);
+    bool DataSafe() const;
     void StartSession(HostLink link);
     bool Congested() const;
     pollfd DevicePoll(const Device& device) const;

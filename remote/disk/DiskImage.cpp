@@ -92,13 +92,11 @@ bool DiskImage::Write(std::uint64_t offset, ByteView data) {
 }
 
 bool DiskImage::Sync() {
-    if (!dirty_) return true;
-    if (fdatasync(file_.Get()) != 0) {
+    if (std::exchange(dirty_, false) && !lost_ && fdatasync(file_.Get()) != 0) {
         Log("%s: cannot sync: %s", path_.c_str(), ErrorText(errno).c_str());
-        return false;
+        lost_ = true;
     }
-    dirty_ = false;
-    return true;
+    return !lost_;
 }
 
 }  // namespace remote

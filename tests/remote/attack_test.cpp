@@ -13,7 +13,15 @@
 
 namespace {
 std::atomic<std::size_t> largest_allocation{SIZE_MAX};
+int syncs = 0;
+int sync_result = 0;
 }  // namespace
+
+extern "C" int fdatasync(int) {
+    ++syncs;
+    errno = EIO;
+    return sync_result;
+}
 
 void* operator new(std::size_t size) {
     void* const memory = size <= largest_allocation ? std::malloc(size) : nullptr;
@@ -31,6 +39,8 @@ namespace remote::test {
 namespace {
 
 using namespace std::chrono_literals;
+
+const std::string kGreeting = ::Message(kUsbipVersionRsp, ::Bytes(kUsbipProtocolVersion));
 
 // `text` says `what`.
 void ExpectIn(const std::string& text, const std::string& what) {
@@ -76,18 +86,45 @@ TEST_F(AttackedDisk, WhoMayOnlyReadIsToldHow) {
     EXPECT_EQ(missing, "/nowhere: No such file or directory");
 }
 
+// A host that stops the unit, and one that just goes.
+TEST_F(AttackedDisk, DataThatCouldNotBeMadeSafeIsTold) {
+    for (const bool stops : {true, false}) {
+        for (const int result : {0, -1}) {
+            syncs = 0;
+            sync_result = result;
+            Plug(false);
+            EXPECT_EQ(Run(kOut, 512, Block10(kWrite, 1, 1)), "ok 512, passed 0");
+            if (stops) {
+                EXPECT_EQ(Run(kOut, 0, FromHex("1B 00 00 00 00 00")),
+                          result == 0 ? "passed 0" : "failed 0");
+                EXPECT_EQ(syncs, 1);
+                sync_result = 0;  // the kernel tells of it once
+            }
+            int ends[2];
+            ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
+            const Peer host(ends[0]);
+            host.Write(kGreeting);
+            shutdown(host.Get(), SHUT_WR);
+            std::vector<std::unique_ptr<Device>> devices;
+            devices.push_back(std::move(disk_));
+            Server server(std::move(devices), false, {});
+            EXPECT_EQ(server.Run({posix::UniqueFd(ends[1]), {}}), result == 0);
+            EXPECT_EQ(syncs, 1);
+        }
+    }
+}
+
 // Driven by hand: nobody waits for a deadline.
 TEST(AttackedSession, EndsAndSaysWhy) {
-    const std::string greeting = ::Message(kUsbipVersionRsp, ::Bytes(kUsbipProtocolVersion));
     const std::string huge = ::Bytes(_MESSAGE_HEADER{200U << 20, kUsbipChannel, {}}) + kMegabyte;
     const std::string silent = "host does not answer the version request";
     const std::tuple<std::string, std::string> cases[] = {
         {silent, ""},
-        {silent, greeting.substr(1)},
-        {"host stops in the middle of a message", greeting + huge.substr(0, 9)},
+        {silent, kGreeting.substr(1)},
+        {"host stops in the middle of a message", kGreeting + huge.substr(0, 9)},
         {"host speaks protocol version 4, and this remote side version 3",
          ::Message(kUsbipVersionRsp, ::Bytes(std::uint32_t{4}))},
-        {"cannot read from the host: Cannot allocate memory", greeting + huge + kMegabyte},
+        {"cannot read from the host: Cannot allocate memory", kGreeting + huge + kMegabyte},
     };
     largest_allocation = kMegabyte.size();
     for (const auto& [reason, bytes] : cases) {
