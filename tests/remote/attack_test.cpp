@@ -10,6 +10,7 @@
 #include "DiskTest.h"
 #include "ServerTest.h"
 #include "remote/channel/Session.h"
+#include "remote/disk/DiskSerial.h"
 
 namespace {
 std::atomic<std::size_t> largest_allocation{SIZE_MAX};
@@ -112,6 +113,16 @@ TEST_F(AttackedDisk, DataThatCouldNotBeMadeSafeIsTold) {
             EXPECT_EQ(syncs, 1);
         }
     }
+}
+
+TEST(DiskSerial, TellsImagesAndMachinesApart) {
+    const std::string serial = DiskSerial("/a/disk.img", "one");
+    EXPECT_EQ(serial.size(), 16U);
+    EXPECT_EQ(serial.find_first_not_of("0123456789ABCDEF"), std::string::npos);
+    EXPECT_EQ(DiskSerial("/a/../a/disk.img", "one"), serial);
+    EXPECT_NE(DiskSerial("/b/disk.img", "one"), serial);
+    EXPECT_NE(DiskSerial("/a/disk.img", "two"), serial);
+    EXPECT_NE(MachineName(), "");
 }
 
 // Driven by hand: nobody waits for a deadline.
