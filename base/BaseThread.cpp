@@ -71,6 +71,9 @@ void CBaseThread::SetThreadName(const char* name) {
 void* CBaseThread::ThreadFunc(void* self) {
     auto* thread = static_cast<CBaseThread*>(self);
     if (thread->m_bDetached) pthread_detach(pthread_self());
+    if (!thread->m_strKernelName.empty()) {
+        pthread_setname_np(pthread_self(), thread->m_strKernelName.c_str());
+    }
     thread->OnBegin();
     while (!thread->m_bStopRequested && thread->ThreadLoop()) {
         if (thread->m_bDetached) break;

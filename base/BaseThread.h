@@ -12,6 +12,7 @@
 #include <atomic>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "base/ObjectMonitor.h"
 
@@ -34,19 +35,29 @@ class CBaseThread {
     bool WaitForTimeOut(unsigned long ms);      // sleeps, if started; not ended by a stop request
     bool WaitThreadEnd(unsigned long timeout);  // joins without asking; the time-out is not used
     bool IsRunning() const { return m_bStarted && !m_bExited; }
-    void SetThreadName(const char* name);
+    void SetThreadName(const char* name);  // stays with the object
+    // What the system shows (`top -H`): at most 15 bytes, set by the thread itself as it starts. A
+    // name that the system refuses is ignored.
+    void SetKernelName(std::string name) { m_strKernelName = std::move(name); }
 
   private:
     static void* ThreadFunc(void* self);
     void Join();
 
     OBJECT_MONITOR<CBaseThread> m_monitor;
-    pthread_t m_hThread = 0;                    // owner's; 0 when there is nothing to join
-    bool m_bStarted = false;                    // owner's
+
+    // The owner's.
+    pthread_t m_hThread = 0;  // 0 when there is nothing to join
+    bool m_bStarted = false;
+    std::string m_strName;
+
+    // Set by the owner, constant while the worker runs.
+    bool m_bDetached = false;
+    std::string m_strKernelName;
+
+    // Their own synchronisation.
     std::atomic<bool> m_bStopRequested{false};  // set by the owner, read by the worker
     std::atomic<bool> m_bExited{false};         // set by the worker
-    bool m_bDetached = false;                   // constant while the worker runs
-    std::string m_strName;                      // owner's
 };
 
 // The loop as a function object, so that an owner needs no class of its own. The function captures

@@ -3,15 +3,17 @@
 
 #include <pthread.h>
 
-class ILockItem {
+#include "base/ThreadSafety.h"
+
+class CAPABILITY("lock") ILockItem {
   public:
-    virtual int Lock() = 0;    // always 1
-    virtual int Unlock() = 0;  // always 1
+    virtual int Lock() ACQUIRE() = 0;    // always 1
+    virtual int Unlock() RELEASE() = 0;  // always 1
     virtual ~ILockItem() = default;
 };
 
 // A thread that holds the lock may lock it again, and unlocks it as often as it locked it.
-class CMutexLock : public ILockItem {
+class CAPABILITY("lock") CMutexLock : public ILockItem {
   public:
     CMutexLock() {
         pthread_mutexattr_t attributes;
@@ -24,11 +26,11 @@ class CMutexLock : public ILockItem {
     CMutexLock(const CMutexLock&) = delete;
     CMutexLock& operator=(const CMutexLock&) = delete;
 
-    int Lock() override {
+    int Lock() ACQUIRE() override {
         pthread_mutex_lock(&m_mutex);
         return 1;
     }
-    int Unlock() override {
+    int Unlock() RELEASE() override {
         pthread_mutex_unlock(&m_mutex);
         return 1;
     }
@@ -38,10 +40,10 @@ class CMutexLock : public ILockItem {
 };
 
 // Holds a lock for a scope.
-class CLockGuard {
+class SCOPED_CAPABILITY CLockGuard {
   public:
-    explicit CLockGuard(ILockItem& lock) : m_lock(lock) { m_lock.Lock(); }
-    ~CLockGuard() { m_lock.Unlock(); }
+    explicit CLockGuard(ILockItem& lock) ACQUIRE(lock) : m_lock(lock) { m_lock.Lock(); }
+    ~CLockGuard() RELEASE() { m_lock.Unlock(); }
     CLockGuard(const CLockGuard&) = delete;
     CLockGuard& operator=(const CLockGuard&) = delete;
 

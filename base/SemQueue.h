@@ -22,7 +22,7 @@ class sem_queue {
     sem_queue& operator=(const sem_queue&) = delete;
 
     // Makes a closed queue usable again, empty. Does nothing on an open one.
-    void open() {
+    void open() EXCLUDES(m_lock) {
         CLockGuard guard(m_lock);
         if (m_bOpen) return;
         drop_all();
@@ -32,7 +32,7 @@ class sem_queue {
     }
 
     // Appends a copy of `element`, waiting for a free place. A closed queue takes nothing.
-    void push(const T& element) {
+    void push(const T& element) EXCLUDES(m_lock) {
         if (!m_bOpen || !m_semFree.Wait()) return;
         {
             CLockGuard guard(m_lock);
@@ -47,7 +47,7 @@ class sem_queue {
     }
 
     // Takes the front element, waiting at most `timeout_ms` for one. False: nothing was taken.
-    bool pop(T& element, unsigned long timeout_ms) {
+    bool pop(T& element, unsigned long timeout_ms) EXCLUDES(m_lock) {
         if (!m_bOpen || !m_semItems.WaitFor(timeout_ms)) return false;
         {
             CLockGuard guard(m_lock);
@@ -70,7 +70,7 @@ class sem_queue {
     // Shuts the queue, wakes waiters and drops what is queued. Takes 100 ms, in which threads
     // inside push and pop come out; closing a closed queue returns at once. The semaphores live
     // on, since a thread may still be waiting on one.
-    void close() {
+    void close() EXCLUDES(m_lock) {
         CLockGuard guard(m_lock);
         if (!m_bOpen) return;
         m_bOpen = false;
@@ -82,18 +82,20 @@ class sem_queue {
 
   private:
     // Every place that an element held is given back, which also wakes waiting producers.
-    void drop_all() {
+    void drop_all() REQUIRES(m_lock) {
         for (; m_nCount > 0; --m_nCount)
             m_semFree.Post();
         m_list.clear();
     }
 
-    CMutexLock m_lock;           // guards m_nCount, m_list and changes of m_bOpen
-    std::uint64_t m_nCount = 0;  // elements in m_list
-    std::list<T> m_list;         // oldest first
+    CMutexLock m_lock;  // innermost: nothing is locked and nobody called while it is held
+    std::uint64_t m_nCount GUARDED_BY(m_lock) = 0;  // elements in m_list
+    std::list<T> m_list GUARDED_BY(m_lock);         // oldest first
+
+    // Their own synchronisation.
     CSemaphore m_semFree{kCapacity};
     CSemaphore m_semItems{0};
-    std::atomic<bool> m_bOpen{false};  // also read without the lock, as a first test
+    std::atomic<bool> m_bOpen{false};  // changed under m_lock; also read without, as a first test
 };
 
 template <typename T>

@@ -5,8 +5,8 @@
 
 class IClientUsbipListenter : public virtual IReference {
   public:
-    // Both are called on the device client's work thread and must not stop that client, since
-    // stopping it joins the thread.
+    // Both are called on the work thread of the device client, for several clients at once, without
+    // a lock held. They must not stop the client, since stopping it joins the thread.
 
     // A whole USB/IP PDU that the kernel wrote for device `devid`; valid only during the call.
     virtual void OnUsbipPacket(unsigned int devid, const char* data, unsigned long len) = 0;

@@ -6,7 +6,11 @@
 
 class IClientUsbipListenter;
 
-// Calling order: the setters, Run, any number of Forward, Stop, Release. One thread at a time.
+// Calling order: the setters, Run, any number of Forward, Stop, Release.
+//
+// Threads: all but Stop and Release are called by the thread in the plug-in's Run, one after the
+// other; Stop and the last Release by that thread or by the one in ExitInstance, also while the
+// other calls Forward. None may be called on the client's own threads, which Stop joins.
 class IUsbipClient : public virtual IReference {
   public:
     // Borrowed: the listener must outlive the client.

@@ -30,10 +30,10 @@ std::string header_hex(const usbip_header& header) {
     return ToHex(reinterpret_cast<const unsigned char*>(&header), sizeof header, 4);
 }
 
-void close_end(int& fd) {
-    if (fd < 0) return;
-    close(fd);
-    fd = -1;
+// The system shows at most 15 bytes of a name: the longest device ids are left out.
+std::string kernel_name(const std::string& what, unsigned int devid) {
+    const std::string name = what + '-' + std::to_string(devid);
+    return name.size() <= 15 ? name : what;
 }
 
 }  // namespace
@@ -48,23 +48,27 @@ CUsbipClientLinux::~CUsbipClientLinux() {
 bool CUsbipClientLinux::Run() {
     CLockGuard guard(m_runLock);
     if (m_pWorkThread) return true;
+    m_workThread.Enter();  // there is none yet
     m_bQuit = false;
     m_devBufLen = 0;
-    m_outSeqs.clear();
+    m_outstanding.Clear();
+    int ends[2];
     // A child that the host starts must not keep a device's connection open.
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_sockfd) != 0) {
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
         XJModLog(4, "[CUsbipClientLinux] socketpair fail, %d", errno);
-        m_sockfd[0] = m_sockfd[1] = -1;
         return false;
     }
-    m_endUsers = 2;
+    m_kernelEnd = ends[1];
+    m_clientEnd.Open(ends[0], 2);
     m_pWorkThread = std::make_unique<CUsbipClientLinuxThread>();
     m_pWorkThread->m_loop = [this] { return WorkThreadFunction(); };
     m_pWorkThread->SetThreadName("usbipclientlinux-work");
+    m_pWorkThread->SetKernelName(kernel_name("usbip-work", m_devId));
     m_pWorkThread->Run();
     m_pWriteThread = std::make_unique<CUsbipClientLinuxThread>();
     m_pWriteThread->m_loop = [this] { return WriteThreadFunction(); };
     m_pWriteThread->SetThreadName("usbipclientlinux-write");
+    m_pWriteThread->SetKernelName(kernel_name("usbip-write", m_devId));
     m_pWriteThread->Run();
     return true;
 }
@@ -73,62 +77,33 @@ bool CUsbipClientLinux::Stop() {
     m_bQuit = true;
     m_recvSem.Post();
     // Ends a poll, read or write in progress at once, even if the kernel has stopped reading.
-    ShutdownClientEnd();
+    m_clientEnd.Shutdown();
+    CLockGuard guard(m_runLock);
     if (m_pWorkThread) m_pWorkThread->Stop();
     m_pWorkThread.reset();
     if (m_pWriteThread) m_pWriteThread->Stop();
     m_pWriteThread.reset();
-    close_end(m_sockfd[0]);
-    close_end(m_sockfd[1]);
+    m_workThread.Enter();  // there is none any more
+    m_clientEnd.Close();
+    if (m_kernelEnd >= 0) close(m_kernelEnd);
+    m_kernelEnd = -1;
     return true;
 }
 
-void CUsbipClientLinux::ShutdownClientEnd() {
-    CLockGuard guard(m_sockLock);
-    if (m_sockfd[0] >= 0) shutdown(m_sockfd[0], SHUT_RDWR);
-}
-
-// Called once by each thread when it will not touch the client's end any more. The last one closes
-// it, so that no thread can use a descriptor number that has been closed and reused.
-void CUsbipClientLinux::LeaveClientEnd() {
-    CLockGuard guard(m_sockLock);
-    if (--m_endUsers == 0) close_end(m_sockfd[0]);
-}
-
-bool CUsbipClientLinux::CalcLen(const usbip_header* hdr, int len, bool fromDev, bool& isOut,
-                                int& dataLen, int& isoLen, int& total) {
-    if (len < static_cast<int>(sizeof(usbip_header))) return false;
-    isOut = false;
-    dataLen = isoLen = 0;
+bool CUsbipClientLinux::CalcLen(const usbip_header& header, bool fromDev, bool answersOut,
+                                UsbipPduLength& length) {
     const char* side = fromDev ? "dev" : "net";
-    const std::uint32_t command = be32toh(hdr->command);
-    UsbipPduLength length;
-    if (fromDev && command == USBIP_CMD_SUBMIT) {
-        isOut = hdr->direction == USBIP_DIR_OUT;
-        length = UsbipCmdSubmitLength(*hdr);
-    } else if (!fromDev && command == USBIP_RET_SUBMIT) {
-        CLockGuard guard(m_seqLock);
-        isOut = m_outSeqs.count(be32toh(hdr->seqnum)) != 0;
-        length = UsbipRetSubmitLength(*hdr, isOut);
-    } else if (command != (fromDev ? USBIP_CMD_UNLINK : USBIP_RET_UNLINK)) {
-        XJModLog(1, "[CUsbipClientLinux] %s unkonw command 0x%x hdr %s", side, command,
-                 header_hex(*hdr).c_str());
+    const auto known = fromDev ? UsbipCommandLength(header) : UsbipReplyLength(header, answersOut);
+    if (!known) {
+        XJModLog(1, "[CUsbipClientLinux] %s unkonw command 0x%x hdr %s", side,
+                 be32toh(header.command), header_hex(header).c_str());
         return false;
     }
-    if (!length.Acceptable()) {
+    if (!known->Acceptable()) {
         XJModLog(4, "[CUsbipClientLinux] %s PDU of %lu bytes is too long, hdr %s", side,
-                 length.Total(), header_hex(*hdr).c_str());
+                 known->Total(), header_hex(header).c_str());
         return false;
     }
-    dataLen = static_cast<int>(length.data);
-    isoLen = static_cast<int>(length.iso);
-    total = static_cast<int>(length.Total());
+    length = *known;
     return true;
-}
-
-bool CUsbipClientLinux::CalcLen(const usbip_header* hdr, int len, bool fromDev, int& total) {
-    bool isOut = false;
-    int dataLen = 0;
-    int isoLen = 0;
-    return CalcLen(hdr, len, fromDev, isOut, dataLen, isoLen, total);
 }

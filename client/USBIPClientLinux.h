@@ -5,8 +5,8 @@
 #include <atomic>
 #include <list>
 #include <memory>
-#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/BaseThread.h"
@@ -14,10 +14,12 @@
 #include "base/Lock.h"
 #include "base/Semaphore.h"
 #include "client/IUsbipClient.h"
-#include "wire/UsbipPdu.h"
+#include "client/OutstandingCommands.h"
+#include "client/SharedEnd.h"
 
-// The locks are never held together, and none is held across a wait, a read or a write (m_runLock
-// excepted, which only orders calls of Run).
+// Threads: see IUsbipClient. Lock order: m_runLock is held while the threads are joined, and with
+// them comes before every other lock here. The others are innermost: nothing is locked, nobody
+// called and nothing logged while one is held, and none is held across a wait, a read or a write.
 class CUsbipClientLinux : public IUsbipClient, protected CReference {
   public:
     CUsbipClientLinux();
@@ -30,71 +32,66 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
     unsigned int GetDevId() override { return m_devId; }
     void SetDevInfo(const _USBIP_DEV& info) override { m_devInfo = info; }
     const _USBIP_DEV* GetDevInfo() override { return &m_devInfo; }
-    bool Run() override;
-    bool Stop() override;
-    bool Forward(const char* data, unsigned long len) override;
+    bool Run() override EXCLUDES(m_runLock);
+    bool Stop() override EXCLUDES(m_runLock);
+    bool Forward(const char* data, unsigned long len) override EXCLUDES(m_recvLock);
 
   private:
-    // The length of the PDU whose first `len` bytes are at `hdr`, from its header alone.
-    // `fromDev`: read from the kernel (commands), else received from the peer (replies).
-    // `isOut`: it belongs to an OUT transfer. `total` = header + `dataLen` + `isoLen`, in bytes.
-    // False: fewer than 48 bytes (silent), or a command or length that is refused (logged).
-    bool CalcLen(const usbip_header* hdr, int len, bool fromDev, bool& isOut, int& dataLen,
-                 int& isoLen, int& total);
-    bool CalcLen(const usbip_header* hdr, int len, bool fromDev, int& total);
+    // The length of the PDU that `header` begins. `fromDev`: read from the kernel (a command), else
+    // received from the peer (a reply, `answersOut` or not). False: refused, with a log line.
+    static bool CalcLen(const usbip_header& header, bool fromDev, bool answersOut,
+                        UsbipPduLength& length);
 
     // Work thread: attaches, then moves PDUs from the kernel to the listener.
     bool WorkThreadFunction();
-    bool WorkThreadLoop();
-    bool AttachDevice();
-    enum class AttachResult { kDone, kFailed, kUnsettled };
-    AttachResult TryAttach(std::string& unsettled);
-    void ForwardLoop();
-    bool CheckDevRead();
-    void RecordOutSeq(unsigned int seqnum);
-    void SendUsbipPacket(const char* data, unsigned long len);
-    void ReportDetach();
+    bool WorkThreadLoop() REQUIRES(m_workThread);
+    bool AttachDevice() REQUIRES(m_workThread);
+    void ForwardLoop() REQUIRES(m_workThread);
+    bool CheckDevRead() REQUIRES(m_workThread);
+    bool DevBufLength(UsbipPduLength& length) REQUIRES(m_workThread);
+    void PassOn(std::string_view pdu) REQUIRES(m_workThread);
+    void SendUsbipPacket(const char* data, unsigned long len) REQUIRES(m_workThread);
+    void ReportDetach() REQUIRES(m_workThread);
 
     // Write thread: moves PDUs from the peer to the kernel.
     bool WriteThreadFunction();
-    bool WriteThreadLoop();
-    CRefObj<IBuffer> PopRecvBuf(int timeout);
-    bool WriteDevice(const char* data, unsigned long len);
+    bool WriteThreadLoop() REQUIRES(m_writeThread);
+    // How the PDU at the front of `bytes` is. kGood: its `size` bytes may be written. Anything else
+    // is logged; `first`: nothing of its forward message stands before it.
+    enum class Verdict { kGood, kNotWhole, kUnsafe };
+    Verdict CheckNetRecv(std::string_view bytes, bool first, std::size_t& size)
+        REQUIRES(m_writeThread);
+    CRefObj<IBuffer> PopRecvBuf(int timeout) REQUIRES(m_writeThread) EXCLUDES(m_recvLock);
+    bool WriteDevice(const char* data, unsigned long len) REQUIRES(m_writeThread);
+    void EndDevice();
 
-    void ShutdownClientEnd();
-    void LeaveClientEnd();
-
+    // Constant after construction.
     const CRefObj<IMemAlloctor> m_pAllocator;
+    const CThreadRole m_workThread{};
+    const CThreadRole m_writeThread{};
 
-    std::atomic<bool> m_bQuit{false};  // stop flag; whoever sets it also posts m_recvSem,
-                                       // except the write thread itself
-    // Set before Run, constant while the threads run.
+    // Set before Run or by Run, constant while the threads run.
     IClientUsbipListenter* m_pListener = nullptr;  // borrowed
     unsigned int m_devId = 0;
     _USBIP_DEV m_devInfo{};
 
-    // Owned by whoever calls Run and Stop.
-    std::unique_ptr<CUsbipClientLinuxThread> m_pWorkThread;
-    std::unique_ptr<CUsbipClientLinuxThread> m_pWriteThread;
-    CMutexLock m_runLock;  // serialises Run
+    // Their own synchronisation.
+    std::atomic<bool> m_bQuit{false};  // stop flag; whoever sets it also posts m_recvSem,
+                                       // except the write thread itself
+    CSemaphore m_recvSem{0};           // wakes the write thread
+    CSharedEnd m_clientEnd;            // the work thread reads from it, the write thread writes
+    COutstandingCommands m_outstanding;
 
-    CMutexLock m_recvLock;                   // guards m_recvList
-    std::list<CRefObj<IBuffer>> m_recvList;  // PDUs for the kernel, oldest first
-    CSemaphore m_recvSem{0};                 // wakes the write thread
+    CMutexLock m_runLock;  // serialises Run and Stop
+    std::unique_ptr<CUsbipClientLinuxThread> m_pWorkThread GUARDED_BY(m_runLock);
+    std::unique_ptr<CUsbipClientLinuxThread> m_pWriteThread GUARDED_BY(m_runLock);
 
-    // The work thread's. The PDU being assembled starts at the first byte.
-    std::vector<char> m_devBuf;  // grows to the largest PDU seen
-    std::size_t m_devBufLen = 0;
+    CMutexLock m_recvLock;
+    std::list<CRefObj<IBuffer>> m_recvList GUARDED_BY(m_recvLock);  // for the kernel, oldest first
 
-    // [0] the client's end: read by the work thread, written by the write thread; closed under
-    // m_sockLock by the last of the two to leave it, or by Stop after it has joined both.
-    // [1] the kernel's end: the work thread's until it has attached it, else closed by Stop.
-    // -1: not open.
-    int m_sockfd[2] = {-1, -1};
-
-    CMutexLock m_seqLock;              // guards m_outSeqs
-    std::set<unsigned int> m_outSeqs;  // OUT commands whose reply has not come yet
-
-    CMutexLock m_sockLock;  // guards closing and shutting down m_sockfd[0], and m_endUsers
-    int m_endUsers = 0;     // threads that still use m_sockfd[0]
+    // The work thread's, and of Run and Stop while there is none.
+    std::vector<char> m_devBuf GUARDED_BY(m_workThread);  // grows to the largest PDU seen, which
+                                                          // starts at its first byte
+    std::size_t m_devBufLen GUARDED_BY(m_workThread) = 0;
+    int m_kernelEnd GUARDED_BY(m_workThread) = -1;  // of the socket pair, until it is attached
 };

@@ -49,10 +49,11 @@ CRefObj<IBuffer> CUsbipClientLinux::PopRecvBuf(int timeout) {
 }
 
 bool CUsbipClientLinux::WriteThreadFunction() {
+    m_writeThread.Enter();
     const bool again = WriteThreadLoop();
     if (!again) {
         XJModLog(1, "[CUsbipClientLinux] %d write thread prepare quit", static_cast<int>(m_devId));
-        LeaveClientEnd();
+        m_clientEnd.Leave();
     }
     return again;
 }
@@ -63,38 +64,63 @@ bool CUsbipClientLinux::WriteThreadLoop() try {
     if (!buffer) return true;
     if (m_bQuit) return false;
 
-    const unsigned long size = buffer->GetSize();
-    if (size < sizeof(usbip_header)) {
-        XJModLog(4, "[CUsbipClientLinux] CheckNetRecv invalid packet");
-        return false;
-    }
-    const auto* header = static_cast<const usbip_header*>(buffer->GetPointer());
-    bool isOut = false;
-    int dataLen = 0;
-    int isoLen = 0;
-    int total = 0;
-    if (!CalcLen(header, sizeof *header, false, isOut, dataLen, isoLen, total)) return false;
-    if (isOut) {
-        CLockGuard guard(m_seqLock);
-        m_outSeqs.erase(be32toh(header->seqnum));
-    }
-    if (size < static_cast<unsigned long>(total)) {
-        XJModLog(4, "[CUsbipClientLinux] CheckNetRecv invalid");
-        return false;
-    }
-    return WriteDevice(static_cast<const char*>(buffer->GetPointer()), size);
+    const std::string_view bytes(static_cast<const char*>(buffer->GetPointer()), buffer->GetSize());
+    std::size_t good = 0;
+    Verdict verdict;
+    do {
+        std::size_t size = 0;
+        verdict = CheckNetRecv(bytes.substr(good), good == 0, size);
+        good += size;
+    } while (verdict == Verdict::kGood && good < bytes.size());
+    if (!WriteDevice(bytes.data(), good)) return false;
+    if (verdict == Verdict::kUnsafe) EndDevice();
+    // A peer whose first PDU is none is not understood any more. What is none behind whole ones is
+    // left out and does no harm.
+    return good > 0 && verdict != Verdict::kUnsafe;
 } catch (const std::bad_alloc&) {
     XJModLog(4, "[CUsbipClientLinux] out of memory for a PDU of the peer's");
     return false;
 }
 
+CUsbipClientLinux::Verdict CUsbipClientLinux::CheckNetRecv(std::string_view bytes, bool first,
+                                                           std::size_t& size) {
+    const auto invalid = [](Verdict verdict, const char* what = "") {
+        XJModLog(4, "[CUsbipClientLinux] CheckNetRecv invalid%s", what);
+        return verdict;
+    };
+    usbip_header header;
+    if (bytes.size() < sizeof header) {
+        return invalid(Verdict::kNotWhole, first ? " packet" : "");
+    }
+    bytes.copy(reinterpret_cast<char*>(&header), sizeof header);
+    const std::uint32_t seqnum = be32toh(header.seqnum);
+    const bool submit = be32toh(header.command) == USBIP_RET_SUBMIT;
+
+    UsbipPduLength length;
+    if (!CalcLen(header, false, submit && m_outstanding.IsOut(seqnum), length)) {
+        return first ? Verdict::kNotWhole : invalid(Verdict::kNotWhole);
+    }
+    if (bytes.size() < length.Total()) return invalid(Verdict::kNotWhole);
+    if (submit) {
+        const auto command = m_outstanding.TakeSubmit(seqnum);
+        const std::string_view reply = bytes.substr(0, length.Total());
+        if (command ? UsbipLieIn(command->View(), reply) : UsbipLieInStray(reply)) {
+            return invalid(Verdict::kUnsafe);
+        }
+    } else {
+        m_outstanding.TakeUnlink(seqnum, header.u.ret_unlink.status != 0);
+    }
+    size = length.Total();
+    return Verdict::kGood;
+}
+
 bool CUsbipClientLinux::WriteDevice(const char* data, unsigned long len) {
     while (len > 0) {
         // Not write(): the kernel may have let go of its end, and the host must get no SIGPIPE.
-        const ssize_t written = send(m_sockfd[0], data, len, MSG_NOSIGNAL);
+        const ssize_t written = send(m_clientEnd.Get(), data, len, MSG_NOSIGNAL);
         if (written < 0 && errno != EINTR) {
             XJModLog(4, "[CUsbipClientLinux] write device fail");
-            m_bQuit = true;
+            EndDevice();
             return false;
         }
         if (m_bQuit) return false;
@@ -104,4 +130,10 @@ bool CUsbipClientLinux::WriteDevice(const char* data, unsigned long len) {
         }
     }
     return true;
+}
+
+// The work thread wakes, reports the end and closes what is left.
+void CUsbipClientLinux::EndDevice() {
+    m_bQuit = true;
+    m_clientEnd.Shutdown();
 }

@@ -23,6 +23,11 @@ class Rig {
         host.Receive(messages);
         Require(host.stream->WaitUntilDrained(), "the module reads its stream");
     }
+    // Nothing more comes from the module than the answer to this.
+    bool Silent() {
+        Handle(VersionRequest(0));
+        return NextMessage() == VersionResponse() && host.stream->Written().empty();
+    }
     // The next whole message from the module; empty: none came.
     std::string NextMessage() { return host.stream->WaitForMessage(); }
 

@@ -7,10 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstring>
 
+#include "posix/Error.h"
 #include "posix/Wait.h"
 
 namespace host {
@@ -48,7 +48,7 @@ std::unique_ptr<Child> Child::Start(const std::string& command, posix::UniqueFd&
                                     std::string& error) {
     int pair[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
-        error = std::string("cannot make a socket pair: ") + std::strerror(errno);
+        error = "cannot make a socket pair: " + posix::ErrorText(errno);
         return nullptr;
     }
     posix::UniqueFd ours(pair[0]);
@@ -67,14 +67,14 @@ std::unique_ptr<Child> Child::Start(const std::string& command, posix::UniqueFd&
     const int failure = ::posix_spawn(&pid, shell, &files, signals.Get(), arguments, environ);
     ::posix_spawn_file_actions_destroy(&files);
     if (failure != 0) {
-        error = std::string("cannot run /bin/sh: ") + std::strerror(failure);
+        error = "cannot run /bin/sh: " + posix::ErrorText(failure);
         return nullptr;
     }
     // Not the function: its header in glibc 2.36 is not for C++.
     posix::UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
     std::unique_ptr<Child> child(new Child(pid, std::move(pidfd)));
     if (!child->pidfd_) {
-        error = std::string("cannot watch the command: ") + std::strerror(errno);
+        error = "cannot watch the command: " + posix::ErrorText(errno);
         return nullptr;
     }
     stream = std::move(ours);

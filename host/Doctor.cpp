@@ -10,14 +10,12 @@
 #include <fstream>
 #include <optional>
 #include <ostream>
-#include <sstream>
+
+#include "wire/VhciStatus.h"
 
 namespace host {
 namespace {
 
-constexpr int kStatusFree = 4;         // VDEV_ST_NULL in the kernel's usbip_device_status
-constexpr int kStatusFirst = 4;        // the virtual ports' part of the same enumeration ...
-constexpr int kStatusLast = 7;         // ... ends with VDEV_ST_ERROR
 constexpr int kMostControllers = 128;  // the most that CONFIG_USBIP_VHCI_NR_HCS can be set to
 
 struct HubPorts {
@@ -31,27 +29,15 @@ struct PortCount {
     int malformed = 0;  // lines that say nothing sensible
 };
 
-// "hs  0004 006 003 00010002 000012 1-1": hub, port, status, speed, device, socket, bus id. The
-// numbers are decimal with leading zeros but for the hexadecimal device.
+// As the module judges it: what it refuses is malformed, what it may choose is free.
 void count_line(const std::string& line, PortCount& count) {
-    std::istringstream fields(line);
-    std::string hub;
-    std::string bus_id;
-    unsigned speed = 0;
-    unsigned device = 0;
-    unsigned socket = 0;
-    int port = 0;
-    int status = 0;
-    fields >> hub >> std::dec >> port >> status >> speed >> std::hex >> device >> std::dec >>
-        socket >> bus_id;
-    const bool known = (hub == "hs" || hub == "ss") && port >= 0 && status >= kStatusFirst &&
-                       status <= kStatusLast;
-    if (!fields || !known) {
+    const VhciPortLine port = ParseVhciPortLine(line);
+    if (!port.Complete() || port.port < 0) {
         ++count.malformed;
         return;
     }
-    HubPorts& ports = hub == "hs" ? count.high_speed : count.super_speed;
-    ++(status == kStatusFree ? ports.free : ports.used);
+    HubPorts& ports = port.SuperSpeed() ? count.super_speed : count.high_speed;
+    ++(port.Free() ? ports.free : ports.used);
 }
 
 // Empty when not even the first status file can be read.

@@ -1,12 +1,12 @@
 #include "host/Host.h"
 
 #include <algorithm>
-#include <cstring>
 #include <thread>
 
 #include "host/Connect.h"
 #include "host/Module.h"
 #include "host/Runtime.h"
+#include "posix/Error.h"
 #include "posix/Wait.h"
 
 namespace host {
@@ -32,7 +32,7 @@ void serve(IClientUsbipPlugin& plugin, SocketStream& stream, int stop) {
 
 std::string why_lost(Link& link) {
     const int failure = link.stream->Error();
-    std::string reason = failure == 0 ? "the remote side ended it" : std::strerror(failure);
+    std::string reason = failure == 0 ? "the remote side ended it" : posix::ErrorText(failure);
     if (link.child) reason += "; " + link.child->End();
     return reason;
 }

@@ -1,12 +1,11 @@
 #include "host/Options.h"
 
-#include <CLI/CLI.hpp>
 #include <vector>
+
+#include "posix/CommandLine.h"
 
 namespace host {
 namespace {
-
-constexpr int kUsageError = 2;
 
 constexpr char kDescription[] =
     "Lets USB devices that are plugged into a remote computer appear on this one.\n\n"
@@ -36,52 +35,51 @@ constexpr char kExamples[] =
 }  // namespace
 
 std::optional<int> ParseCommandLine(int argc, const char* const* argv, Options& options) {
-    CLI::App app(kDescription, "xj-usbip-host");
-    app.footer(kExamples);
-    app.set_version_flag("--version", XJ_VERSION);
-
-    std::string address;
-    std::string command;
-    auto* connect = app.add_option("--connect", address, "HOST:PORT, [IPV6]:PORT or unix:PATH");
-    connect->option_text("ADDRESS")->group("Stream (one of)");
-    connect->check(
-        [&options](const std::string& text) { return ParseAddress(text, options.target); });
-    auto* exec =
-        app.add_option("--exec", command, "a shell command whose input and output are the stream");
-    exec->option_text("COMMAND")->group("Stream (one of)")->excludes(connect);
-    app.add_flag("--reconnect", options.reconnect,
-                 "open the stream again after it was lost or could not be\n"
-                 "opened, with pauses that grow from 1 to 30 seconds;\n"
-                 "devices are detached meanwhile")
+    posix::CommandLine line("xj-usbip-host", kDescription, kExamples);
+    const auto* connect =
+        line.AddParsed(
+                "--connect",
+                [](const std::string& text, std::string& error) {
+                    return posix::ParseAddress(text, posix::AddressUse::Connect, error);
+                },
+                [&options](posix::Address address) { options.target.address = std::move(address); },
+                "HOST:PORT, [IPV6]:PORT or unix:PATH")
+            ->type_name("ADDRESS")
+            ->group("Stream (one of)");
+    const auto* exec = line.add_option("--exec", options.target.command,
+                                       "a shell command whose input and output are the stream")
+                           ->type_name("COMMAND")
+                           ->check([](const std::string& text) {
+                               return text.empty() ? "the command is empty" : "";
+                           })
+                           ->group("Stream (one of)");
+    line.add_flag("--reconnect", options.reconnect,
+                  "open the stream again after it was lost or could not be\n"
+                  "opened, with pauses that grow from 1 to 30 seconds;\n"
+                  "devices are detached meanwhile")
         ->group("Behaviour");
 
     options.module = XJ_DEFAULT_MODULE;
-    app.add_option("--module", options.module, "the module's file")
+    line.add_option("--module", options.module, "the module's file")
         ->option_text("PATH [" XJ_DEFAULT_MODULE "]")
         ->group("Module");
     std::vector<int> levels{1, 4};
-    app.add_option("--log-level", levels,
-                   "the module's log lines to show on standard error:\n"
-                   "1 lifecycle and devices, 4 failures, 8 detail")
+    line.add_option("--log-level", levels,
+                    "the module's log lines to show on standard error:\n"
+                    "1 lifecycle and devices, 4 failures, 8 detail")
         ->option_text("LEVEL,... [1,4]")
         ->delimiter(',')
         ->check(CLI::IsMember({1, 4, 8}))
         ->group("Module");
 
-    auto* doctor = app.add_subcommand("doctor", "Say whether this machine can attach devices.");
-
-    try {
-        app.parse(argc, argv);
+    const auto* doctor =
+        line.add_subcommand("doctor", "Say whether this machine can attach devices.");
+    const auto status = line.Parse(argc, argv, [&] {
         options.doctor = doctor->parsed();
-        if (!options.doctor && address.empty() && command.empty()) {
-            throw CLI::RequiredError("One of --connect and --exec");
-        }
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kUsageError;
-    }
-    if (!command.empty()) options.target = {Target::Kind::Command, command, {}};
+        if (!options.doctor) posix::CommandLine::RequireOneOf({connect, exec});
+    });
     options.log_levels = {levels.begin(), levels.end()};
-    return std::nullopt;
+    return status;
 }
 
 }  // namespace host

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -24,6 +25,10 @@ ssize_t retry_interrupted(SystemCall call) {
 
 }  // namespace
 
+SocketStream::~SocketStream() {
+    ::close(socket_);
+}
+
 long SocketStream::AddRef() {
     return CReference::AddRef();
 }
@@ -45,7 +50,7 @@ int SocketStream::Read(void* buf, unsigned long len, unsigned long* got, unsigne
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = std::size(parts);
-    const ssize_t count = retry_interrupted([&] { return ::recvmsg(socket_.Get(), &message, 0); });
+    const ssize_t count = retry_interrupted([&] { return ::recvmsg(socket_, &message, 0); });
     if (count <= 0) return Fail(count < 0 ? errno : 0);
     *got = std::min(len, static_cast<unsigned long>(count));
     begin_ = 0;
@@ -58,7 +63,7 @@ int SocketStream::Write(const void* data, unsigned long len, unsigned long* writ
     *written = 0;
     if (ended_ || len == 0) return kFailure;
     const ssize_t count =
-        retry_interrupted([&] { return ::send(socket_.Get(), data, len, MSG_NOSIGNAL); });
+        retry_interrupted([&] { return ::send(socket_, data, len, MSG_NOSIGNAL); });
     if (count <= 0) return Fail(count < 0 ? errno : 0);
     *written = static_cast<unsigned long>(count);
     return kSuccess;
@@ -74,7 +79,7 @@ int SocketStream::Fail(int error) {
 void SocketStream::End() {
     // The flag as well as the shutdown: TCP still delivers what it received before.
     ended_ = true;
-    ::shutdown(socket_.Get(), SHUT_RDWR);
+    ::shutdown(socket_, SHUT_RDWR);
 }
 
 }  // namespace host

@@ -12,7 +12,6 @@
 #include <atomic>
 #include <cstddef>
 
-#include "posix/UniqueFd.h"
 #include "xj-client-usbip/PluginAbi.h"
 #include "xj-client-usbip/Reference.h"
 
@@ -20,9 +19,9 @@ namespace host {
 
 class SocketStream : public IPluginStreamRaw, protected CReference {
   public:
-    // `socket` is connected and blocking. It is closed with the last reference, which may be the
-    // module's: whoever wants the connection gone before that calls End.
-    explicit SocketStream(posix::UniqueFd socket) : socket_(std::move(socket)) {}
+    // Takes over `socket`, which is connected and blocking. It is closed with the last reference,
+    // which may be the module's: whoever wants the connection gone before that calls End.
+    explicit SocketStream(int socket) : socket_(socket) {}
 
     long AddRef() override;
     long Release() override;
@@ -42,13 +41,15 @@ class SocketStream : public IPluginStreamRaw, protected CReference {
     int Error() const { return error_; }
 
   private:
+    ~SocketStream() override;
+
     int Fail(int error);
 
     // Room for many small PDUs with their headers; what a larger message brings beyond it goes
     // straight to the caller.
     static constexpr std::size_t kReadAhead = 16 * 1024;
 
-    const posix::UniqueFd socket_;
+    const int socket_;  // ours to close
     std::atomic<bool> ended_{false};
     std::atomic<int> error_{0};
 

@@ -18,6 +18,7 @@ UsbipClientPlugin::UsbipClientPlugin()
       m_pSendThread(std::make_unique<CUsbipClientThread>()) {
     m_pSendThread->m_loop = [this] { return SendLoop(); };
     m_pSendThread->SetThreadName("usbipclient-send");
+    m_pSendThread->SetKernelName("usbip-send");
 }
 
 UsbipClientPlugin::~UsbipClientPlugin() {

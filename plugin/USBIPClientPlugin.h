@@ -56,25 +56,33 @@ class UsbipClientPlugin : public CUsbipMessageSeparation,
 
     bool SendLoop();  // one pass of the send thread; true
     // Writes a whole message; false when the stream failed or takes nothing.
-    bool WriteMessage(const void* data, unsigned long size);
+    bool WriteMessage(const void* data, unsigned long size) EXCLUDES(m_writeLock);
     // A buffer of exactly `size` bytes in use; empty, with a log line, when there is none.
     CRefObj<IBuffer> NewMessage(unsigned long size);
     // Queues a forward message. `rawsize`: see usbip_forward.
     void QueueForward(unsigned int devid, const void* data, unsigned long size,
                       std::uint32_t rawsize);
 
-    CRefObj<IUsbipClient> FindDevice(unsigned int devid);
-    CRefObj<IUsbipClient> TakeDevice(unsigned int devid);
+    CRefObj<IUsbipClient> FindDevice(unsigned int devid) EXCLUDES(m_devicesLock);
+    CRefObj<IUsbipClient> TakeDevice(unsigned int devid) EXCLUDES(m_devicesLock);
 
-    std::map<unsigned int, CRefObj<IUsbipClient>> m_devices;  // guarded by m_devicesLock
-    CRefObj<IPluginStreamRaw> m_pStream;   // constant while Run or the send thread is active
-    CRefObj<IMemAlloctor> m_pAllocator;    // constant
-    std::atomic<bool> m_bCompress{false};  // set on the Run thread, read on work threads
-    std::unique_ptr<CUsbipClientThread> m_pSendThread;  // constant
-    CBufferQueue_T<CRefObj<IBuffer>> m_sendQueue;       // whole messages; locks itself
+    // Constant after construction.
+    const CRefObj<IMemAlloctor> m_pAllocator;
+    const std::unique_ptr<CUsbipClientThread> m_pSendThread;
 
-    // Never held while a client is started, stopped or destroyed: those take their time.
+    // Set by InitInstance, constant while Run or the send thread is active.
+    CRefObj<IPluginStreamRaw> m_pStream;
+
+    // Their own synchronisation.
+    std::atomic<bool> m_bCompress{false};          // set on the Run thread, read on work threads
+    CBufferQueue_T<CRefObj<IBuffer>> m_sendQueue;  // whole messages: one taker, the send thread
+
+    // Innermost: never held while a client is started, stopped or destroyed, since those take their
+    // time, nor while anything is logged.
     CMutexLock m_devicesLock;
-    // Held for one whole message: the send thread and the version response share the stream.
+    std::map<unsigned int, CRefObj<IUsbipClient>> m_devices GUARDED_BY(m_devicesLock);
+
+    // Held around the host's Write for one whole message: the send thread and the version response
+    // share the stream. Nothing is locked or logged while it is held.
     CMutexLock m_writeLock;
 };

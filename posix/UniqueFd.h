@@ -21,6 +21,7 @@ class UniqueFd {
     }
 
     int Get() const { return fd_; }
+    int Release() { return std::exchange(fd_, -1); }  // to somebody who closes it
     explicit operator bool() const { return fd_ >= 0; }
 
   private:

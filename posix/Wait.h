@@ -7,9 +7,9 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 
-#include <cerrno>
 #include <system_error>
 
+#include "posix/Error.h"
 #include "posix/UniqueFd.h"
 
 namespace posix {
@@ -20,10 +20,7 @@ enum class Wake { Ready, Stopped, TimedOut };
 // `timeout_ms` have passed; -1 waits without limit. A negative `fd` is never ready.
 inline Wake WaitFor(int fd, short events, int stop, int timeout_ms) {
     pollfd watched[] = {{stop, POLLIN, 0}, {fd, events, 0}};
-    int ready = 0;
-    do {
-        ready = ::poll(watched, 2, timeout_ms);
-    } while (ready < 0 && errno == EINTR);
+    const int ready = Retry([&] { return ::poll(watched, 2, timeout_ms); });
     if (watched[0].revents != 0) return Wake::Stopped;
     return ready > 0 ? Wake::Ready : Wake::TimedOut;
 }

@@ -1,9 +1,9 @@
 #include "remote/Options.h"
 
-#include <CLI/CLI.hpp>
 #include <sstream>
 #include <utility>
 
+#include "posix/CommandLine.h"
 #include "wire/UsbipServer.h"
 
 namespace remote {
@@ -19,6 +19,7 @@ constexpr const char* kFooter = R"(Commands on standard input, one a line (with 
   unplug N    takes device N away from the host, even in the middle of traffic
   plug N      offers it again
   quit        as SIGINT and SIGTERM: takes all devices away, syncs images, exits 0
+In the background of a terminal none are read, nor in the foreground after that.
 SIGUSR1 writes each device's counters to standard error, as the end does.
 
 Examples:
@@ -49,11 +50,14 @@ so does one that leaves an unlink unanswered for 10 s. Names that cannot be reso
 are left out even with --wait.
 
 The channel itself knows no authentication: whoever can connect can read and write
-the devices. Listen on 127.0.0.1 or a Unix socket and let ssh carry the rest.)";
+the devices. Listen on 127.0.0.1 or a Unix socket and let ssh carry the rest.
 
-}  // namespace
+Exit status: 0 after "quit", SIGINT, SIGTERM or an orderly end of --stdio; 1 when there
+is nothing to offer, no way to listen, or the host or its link was at fault; 2 for a
+mistake on the command line.)";
 
-std::optional<DiskOption> ParseDisk(const std::string& text, std::string& error) {
+// "IMAGE[,ro][,speed=high|super]".
+std::optional<DiskOption> parse_disk(const std::string& text, std::string& error) {
     std::istringstream parts(text);
     DiskOption disk;
     std::getline(parts, disk.path, ',');
@@ -76,77 +80,78 @@ std::optional<DiskOption> ParseDisk(const std::string& text, std::string& error)
     return disk;
 }
 
-std::optional<UsbipOption> ParseUsbip(const std::string& text, std::string& error) {
+std::optional<posix::Address> parse_server(const std::string& text, std::string& error) {
+    return posix::ParseServer(text, kUsbipServerPort, error);
+}
+
+std::optional<UsbipOption> parse_usbip(const std::string& text, std::string& error) {
     const std::size_t slash = text.find('/');
-    UsbipOption option{text.substr(0, slash),
-                       slash == std::string::npos ? "" : text.substr(slash + 1)};
-    if (option.server.empty() || option.busid.empty() || option.busid.size() > kUsbipMaxBusId) {
+    const std::string busid = slash == std::string::npos ? "" : text.substr(slash + 1);
+    if (busid.empty() || busid.size() > kUsbipMaxBusId) {
         error = "'" + text + "' is not HOST[:PORT]/BUSID";
         return std::nullopt;
     }
-    return option;
+    const auto server = parse_server(text.substr(0, slash), error);
+    return server ? std::optional(UsbipOption{*server, busid}) : std::nullopt;
 }
 
-std::optional<Options> ParseOptions(int argc, char** argv, int& exit_code) {
-    Options options;
-    std::vector<std::string> disks;
-    std::vector<std::string> imports;
-    bool stdio = false;
+}  // namespace
 
-    CLI::App app(kDescription);
-    app.footer(kFooter);
-    CLI::Option_group* stream = app.add_option_group("stream", "What to do (one of)");
-    stream->add_option("--listen", options.listen,
-                       "Wait for hosts at HOST:PORT (port 0: a free one) or unix:PATH. The address "
-                       "really bound is printed. One host at a time, others wait.");
-    stream->add_flag("--stdio", stdio, "Serve one host on standard input and output");
-    stream
-        ->add_option("--list", options.list,
-                     "Show the devices that the USB/IP server at HOST[:PORT] (3240) offers")
-        ->type_name("HOST[:PORT]");
-    stream->require_option(1);
-    app.add_option("--disk", disks,
-                   "Offer a USB disk backed by this plain file, whose size is a multiple of 512; "
-                   "may be repeated. ro: it cannot be written. speed: high (default) or super. "
-                   "The name must not contain a comma.")
-        ->type_name("IMAGE[,ro][,speed=high|super]")
-        ->allow_extra_args(false);
-    app.add_option(
-           "--usbip", imports,
-           "Offer a device of the USB/IP server at HOST, port 3240 or PORT; may be repeated "
-           "and mixed with --disk")
-        ->type_name("HOST[:PORT]/BUSID")
-        ->allow_extra_args(false);
-    app.add_flag("--wait", options.wait,
-                 "Wait for devices of USB/IP servers that are not there yet, or not any more");
-    app.add_flag("--compress", options.compress,
-                 "Compress PDUs above 4096 bytes, and ask the host to do so");
-    try {
-        app.parse(argc, argv);
-        const bool listing = stream->get_option("--list")->count() != 0;
-        if (listing ? options.list.empty() : !stdio && options.listen.empty()) {
-            throw CLI::ValidationError(listing ? "--list" : "--listen", "is empty");
-        }
-        if (!listing && disks.empty() && imports.empty()) {
+std::optional<int> ParseCommandLine(int argc, const char* const* argv, Options& options) {
+    posix::CommandLine line("xj-usbip-remote", kDescription, kFooter);
+    const auto* listen =
+        line.AddParsed(
+                "--listen",
+                [](const std::string& text, std::string& error) {
+                    return posix::ParseAddress(text, posix::AddressUse::Listen, error);
+                },
+                [&options](const posix::Address& address) { options.listen = address; },
+                "wait for hosts at HOST:PORT, [IPV6]:PORT (port 0: a\n"
+                "free one) or unix:PATH; the address really bound is\n"
+                "printed; one host at a time, others wait")
+            ->type_name("ADDRESS")
+            ->group("What to do (one of)");
+    const auto* stdio = line.add_flag("--stdio")
+                            ->description("serve one host on standard input and output")
+                            ->group("What to do (one of)");
+    const auto* list =
+        line.AddParsed(
+                "--list", parse_server,
+                [&options](const posix::Address& address) { options.list = address; },
+                "show the devices that the USB/IP server at\n"
+                "HOST[:PORT] (3240) offers")
+            ->type_name("HOST[:PORT]")
+            ->group("What to do (one of)");
+    line.AddParsed(
+            "--disk", parse_disk,
+            [&options](const DiskOption& disk) { options.disks.push_back(disk); },
+            "offer a USB disk backed by this plain file, whose size is\n"
+            "a multiple of 512; ro: it cannot be written; speed: high\n"
+            "(default) or super; the name must not contain a comma")
+        ->take_all()
+        ->type_name("IMAGE[,ro][,speed=high|super] ...")
+        ->group("Devices (one or more)");
+    line.AddParsed(
+            "--usbip", parse_usbip,
+            [&options](const UsbipOption& device) { options.imports.push_back(device); },
+            "offer a device of the USB/IP server at HOST, port 3240 or\n"
+            "PORT")
+        ->take_all()
+        ->type_name("HOST[:PORT]/BUSID ...")
+        ->group("Devices (one or more)");
+    line.add_flag("--wait", options.wait,
+                  "wait for devices of USB/IP servers that are not there\n"
+                  "yet, or not any more")
+        ->group("Behaviour");
+    line.add_flag("--compress", options.compress,
+                  "compress PDUs above 4096 bytes, and ask the host to do so")
+        ->group("Behaviour");
+    return line.Parse(argc, argv, [&] {
+        posix::CommandLine::RequireOneOf({listen, stdio, list});
+        if (!options.list && options.disks.empty() && options.imports.empty()) {
             throw CLI::ValidationError("--disk, --usbip", "one device or more is needed");
         }
-        for (const std::string& text : disks) {
-            std::string error;
-            const auto disk = ParseDisk(text, error);
-            if (!disk) throw CLI::ValidationError("--disk", error);
-            options.disks.push_back(*disk);
-        }
-        for (const std::string& text : imports) {
-            std::string error;
-            const auto import = ParseUsbip(text, error);
-            if (!import) throw CLI::ValidationError("--usbip", error);
-            options.imports.push_back(*import);
-        }
-    } catch (const CLI::ParseError& error) {
-        exit_code = app.exit(error);
-        return std::nullopt;
-    }
-    return options;
+    });
 }
 
 }  // namespace remote

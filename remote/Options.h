@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "posix/Address.h"
 #include "remote/device/Device.h"
 
 namespace remote {
@@ -15,27 +16,22 @@ struct DiskOption {
     UsbSpeed speed = UsbSpeed::kHigh;
 };
 
-// "IMAGE[,ro][,speed=high|super]". Nothing: `error` says why.
-std::optional<DiskOption> ParseDisk(const std::string& text, std::string& error);
-
 struct UsbipOption {
-    std::string server;
+    posix::Address server;
     std::string busid;
 };
 
-// "SERVER/BUSID"; the server's own form is checked when it is resolved.
-std::optional<UsbipOption> ParseUsbip(const std::string& text, std::string& error);
-
 struct Options {
-    std::string listen;  // empty: serve one host on standard input and output
-    std::string list;    // not empty: list this server's devices and end
+    std::optional<posix::Address> list;    // list this server's devices and end
+    std::optional<posix::Address> listen;  // without it: one host on standard input and output
     std::vector<DiskOption> disks;
     std::vector<UsbipOption> imports;
     bool wait = false;
     bool compress = false;
 };
 
-// Nothing: help was shown or a mistake was explained, and the program ends with `exit_code`.
-std::optional<Options> ParseOptions(int argc, char** argv, int& exit_code);
+// The exit status, when the program is to end at once: help was shown, or the user told what is
+// wrong.
+std::optional<int> ParseCommandLine(int argc, const char* const* argv, Options& options);
 
 }  // namespace remote

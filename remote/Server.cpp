@@ -10,10 +10,10 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
-#include <cstdio>
 #include <utility>
 #include <vector>
 
+#include "posix/StandardStreams.h"
 #include "remote/io/Log.h"
 
 namespace remote {
@@ -205,7 +205,7 @@ void Server::Quit() {
 }
 
 void Server::Answer(const std::string& line) const {
-    dprintf(controls_.answers, "%s\n", line.c_str());
+    posix::Tell(controls_.answers, line + '\n');
 }
 
 void Server::ReportCounters() const {

@@ -1,11 +1,9 @@
 // xj-usbip-remote: the reference remote side.
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -16,6 +14,9 @@
 #include <utility>
 #include <vector>
 
+#include "posix/Signals.h"
+#include "posix/StandardStreams.h"
+#include "posix/Wait.h"
 #include "remote/Options.h"
 #include "remote/Server.h"
 #include "remote/bridge/DeviceTable.h"
@@ -30,17 +31,6 @@
 
 namespace remote {
 namespace {
-
-// Signals become readable events; a host that goes away is a failed write, not a signal.
-posix::UniqueFd take_signals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int one : {SIGINT, SIGTERM, SIGUSR1})
-        sigaddset(&signals, one);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-    return posix::UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-}
 
 std::unique_ptr<Device> make_disk(const DiskOption& option, std::size_t number) {
     std::string error;
@@ -57,35 +47,37 @@ std::unique_ptr<Device> make_disk(const DiskOption& option, std::size_t number) 
                                      DiskSerial(option.path, MachineName()));
 }
 
-// Null when there is no such device to be had now and nobody wants to wait for it; logged.
-std::unique_ptr<Device> make_import(const UsbipOption& option, bool wait) {
+// Null when there is no such device to be had now and nobody wants to wait for it; logged. Null
+// soon after `stop` becomes readable.
+std::unique_ptr<Device> make_import(const UsbipOption& option, bool wait, int stop) {
     std::string error;
-    std::optional<UsbipServer> server = UsbipServer::Resolve(option.server, error);
+    std::optional<UsbipServer> server = UsbipServer::Resolve(option.server, stop, error);
     if (server && !wait) {
-        const auto devices = server->List(error);
+        const auto devices = server->List(stop, error);
         const bool there = devices && std::any_of(devices->begin(), devices->end(),
                                                   [&option](const ServedDevice& device) {
                                                       return device.busid == option.busid;
                                                   });
         if (devices && !there) {
-            error = option.server + " does not offer device " + option.busid +
+            error = server->Name() + " does not offer device " + option.busid +
                     " (not shared, or in use)";
         }
         if (!there) server.reset();
     }
     if (!server) {
-        Log("%s", error.c_str());
+        if (!posix::IsStopped(stop)) Log("%s", error.c_str());
         return nullptr;
     }
     return std::make_unique<UsbipDevice>(std::move(*server), option.busid, wait);
 }
 
-int list(const std::string& name) {
+int list(const posix::Address& address) {
+    constexpr int kNoStop = -1;  // signals still end the program
     std::string error;
-    const std::optional<UsbipServer> server = UsbipServer::Resolve(name, error);
-    const auto devices = server ? server->List(error) : std::nullopt;
+    const std::optional<UsbipServer> server = UsbipServer::Resolve(address, kNoStop, error);
+    const auto devices = server ? server->List(kNoStop, error) : std::nullopt;
     if (!devices) {
-        Log("cannot list the devices of %s", error.c_str());
+        Log("cannot list devices: %s", error.c_str());
         return EXIT_FAILURE;
     }
     std::fputs(DeviceTable(*devices).c_str(), stdout);
@@ -113,11 +105,11 @@ bool serve_stdio(Server& server) {
     return server.Run({posix::UniqueFd(dup(STDIN_FILENO)), posix::UniqueFd(dup(STDOUT_FILENO))});
 }
 
-bool serve_listener(Server& server, const std::string& address) {
+bool serve_listener(Server& server, const posix::Address& address) {
     std::string error;
     const std::unique_ptr<Listener> listener = Listener::Open(address, error);
     if (!listener) {
-        Log("cannot listen at %s", error.c_str());
+        Log("cannot listen at %s: %s", posix::Describe(address).c_str(), error.c_str());
         return false;
     }
     if (!listener->Private()) {
@@ -125,14 +117,16 @@ bool serve_listener(Server& server, const std::string& address) {
             "authentication: whoever connects can use the devices",
             listener->Name().c_str());
     }
-    std::printf("listening on %s\n", listener->Name().c_str());
-    std::fflush(stdout);
+    posix::Tell(STDOUT_FILENO, "listening on " + listener->Name() + '\n');
     return server.Run(*listener);
 }
 
 int run(const Options& options) {
-    if (!options.list.empty()) return list(options.list);
-    const posix::UniqueFd signals = take_signals();
+    if (options.list) return list(*options.list);
+    std::signal(SIGPIPE, SIG_IGN);  // a host that goes away is a failed write, not a signal
+    std::signal(SIGTTIN, SIG_IGN);  // and so is a terminal that other jobs read from
+    const posix::UniqueFd stop = posix::TakeSignals({SIGINT, SIGTERM});
+    const posix::UniqueFd signals = posix::TakeSignals({SIGINT, SIGTERM, SIGUSR1});
     std::vector<std::unique_ptr<Device>> devices;
     for (const DiskOption& option : options.disks) {
         auto disk = make_disk(option, devices.size() + 1);
@@ -140,17 +134,18 @@ int run(const Options& options) {
         devices.push_back(std::move(disk));
     }
     for (const UsbipOption& option : options.imports) {
-        auto device = make_import(option, options.wait);
+        auto device = make_import(option, options.wait, stop.Get());
         if (device) devices.push_back(std::move(device));
     }
+    if (posix::IsStopped(stop.Get())) return EXIT_SUCCESS;
     if (devices.empty()) {
         Log("there is no device to offer");
         return EXIT_FAILURE;
     }
-    const bool stdio = options.listen.empty();
-    const int commands = stdio ? -1 : STDIN_FILENO;
+    const int commands = options.listen ? STDIN_FILENO : -1;
     Server server(std::move(devices), options.compress, {signals.Get(), commands, STDOUT_FILENO});
-    const bool served = stdio ? serve_stdio(server) : serve_listener(server, options.listen);
+    const bool served =
+        options.listen ? serve_listener(server, *options.listen) : serve_stdio(server);
     server.ReportCounters();
     return served ? EXIT_SUCCESS : EXIT_FAILURE;
 }
@@ -160,9 +155,10 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
     try {
-        int exit_code = EXIT_SUCCESS;
-        const auto options = remote::ParseOptions(argc, argv, exit_code);
-        return options ? remote::run(*options) : exit_code;
+        posix::ReserveStandardStreams();
+        remote::Options options;
+        if (const auto status = remote::ParseCommandLine(argc, argv, options)) return *status;
+        return remote::run(options);
     } catch (const std::exception& error) {
         remote::Log("fatal: %s", error.what());
         return EXIT_FAILURE;

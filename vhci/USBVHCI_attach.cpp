@@ -8,13 +8,18 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "module/runtime/XJModLog.h"
+#include "vhci/PortReservations.h"
 #include "vhci/USBVHCI_linux.h"
 
 namespace {
 
-constexpr unsigned int kSpeedSuper = 5;  // the kernel's USB_SPEED_SUPER
+// The kernel's enum usb_device_speed. Drivers up to Linux 6.1 refuse what is beyond super speed,
+// later ones give it a port of their own choice.
+constexpr unsigned int kSpeedSuper = 5;
+constexpr unsigned int kSpeedSuperPlus = 6;
 
 constexpr char kStateDirectory[] = "/var/run/vhci_hcd";
 constexpr mode_t kStateMode = 0700;
@@ -62,11 +67,16 @@ bool CLinuxVHCI::Attach(int sockfd, unsigned short busnum, unsigned short devnum
                         unsigned int speed, unsigned char* outPort) {
     XJModLog(1, "[linuxvhci] Attach start sockfd %d busnum %u devnum %u speed %u", sockfd, busnum,
              devnum, speed);
-    const usbip_imported_device* port = FindFreePort(speed);
+    if (speed == kSpeedSuperPlus) speed = kSpeedSuper;
+    const usbip_imported_device* port = ReserveFreePort(speed);
     if (port == nullptr) {
         XJModLog(4, "[linuxvhci] Attach get free port fail");
         return false;
     }
+    const auto release = [](const usbip_imported_device* taken) {
+        CPortReservations::OfThisProcess().Release(taken->port);
+    };
+    const std::unique_ptr<const usbip_imported_device, decltype(release)> reserved(port, release);
     XJModLog(1, "[linuxvhci] Attach get free port %d", port->port);
     const unsigned int devid = static_cast<unsigned int>(busnum) << 16 | devnum;
     if (!WriteAttachRequest(*port, sockfd, devid, speed)) {
@@ -80,11 +90,12 @@ bool CLinuxVHCI::Attach(int sockfd, unsigned short busnum, unsigned short devnum
     return true;
 }
 
-const usbip_imported_device* CLinuxVHCI::FindFreePort(unsigned int speed) const {
+const usbip_imported_device* CLinuxVHCI::ReserveFreePort(unsigned int speed) const {
     const usbip_hub_speed hub = speed == kSpeedSuper ? HUB_SPEED_SUPER : HUB_SPEED_HIGH;
     for (std::size_t i = 0; i < idev_.size(); ++i) {
         // A record holds eight bits of its number; a port beyond that cannot be named.
-        if (idev_[i].port == i && idev_[i].hub == hub && idev_[i].status == VDEV_ST_NULL) {
+        if (idev_[i].port == i && idev_[i].hub == hub && idev_[i].status == VDEV_ST_NULL &&
+            CPortReservations::OfThisProcess().Reserve(idev_[i].port, read_)) {
             return &idev_[i];
         }
     }

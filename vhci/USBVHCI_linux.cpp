@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "module/runtime/XJModLog.h"
+#include "vhci/PortReservations.h"
 
 namespace {
 
@@ -72,14 +73,9 @@ CLinuxVHCI::~CLinuxVHCI() {
     CLinuxVHCI::Close();
 }
 
-ILockItem& CLinuxVHCI::AttachLock() {
-    static CMutexLock lock;
-    return lock;
-}
-
 bool CLinuxVHCI::Open() {
     Clean();
-    unsettled_.clear();
+    read_ = CPortReservations::OfThisProcess().Now();
     XJModLog(8, "[linuxvhci] open start");
     const auto fail = [this](const char* line) {
         XJModLog(4, "%s", line);
@@ -170,42 +166,35 @@ bool CLinuxVHCI::ParseStatus(const char* text) {
         const char* line = newline + 1;
         newline = std::strchr(line, '\n');
 
-        char hub[3] = {};
-        int port = 0;
-        int status = 0;
-        int speed = 0;
-        unsigned int devid = 0;
-        unsigned int sockfd = 0;
-        char lbusid[32] = {};
-        const int fields = std::sscanf(line, "%2s  %d %d %d %x %u %31s\n", hub, &port, &status,
-                                       &speed, &devid, &sockfd, lbusid);
-        if (fields < 5) {
-            XJModLog(4, "[linuxvhci] ParseStatus sscanf fail %d", fields);
+        const VhciPortLine port = ParseVhciPortLine(line);
+        if (!port.Complete()) {
+            XJModLog(4, "[linuxvhci] ParseStatus sscanf fail %d", port.fields);
             return false;
         }
         XJModLog(8,
                  "[linuxvhci] ParseStatus hub %s port %d status %d speed %d devid %x sockfd %u "
                  "lbusid %s",
-                 hub, port, status, speed, devid, sockfd, lbusid);
-        if (port < 0 || static_cast<std::size_t>(port) >= idev_.size()) {
-            XJModLog(4, "[linuxvhci] ParseStatus port %d outside the table of %zu", port,
+                 port.hub, port.port, port.status, port.speed, port.devid, port.sockfd,
+                 port.lbusid);
+        if (port.port < 0 || static_cast<std::size_t>(port.port) >= idev_.size()) {
+            XJModLog(4, "[linuxvhci] ParseStatus port %d outside the table of %zu", port.port,
                      idev_.size());
             return false;
         }
 
-        usbip_imported_device& device = idev_[static_cast<std::size_t>(port)];
+        usbip_imported_device& device = idev_[static_cast<std::size_t>(port.port)];
         device = {};
-        device.hub = std::strcmp(hub, "hs") == 0 ? HUB_SPEED_HIGH : HUB_SPEED_SUPER;
-        device.port = static_cast<std::uint8_t>(port);
-        device.status = static_cast<std::uint32_t>(status);
-        device.devid = devid;
-        device.busnum = static_cast<std::uint8_t>(devid >> 16);
-        device.devnum = static_cast<std::uint8_t>(devid);
+        device.hub = port.SuperSpeed() ? HUB_SPEED_SUPER : HUB_SPEED_HIGH;
+        device.port = static_cast<std::uint8_t>(port.port);
+        device.status = static_cast<std::uint32_t>(port.status);
+        device.devid = port.devid;
+        device.busnum = static_cast<std::uint8_t>(port.devid >> 16);
+        device.devnum = static_cast<std::uint8_t>(port.devid);
+        // Without its local device, as while the kernel enumerates or removes it, the port is in
+        // use all the same.
         if (device.status != VDEV_ST_NULL && device.status != VDEV_ST_NOTASSIGNED &&
-            !InitImportedDevice(&device, lbusid)) {
-            XJModLog(4, "[linuxvhci] ParseStatus InitImportedDevice fail busid %s", lbusid);
-            unsettled_ = lbusid;
-            return false;
+            !InitImportedDevice(&device, port.lbusid)) {
+            XJModLog(4, "[linuxvhci] ParseStatus InitImportedDevice fail busid %s", port.lbusid);
         }
     }
     return true;

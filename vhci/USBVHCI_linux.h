@@ -4,10 +4,9 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <vector>
 
-#include "base/Lock.h"
+#include "wire/VhciStatus.h"
 
 struct udev;
 struct udev_device;
@@ -33,21 +32,18 @@ static_assert(sizeof(usbip_usb_device) == 312);
 
 enum usbip_hub_speed : std::uint32_t { HUB_SPEED_HIGH = 0, HUB_SPEED_SUPER = 1 };
 
-// Port states of the status attribute in which the port holds no local device.
-inline constexpr std::uint32_t VDEV_ST_NULL = 4;         // free
-inline constexpr std::uint32_t VDEV_ST_NOTASSIGNED = 5;  // attached, not yet enumerated
-
 struct usbip_imported_device {
     usbip_hub_speed hub;
     std::uint8_t port;
-    std::uint32_t status;
-    std::uint32_t devid;  // remote device id: bus number << 16 | device number
+    std::uint32_t status;  // see wire/VhciStatus.h
+    std::uint32_t devid;   // remote device id: bus number << 16 | device number
     std::uint8_t busnum;
     std::uint8_t devnum;
     usbip_usb_device udev;  // filled only for ports in use
 };
 
-// Used by one thread, for the span of one attach; the table is a snapshot taken by Open.
+// Used by one thread, for the span of one attach; the table is a snapshot taken by Open. Any number
+// of threads may attach at the same time, each with an object of its own.
 class CLinuxVHCI {
   public:
     CLinuxVHCI() = default;
@@ -55,21 +51,13 @@ class CLinuxVHCI {
     CLinuxVHCI(const CLinuxVHCI&) = delete;
     CLinuxVHCI& operator=(const CLinuxVHCI&) = delete;
 
-    // Process-wide. Whoever attaches holds it from Open to Attach, so that no other client of this
-    // process can choose the same free port in between.
-    static ILockItem& AttachLock();
-
     // Finds the driver and loads the port table. False, with a log line, leaves the object closed.
     bool Open();
-    // After a failed Open: the bus id of the first port in use that had no local device, as while
-    // the kernel is enumerating or removing it. Opening again a little later may succeed. Empty
-    // after any other failure.
-    const std::string& Unsettled() const { return unsettled_; }
     void Close();
 
-    // Plugs the device at the other end of `sockfd` into a free port that suits `speed`. True: the
-    // kernel holds the socket and `sockfd` is closed. False: `sockfd` is still open. `outPort` may
-    // be null.
+    // Plugs the device at the other end of `sockfd` into a free port that suits `speed`, one that
+    // no other client of this process has chosen. True: the kernel holds the socket and `sockfd` is
+    // closed. False: `sockfd` is still open. `outPort` may be null.
     bool Attach(int sockfd, unsigned short busnum, unsigned short devnum, unsigned int speed,
                 unsigned char* outPort);
 
@@ -80,7 +68,7 @@ class CLinuxVHCI {
     bool RefreshImportedDeviceList();
     bool ParseStatus(const char* text);
     bool InitImportedDevice(usbip_imported_device* device, const char* busid);
-    const usbip_imported_device* FindFreePort(unsigned int speed) const;
+    const usbip_imported_device* ReserveFreePort(unsigned int speed) const;
     bool WriteAttachRequest(const usbip_imported_device& port, int sockfd, unsigned int devid,
                             unsigned int speed);
 
@@ -89,5 +77,5 @@ class CLinuxVHCI {
     int ncontrollers_ = 0;
     int nports_ = 0;                           // over all controllers
     std::vector<usbip_imported_device> idev_;  // indexed by port number
-    std::string unsettled_;
+    std::uint64_t read_ = 0;                   // when; see CPortReservations
 };

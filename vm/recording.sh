@@ -8,7 +8,7 @@ start_server usbhid hid-generic evdev
 plug 1 usb-kbd
 
 # The request for the list of a server's devices, in the Linux USB/IP protocol.
-printf '\001\021\200\005\000\000\000\000' | timeout 2 nc 127.0.0.1 3240 >"$LOG_DIR/list" || true
+printf '\001\021\200\005\000\000\000\000' | timeout 5 nc 127.0.0.1 3240 >"$LOG_DIR/list" || true
 "$HOST_PROGRAM" --module "$MODULE" --exec "tee $LOG_DIR/to-remote |
     xj-usbip-remote --stdio --disk /tmp/disk.img --usbip 127.0.0.1/$(busid 1) --wait |
     tee $LOG_DIR/to-host" >>"$LOG_DIR/host.log" 2>&1 </dev/null 8>&- 9<&- &

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 enum UsbipCommand : std::uint32_t {
     USBIP_CMD_SUBMIT = 1,  // kernel to device
@@ -93,4 +94,19 @@ inline UsbipPduLength UsbipCmdSubmitLength(const usbip_header& header) {
 inline UsbipPduLength UsbipRetSubmitLength(const usbip_header& header, bool answers_out) {
     return {answers_out ? 0 : be32toh(header.u.ret_submit.actual_length),
             UsbipIsoBytes(header.u.ret_submit.number_of_packets)};
+}
+
+// What follows the header of a command, or of a reply; none when the header is of neither.
+inline std::optional<UsbipPduLength> UsbipCommandLength(const usbip_header& header) {
+    const std::uint32_t command = be32toh(header.command);
+    if (command == USBIP_CMD_SUBMIT) return UsbipCmdSubmitLength(header);
+    if (command == USBIP_CMD_UNLINK) return UsbipPduLength{};
+    return std::nullopt;
+}
+inline std::optional<UsbipPduLength> UsbipReplyLength(const usbip_header& header,
+                                                      bool answers_out) {
+    const std::uint32_t command = be32toh(header.command);
+    if (command == USBIP_RET_SUBMIT) return UsbipRetSubmitLength(header, answers_out);
+    if (command == USBIP_RET_UNLINK) return UsbipPduLength{};
+    return std::nullopt;
 }

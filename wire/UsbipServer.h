@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-inline constexpr char kUsbipServerPort[] = "3240";
+inline constexpr std::uint16_t kUsbipServerPort = 3240;
 inline constexpr std::uint16_t kUsbipServerVersion = 0x0111;
 
 enum UsbipOperation : std::uint16_t {

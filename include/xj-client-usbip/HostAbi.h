@@ -3,7 +3,8 @@
 // of virtual operations and the layout of the descriptor are fixed.
 //
 // Calling order: xjmod_get_entrypoint, descriptor->init, descriptor->create for each plug-in
-// (see PluginAbi.h for driving it), Release of each plug-in, descriptor->uninit, dlclose.
+// (see PluginAbi.h for driving it, and for the words When, Thread, Locks, Blocks and From), Release
+// of each plug-in, descriptor->uninit, dlclose.
 #pragma once
 
 #include <cstddef>
@@ -12,6 +13,7 @@
 #include "xj-client-usbip/Reference.h"
 
 // A typed value of the host's. Every Reserved slot belongs to the host; the module never calls it.
+// The others are called within `create`, on its thread, without a lock, and must not block.
 class IXJModData : public virtual IReference {
   public:
     enum Type : std::uint32_t { TypeInt = 2, TypeText = 4 };
@@ -25,7 +27,8 @@ class IXJModData : public virtual IReference {
     virtual std::int64_t asInt() = 0;  // 0 if not an integer
 };
 
-// What `create` is asked for. Keys and their types: see the constants below.
+// What `create` is asked for, and called within it, like its values. Keys and their types: see the
+// constants below.
 class IXJModPropertySet : public virtual IReference {
   public:
     // Borrowed: the module takes a reference of its own for as long as it reads the value.
@@ -41,15 +44,19 @@ inline constexpr char kInterfaceClientUsbipPlugin[] = "IClientUsbipPlugin";   //
 inline constexpr std::uint64_t kModuleVersion = 0x0001000000000000;
 
 // The host's runtime. It must outlive the time from `init` to `uninit`; the module takes no
-// reference. The module calls Log from any of its threads, but never from two at once, and holds
-// its runtime lock during the call: Log must not block for long and must not wait for another
-// thread of the module. It may log back into the module on the same thread.
-// No virtual destructor: the table has exactly these four slots.
+// reference. No virtual destructor: the table has exactly these four slots.
 class IXJModRuntime {
   public:
     // level: 1 lifecycle and device events, 4 failures and refused input, 8 detail.
     // text: NUL-terminated, at most 4095 bytes, valid only during the call.
+    //   When     from `init` to `uninit`
+    //   Thread   any of the module's, and those of the host in an operation of the module's; never
+    //            two at once
+    //   Locks    the module's runtime lock. It is recursive: what Log calls may log.
+    //   Blocks   briefly, since every thread of the module logs; never until another of them goes
+    //   on
     virtual void Log(int level, const char* text) = 0;
+
     // The module itself never calls the three below; their arguments are the host's own.
     virtual bool GetConfig(bool, const char*, const char*, IXJModData**, const char*) = 0;
     virtual bool SaveConfig(bool, const char*, const char*, const char*) = 0;
@@ -62,12 +69,28 @@ class IXJModRuntime {
 struct xjmod_entrypoint {
     std::uint64_t version;
     const char* name;
-    bool (*init)(void* runtime);              // IXJModRuntime*; false for null
-    void (*uninit)();                         // log lines are dropped from here on
-    bool (*create)(void* props, void** out);  // IXJModPropertySet*; *out: IClientUsbipPlugin* that
-                                              // holds one reference for the caller. *out is
-                                              // written only on success.
-    const char* build_time;                   // "Mmm dd yyyy hh:mm:ss"
+
+    // Makes `runtime`, an IXJModRuntime*, the one that log lines go to. False for null.
+    //   When     first; again to replace the runtime
+    //   Thread   any
+    //   Blocks   for a Log in progress on another thread
+    //   From     Log
+    bool (*init)(void* runtime);
+
+    // Log lines are dropped from here on, and no Log is in progress when it returns.
+    //   When     after the last Release of the last plug-in
+    //   Thread, Blocks, From   as init
+    void (*uninit)();
+
+    // Makes a plug-in as `props`, an IXJModPropertySet*, describes it. True: `*out` is an
+    // IClientUsbipPlugin* that holds one reference for the caller. False: `*out` is untouched.
+    //   When     after init
+    //   Thread   any
+    //   Blocks   never
+    //   From     Log, Read, Write
+    bool (*create)(void* props, void** out);
+
+    const char* build_time;  // "Mmm dd yyyy hh:mm:ss"
     std::uint64_t reserved[8];
 };
 static_assert(offsetof(xjmod_entrypoint, name) == 8 && offsetof(xjmod_entrypoint, init) == 16 &&

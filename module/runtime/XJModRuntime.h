@@ -11,7 +11,7 @@
 template <typename T>
 class CSingleton_T {
   public:
-    static T* Instance() {
+    static T* Instance() EXCLUDES(m_instanceMutex) {
         T* instance = m_pInstance.load(std::memory_order_acquire);
         if (instance != nullptr) return instance;
         CLockGuard guard(m_instanceMutex);
@@ -21,13 +21,16 @@ class CSingleton_T {
     }
 
   private:
-    static inline std::atomic<T*> m_pInstance{nullptr};
-    static inline CMutexLock m_instanceMutex;  // serialises the first construction
+    static inline std::atomic<T*> m_pInstance{nullptr};  // own synchronisation
+    static inline CMutexLock m_instanceMutex;  // serialises the first construction; innermost
 };
 
 // Threads: any. The lock is held while the host's operation runs, so the host is never entered
 // from two threads at once and its pointer cannot be cleared in the middle of a call. The lock is
 // recursive: a host operation may log back into the module.
+//
+// Lock order: since whoever logs takes this lock and the host may take long, no other lock of the
+// module is held while one logs. m_runLock of a device client is the exception, and comes first.
 class CXJModRuntime : public IXJModRuntime, public CSingleton_T<CXJModRuntime> {
   public:
     // Borrowed: the host keeps `runtime` alive until it is replaced or cleared with null.
@@ -39,6 +42,6 @@ class CXJModRuntime : public IXJModRuntime, public CSingleton_T<CXJModRuntime> {
     void* GetEnv(const char* name) override;
 
   private:
-    CMutexLock m_lock;  // guards m_pRuntime and every call through it
-    IXJModRuntime* m_pRuntime = nullptr;
+    CMutexLock m_lock;  // also held during every call through m_pRuntime
+    IXJModRuntime* m_pRuntime GUARDED_BY(m_lock) = nullptr;
 };

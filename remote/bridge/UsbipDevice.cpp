@@ -90,7 +90,7 @@ void UsbipDevice::Connect() {
 }
 
 void UsbipDevice::OnConnected() {
-    if (const int error = ConnectError(socket_.Get())) {
+    if (const int error = posix::ConnectError(socket_.Get())) {
         if (++address_ < server_.Addresses()) return Connect();
         return Fail("cannot connect: " + ErrorText(error));
     }

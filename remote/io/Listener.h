@@ -1,39 +1,43 @@
 // The address at which hosts connect: a TCP port or a Unix socket.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <memory>
 #include <string>
 
-#include "posix/UniqueFd.h"
+#include "posix/Socket.h"
 
 namespace remote {
 
 class Listener {
   public:
-    // `address`: "HOST:PORT" ("[HOST]:PORT" for IPv6; PORT 0 takes a free one) or "unix:PATH".
     // Null: `error` says why. A Unix socket without a listener behind it is replaced; ours is for
     // this user only.
-    static std::unique_ptr<Listener> Open(const std::string& address, std::string& error);
+    static std::unique_ptr<Listener> Open(const posix::Address& address, std::string& error);
     ~Listener();
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
 
-    int Fd() const { return socket_.Get(); }
-    const std::string& Name() const { return name_; }  // the address that is really bound
-    bool Private() const { return private_; }          // unreachable from other machines
+    // To wait for: readable when Accept may have a host.
+    int Fd() const { return paused_ ? pause_.Get() : socket_.Get(); }
+    std::string Name() const { return posix::Describe(bound_); }  // of what is really bound
+    bool Private() const { return private_; }                     // unreachable from other machines
 
-    posix::UniqueFd Accept();  // non-blocking; none: the host has gone again
+    // Non-blocking. None: the host has gone again, or cannot be had and waits for a second attempt.
+    posix::UniqueFd Accept();
 
   private:
     Listener() = default;
-    static std::unique_ptr<Listener> OpenUnix(const std::string& path, std::string& error);
-    static std::unique_ptr<Listener> OpenTcp(const std::string& host, const std::string& port,
-                                             std::string& error);
+    // False: see errno.
+    bool Bind(const posix::Address& address, const posix::SocketAddress& place);
 
     posix::UniqueFd socket_;
-    std::string name_;
+    posix::UniqueFd pause_;  // a timer
+    bool paused_ = false;    // until it expires
+    posix::Address bound_;   // without a name before it is
+    struct stat file_ {};    // of a Unix socket
     bool private_ = true;
-    std::string unlink_path_;
 };
 
 }  // namespace remote

@@ -1,9 +1,12 @@
 #include "remote/io/Log.h"
 
+#include <unistd.h>
+
 #include <array>
 #include <cstdarg>
 #include <cstdio>
-#include <system_error>
+
+#include "posix/StandardStreams.h"
 
 namespace remote {
 
@@ -13,11 +16,7 @@ void Log(const char* format, ...) {
     va_start(arguments, format);
     std::vsnprintf(line.data(), line.size(), format, arguments);
     va_end(arguments);
-    std::fprintf(stderr, "xj-usbip-remote: %s\n", line.data());
-}
-
-std::string ErrorText(int error) {
-    return std::generic_category().message(error);
+    posix::Tell(STDERR_FILENO, std::string("xj-usbip-remote: ") + line.data() + '\n');
 }
 
 }  // namespace remote

@@ -1,14 +1,13 @@
 // Log lines on standard error.
 #pragma once
 
-#include <string>
+#include "posix/Error.h"
 
 namespace remote {
 
 // Writes one line (without its newline in `format`) in one piece, cut at 1 KiB.
 void Log(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// The text of errno value `error`.
-std::string ErrorText(int error);
+using posix::ErrorText;
 
 }  // namespace remote

@@ -2,6 +2,7 @@
 // would.
 #include "host/Host.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -13,36 +14,10 @@
 #include <sstream>
 
 #include "fakes/Patience.h"
-#include "host/Connect.h"
 #include "host/Doctor.h"
 
 namespace host {
 namespace {
-
-// What is wrong with an address, or else the address as it was understood.
-std::string parsed(const std::string& text) {
-    Target target;
-    const std::string problem = ParseAddress(text, target);
-    return problem.empty() ? Describe(target) : problem;
-}
-
-TEST(AddressTest, IsHostAndPortOrAPath) {
-    const std::string longest = "unix:" + std::string(107, 'p');
-    for (const std::string text : {"box:9", "[::1]:65535", "unix:/run/usb:1.sock", longest.c_str()})
-        EXPECT_EQ(text, parsed(text));
-    const std::pair<std::string, std::vector<std::string>> refused[] = {
-        {"the path of a Unix socket has at most 107 bytes", {longest + "p"}},
-        {"the path after unix: is missing", {"unix:"}},
-        {"expected HOST:PORT or unix:PATH", {"", "box"}},
-        {"the host before the colon is missing", {":9000"}},
-        {"an IPv6 address stands in brackets: [::1]:9000", {"::1:9", "[::1:9", "[]:9", "fe80::1"}},
-        {"the port is a number from 1 to 65535",
-         {"box:", "box:0", "box:65536", "box:-1", "box: 80", "box:80x", "box:9999999999999"}},
-    };
-    for (const auto& [reason, texts] : refused)
-        for (const auto& text : texts)
-            EXPECT_EQ(reason, parsed(text)) << text;
-}
 
 TEST(BackoffTest, PausesDoubleUpToALimitAndStartAgainAfterAGoodStream) {
     Backoff backoff;
@@ -62,9 +37,12 @@ TEST(DoctorTest, SaysWhatItFoundAndWhatStandsInTheWay) {
         {{{"attach", ""}}, {"status cannot be read", "cannot attach"}},
         {{{"attach", ""}, {"status", "header\n" + used}}, {"No port is free", "cannot attach"}},
         {{{"status", free}}, {"may not write", "cannot attach"}},
-        {{{"attach", ""}, {"status", odd}}, {"5 status line(s) not understood", "cannot attach"}},
+        {{{"attach", ""}, {"status", odd}}, {"3 status line(s) not understood", "cannot attach"}},
         // The last file stands behind a gap: it is not this driver's.
-        {{{"attach", ""}, {"status", free + used + used}, {"status.1", free}, {"status.3", free}},
+        {{{"attach", ""},
+          {"status", free + used + used},
+          {"status.1", "header\nhs  0002 004 000 00000000\n"},  // as the module reads it
+          {"status.3", free}},
          {"(hs): 2 free, 0 in use", "(ss): 0 free, 2 in use", "can be created", "can attach"}},
     };
     const std::string root = testing::TempDir() + "doctor-" + std::to_string(::getpid());
@@ -87,7 +65,7 @@ class StreamTest : public testing::Test {
     StreamTest() {
         int pair[2];
         EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
-        stream_ = new SocketStream(posix::UniqueFd(socket_ = pair[0]));
+        stream_ = new SocketStream(socket_ = pair[0]);
         peer_ = posix::UniqueFd(pair[1]);
     }
 
@@ -142,9 +120,12 @@ std::string receive(const posix::UniqueFd& socket, std::size_t size) {
     return bytes.substr(0, static_cast<std::size_t>(std::max(count, ssize_t{0})));
 }
 
+const std::string kContent(4096, 'x');  // of the image
+
 class ProgramTest : public testing::Test {
   protected:
     ProgramTest() {
+        std::ofstream(image_) << kContent;
         EXPECT_EQ(0, ::listen(listener_.Get(), 0));  // at any port, with a backlog of one
         ::setsockopt(listener_.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatient, sizeof kPatient);
         sockaddr_in address{};
@@ -154,22 +135,26 @@ class ProgramTest : public testing::Test {
         target_ = "localhost:" + std::to_string(port_);
     }
 
+    ~ProgramTest() override { std::filesystem::remove(image_); }
+
     posix::UniqueFd Accept() const {
         return posix::UniqueFd(::accept(listener_.Get(), nullptr, nullptr));
     }
 
-    // Both of its outputs come to us.
-    void Start(const std::string& arguments) {
-        program_ = Child::Start("exec " COMMAND " " + arguments + " 2>&1", output_, seen_);
+    // All three of the program's standard streams are ours.
+    void Run(const std::string& command) {
+        program_ = Child::Start("exec " + command + " 2>&1", output_, seen_);
     }
+    void Start(const std::string& arguments) { Run(COMMAND " " + arguments); }
 
-    // Reads on until the output holds `text`, and forgets the output up to there.
+    // Reads on until the output holds `text`, and splits the output there.
     void ExpectOutput(const std::string& text) {
         for (std::string next; seen_.find(text) == std::string::npos; seen_ += next) {
             next = receive(output_, 1);
             ASSERT_FALSE(next.empty()) << text << " is not in " << seen_;
         }
-        seen_.erase(0, seen_.find(text) + text.size());
+        before_ = seen_.substr(0, seen_.find(text));
+        seen_.erase(0, before_.size() + text.size());
     }
 
     static void ExchangeVersions(const posix::UniqueFd& peer) {
@@ -185,12 +170,14 @@ class ProgramTest : public testing::Test {
         return program_->Wait(kPromptMs) ? program_->End() : "still running";
     }
 
+    const std::string image_ = testing::TempDir() + "host-" + std::to_string(::getpid()) + ".img";
     const posix::UniqueFd listener_{::socket(AF_INET, SOCK_STREAM, 0)};
     unsigned port_ = 0;
     std::string target_;  // names it
     std::unique_ptr<Child> program_;
     posix::UniqueFd output_;
-    std::string seen_;  // of the output
+    std::string before_;  // of the output, what came before the text waited for last
+    std::string seen_;    // and behind it
 };
 
 TEST_F(ProgramTest, TheModuleAnswersOverTheStreamAndOverTheNextUntilSigterm) {
@@ -255,14 +242,88 @@ TEST_F(ProgramTest, ACommandIsAskedToEndAndThenMadeTo) {
     }
 }
 
+// Over a socket, where the remote side goes first, and over a pipe, where the host does.
+TEST_F(ProgramTest, TheHostAndTheRemoteSideEndTogether) {
+    Run(REMOTE " --listen 0.0.0.0:0 --wait --usbip [::1]:1/1-1 --disk " + image_);
+    ExpectOutput("0.0.0.0:");  // whom the warning is about
+    ExpectOutput("listening on 0.0.0.0:");
+    ExpectOutput("\n");
+    const auto remote = std::move(program_);
+    const posix::UniqueFd terminal = std::move(output_);
+    Start("--connect localhost:" + before_);
+    ExpectOutput("] map device 1, busid 1 portid 1 instanceid disk1 host-");
+    EXPECT_EQ(5, ::send(terminal.Get(), "quit\n", 5, 0));
+    EXPECT_EQ(kStatus + "1", Exit());
+    ExpectOutput("the remote side ended it");
+    EXPECT_TRUE(remote->Wait(kPromptMs));
+    EXPECT_EQ(kStatus + "0", remote->End());
+
+    Start("--exec '" REMOTE " --stdio --usbip [::1]:1/1-1 --disk " + image_ + "'");
+    ExpectOutput("xj-usbip-remote: [::1]:1: Connection refused");
+    ExpectOutput("] map device 1, ");
+    EXPECT_EQ(kStatus + "0", Exit(SIGTERM));
+    ExpectOutput("device 1: URBs in 0");
+}
+
+// Not a line of theirs gets into a stream or an image, which take the places of what is closed.
+TEST_F(ProgramTest, StandardStreamsMayBeClosed) {
+    const std::string closed = " <&- >&- 2>&-";
+    Run("sh -c 'exec " COMMAND " --log-level 1,4,8 --connect " + target_ + closed + "'");
+    ExchangeVersions(Accept());
+    EXPECT_EQ(kStatus + "1", Exit());
+    Run("sh -c 'exec " REMOTE " --stdio --disk " + image_ + closed + "'");
+    EXPECT_EQ(kStatus + "0", Exit());
+    std::ostringstream image;
+    image << std::ifstream(image_).rdbuf();
+    EXPECT_TRUE(image.str() == kContent);
+}
+
+TEST_F(ProgramTest, OutputThatNobodyReadsKeepsNobodyFromEnding) {
+    int ends[2];
+    ASSERT_EQ(0, ::pipe2(ends, O_NONBLOCK));
+    const posix::UniqueFd reader(ends[0]);
+    const posix::UniqueFd writer(ends[1]);
+    while (::write(ends[1], kContent.data(), kContent.size()) > 0)
+        continue;
+    const std::string full =
+        "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(ends[1]);
+    Run("sh -c 'exec " COMMAND " --connect " + target_ + " 2>" + full + "'");
+    ExchangeVersions(Accept());
+    EXPECT_EQ(kStatus + "0", Exit(SIGTERM));
+    Run("sh -c 'exec " REMOTE " --list " + target_ + " >" + full + " 2>&1'");
+    Accept();
+    EXPECT_EQ(kStatus + "1", Exit());
+}
+
+TEST_F(ProgramTest, InTheBackgroundOfATerminalAKeyDoesNotStopTheRemoteSide) {
+    Run("script -qec \"sh -mc '" REMOTE " --listen 127.0.0.1:0 --disk " + image_ +
+        " & echo pid \\$!.; wait'\" /dev/null");
+    ExpectOutput("pid ");
+    ExpectOutput(".");
+    const pid_t pid = std::stoi(before_);
+    ExpectOutput("listening on");
+    EXPECT_EQ(4, ::send(output_.Get(), "key\n", 4, 0));
+    ExpectOutput("key");  // the terminal's echo
+    ::kill(pid, SIGTERM);
+    ExpectOutput("device 1: URBs in 0");
+}
+
 TEST_F(ProgramTest, WhatCannotWorkIsTold) {
-    for (const char* arguments : {"", "--connect box:1 --exec true", "--connect box", "nonsense"}) {
-        Start(arguments);
-        EXPECT_EQ(kStatus + "2", Exit()) << arguments;
-        ExpectOutput("Run with --help");
+    const std::pair<std::string, std::string> cases[] = {
+        {COMMAND, "2: xj-usbip-host: one of"},
+        {COMMAND " --connect unix:/dev/null", "1: cannot open unix:/dev/null: Connection refused"},
+        {REMOTE " --stdio --disk /no/image", "1: xj-usbip-remote: /no/image: No such file"},
+        {REMOTE " --stdio --usbip [::1]:1/1-1", "1: there is no device to offer"},
+        {REMOTE " --listen unix:/no/socket --disk /dev/null", "1: /dev/null: "},
+        {REMOTE " --list [::1]:1", "1: cannot list devices: [::1]:1: Connection refused"},
+    };
+    for (const auto& [command, outcome] : cases) {
+        Run(command);
+        EXPECT_EQ(kStatus + outcome.front(), Exit()) << command;
+        ExpectOutput(outcome.substr(3));
     }
-    Start("--connect unix:/dev/null");
-    ExpectOutput("cannot open unix:/dev/null: Connection refused");
+    EXPECT_EQ(
+        1, RunHost({.doctor = false, .module = "/dev/null", .log_levels = {}, .target = {}}, -1));
 }
 
 }  // namespace

@@ -16,8 +16,6 @@ namespace remote::test {
 
 inline constexpr bool kIn = true;
 inline constexpr bool kOut = false;
-inline const std::string kInAddress = "81";  // as in requests on endpoint 0
-inline const std::string kOutAddress = "02";
 inline constexpr std::uint32_t kShortNotOk = 1;  // a transfer flag
 inline constexpr std::uint16_t kBlocks = 200;    // of the disk
 inline const std::string kTag = "tag.";
@@ -30,17 +28,17 @@ inline std::string Cbw(bool in, std::uint32_t length, std::string block) {
 }
 
 // A command block of 10 bytes with an address and a count of blocks.
-enum Operation : char { kRead = 0x28, kWrite = 0x2A, kVerify = 0x2F };
-inline std::string Block10(Operation operation, std::uint32_t block, std::uint16_t blocks,
-                           char flags = 0) {
-    return std::string{operation, flags} + ::Bytes(htobe32(block)) + '\0' +
-           ::Bytes(htobe16(blocks)) + '\0';
+enum Operation : char { kReadCapacity = 0x25, kRead = 0x28, kWrite = 0x2A };
+inline std::string Block10(Operation operation, std::uint32_t block, std::uint16_t blocks) {
+    return std::string{operation, 0} + ::Bytes(htobe32(block)) + '\0' + ::Bytes(htobe16(blocks)) +
+           '\0';
 }
 
 class DiskTest : public testing::Test, public ReplySink {
   protected:
-    struct Answer {  // to a URB or an unlink
-        int status = -1;
+    static constexpr int kNone = 1;  // no status is positive
+    struct Answer {                  // to a URB or an unlink
+        int status = kNone;
         std::uint32_t actual = 0;
         std::string data = {};
     };
@@ -48,17 +46,20 @@ class DiskTest : public testing::Test, public ReplySink {
     DiskTest() {
         for (std::uint16_t block = 0; block < kBlocks; ++block)
             EXPECT_EQ(write(file_.Get(), Content(block).data(), 512), 512);
-        Plug(false);
+        Plug();
     }
-    void Plug(bool read_only) {
+    void Plug(UsbSpeed speed = UsbSpeed::kHigh, bool read_only = false) {
         std::string error;
         disk_.reset();  // its lock, too
         auto image = DiskImage::Open(path_, read_only, error);
         EXPECT_TRUE(image) << error;
-        disk_ = std::make_unique<UsbDisk>(std::move(image).value(), UsbSpeed::kHigh, "disk",
-                                          "0123456789ABCDEF");
+        disk_ = std::make_unique<UsbDisk>(std::move(image).value(), speed, "disk", "0123456789AB");
+        Attach();
+    }
+    void Attach() {
         disk_->Attach(*this);
-        EXPECT_EQ(Control("00 09 01 00 00 00 00 00"), 0) << "SET_CONFIGURATION";
+        EXPECT_EQ(In(13).status, -EPIPE) << "not configured yet";
+        EXPECT_EQ(Control("00 09 01 00 00 00 00 00"), "") << "SET_CONFIGURATION";
     }
     // Of a block that has not been written.
     static std::string Content(int block) { return std::string(512, static_cast<char>(block)); }
@@ -74,8 +75,8 @@ class DiskTest : public testing::Test, public ReplySink {
         return Start(With(offsetof(usbip_header, u.cmd_submit.transfer_flags), flags, pdu));
     }
     Answer In(std::uint32_t length) { return Take(StartIn(length)); }
-    Answer Out(const std::string& data) {
-        return Take(Start(With(kEndpoint, 2, SubmitOut(++seqnum_, data))));
+    Answer Out(const std::string& data, std::uint32_t packets = 0) {
+        return Take(Start(With(kEndpoint, 2, SubmitOut(++seqnum_, data, packets))));
     }
     int Unlink(std::uint32_t target) {
         return Take(Start(With(kTarget, target, ::Unlink(++seqnum_)))).status;
@@ -83,38 +84,41 @@ class DiskTest : public testing::Test, public ReplySink {
 
     void Reply(remote::Bytes pdu) override {
         const auto header = LoadRaw<usbip_header>(pdu.data());
-        const Answer answer{static_cast<int>(be32toh(header.u.ret_submit.status)),
-                            be32toh(header.u.ret_submit.actual_length),
-                            {pdu.begin() + sizeof header, pdu.end()}};
         EXPECT_EQ(header.u.ret_submit.number_of_packets, 0U);
-        EXPECT_TRUE(answers_.emplace(be32toh(header.seqnum), answer).second) << "two answers";
+        Answer& answer = answers_[be32toh(header.seqnum)];
+        EXPECT_EQ(answer.status, kNone) << "two answers";
+        answer = {static_cast<int>(be32toh(header.u.ret_submit.status)),
+                  be32toh(header.u.ret_submit.actual_length),
+                  {pdu.begin() + sizeof header, pdu.end()}};
     }
-    bool Answered(std::uint32_t seqnum) const { return answers_.count(seqnum) != 0; }
-    Answer Take(std::uint32_t seqnum) {
-        auto answer = answers_.extract(seqnum);
-        EXPECT_TRUE(answer) << "no answer to " << seqnum;
-        return answer ? answer.mapped() : Answer{};
-    }
+    Answer Take(std::uint32_t seqnum) { return std::exchange(answers_[seqnum], Answer{}); }
 
     // --- requests on endpoint 0 ---
 
-    // `text`: the 8 bytes of the setup packet.
-    int Control(const std::string& text) {
-        const std::string setup = FromHex(text);
-        const auto length = le16toh(Parse<std::uint16_t>(setup.substr(6)));
-        std::string pdu = SubmitOut(++seqnum_, std::string(length, '\0'));
-        if ((setup[0] & 0x80) != 0) pdu = SubmitIn(seqnum_, length);
-        const Answer answer = Take(Start(pdu.replace(kSetup, setup.size(), setup)));
-        data_ = answer.data;
-        return answer.status;
+    // `setup`: its 8 bytes; `pdu`: a command with the sequence number seqnum_.
+    Answer Request(const std::string& setup, std::string pdu) {
+        return Take(Start(pdu.replace(kSetup, 8, FromHex(setup))));
     }
-    bool Halted(const std::string& address) {
-        return Control("82 00 00 00 " + address + " 00 02 00") == 0 && data_.at(0) == 1;
+    // The data of the answer, or "stall".
+    std::string Control(const std::string& setup) {
+        const std::string bytes = FromHex(setup);
+        const auto length = le16toh(Parse<std::uint16_t>(bytes.substr(6)));
+        const bool in = (bytes[0] & 0x80) != 0;
+        const Answer answer = Request(setup, in ? SubmitIn(++seqnum_, length)
+                                                : SubmitOut(++seqnum_, std::string(length, 'c')));
+        if (answer.status == -EPIPE) return "stall";
+        EXPECT_EQ(answer.status, 0);
+        EXPECT_EQ(answer.actual, in ? answer.data.size() : length);
+        return answer.data;
+    }
+    bool Halted(bool in) {
+        return Control("82 00 00 00 " + Address(in) + " 02 00") == FromHex("01 00");
     }
     void ClearHalts() {
-        for (const std::string& address : {kInAddress, kOutAddress})
-            EXPECT_EQ(Control("02 01 00 00 " + address + " 00 00 00"), 0);
+        for (const bool in : {kIn, kOut})
+            EXPECT_EQ(Control("02 01 00 00 " + Address(in) + " 00 00"), "");
     }
+    static std::string Address(bool in) { return in ? "81 00" : "02 00"; }
 
     // --- commands ---
 
@@ -133,29 +137,31 @@ class DiskTest : public testing::Test, public ReplySink {
         EXPECT_EQ(Out(Cbw(in, length, block)).status, 0);
         if (length == 0) return Status();
         const Answer stage = in ? In(length) : Out(std::string(length, 'd'));
-        const bool halted = Halted(in ? kInAddress : kOutAddress);
-        EXPECT_EQ(stage.status, halted ? -EPIPE : 0);
+        EXPECT_EQ(stage.status, Halted(in) ? -EPIPE : 0);
         ClearHalts();
         data_ = stage.data;
-        return (halted ? "stall " : "ok ") + std::to_string(stage.actual) + ", " + Status();
+        return (stage.status != 0 ? "stall " : "ok ") + std::to_string(stage.actual) + ", " +
+               Status();
     }
-    // What a command sends that is expected to send as much as this.
-    std::string Fetch(std::uint32_t length, const std::string& block) {
-        EXPECT_EQ(Run(kIn, length, block), "ok " + std::to_string(length) + ", passed 0");
+    // What a command sends to a host that has room for `length` bytes.
+    std::string Fetch(const std::string& block, std::uint32_t length = 255) {
+        const std::string outcome = Run(kIn, length, block);
+        EXPECT_EQ(outcome, "ok " + std::to_string(data_.size()) + ", passed " +
+                               std::to_string(length - data_.size()));
         return data_;
     }
     // The key and code that REQUEST SENSE reports.
-    std::pair<int, int> Sense() {
-        const std::string sense = Fetch(18, FromHex("03 00 00 00 12 00"));
+    std::string Sense() {
+        const std::string sense = Fetch(FromHex("03 00 00 00 FF 00"));
         return {sense.at(2), sense.at(12)};
     }
 
     const posix::UniqueFd file_{memfd_create("disk", MFD_CLOEXEC)};
     const std::string path_ = "/proc/self/fd/" + std::to_string(file_.Get());
     std::unique_ptr<UsbDisk> disk_;
-    std::map<std::uint32_t, Answer> answers_;  // not taken yet
+    std::map<std::uint32_t, Answer> answers_;  // by sequence number; not taken yet
     std::uint32_t seqnum_ = 100;
-    std::string data_;  // of the last control request or command
+    std::string data_;  // of the last command
 };
 
 }  // namespace remote::test

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
 
 #include <memory>
@@ -20,8 +21,7 @@ namespace remote::test {
 // A connected socket. Every wait ends with a failure at last, and after it all that follow at once.
 class Peer : public posix::UniqueFd {
   public:
-    Peer() = default;
-    explicit Peer(int fd) : posix::UniqueFd(fd) {
+    explicit Peer(int fd = -1) : posix::UniqueFd(fd) {
         const timeval patience{kPatience.count(), 0};
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
@@ -64,6 +64,8 @@ class Peer : public posix::UniqueFd {
     }
 };
 
+inline const std::string kGreeting = ::Message(kUsbipVersionRsp, ::Bytes(kUsbipProtocolVersion));
+
 // The client's side of the channel, as far as a script needs it.
 class Host : public Peer {
   public:
@@ -78,7 +80,7 @@ class Host : public Peer {
     }
     std::uint32_t Greet() const {  // returns the flags of the version request
         const std::uint32_t flags = Next<usbip_version_req>(kUsbipVersionReq).flags;
-        Write(::Message(kUsbipVersionRsp, ::Bytes(kUsbipProtocolVersion)));
+        Write(kGreeting);
         return flags;
     }
     usbip_dev_map Mapped() const { return Next<usbip_dev_map>(kUsbipDevMap); }
@@ -94,6 +96,19 @@ class Host : public Peer {
     }
 };
 
+// Two connected sockets.
+struct Link {
+    Link() {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        fcntl(ends[1], F_SETFL, O_NONBLOCK);
+        ours = Host(ends[0]);
+        theirs = posix::UniqueFd(ends[1]);
+    }
+    Host ours;
+    posix::UniqueFd theirs;  // does not block
+};
+
 class ServerTest : public testing::Test {
   protected:
     ServerTest() { signal(SIGPIPE, SIG_IGN); }
@@ -104,19 +119,20 @@ class ServerTest : public testing::Test {
 
     // Serves `devices_`, if there are new ones, to whoever comes to `listener_` or has this link.
     void Serve(HostLink link = {}, bool compress = false) {
-        const Server::Controls controls{-1, controls_.Get(), controls_.Get()};
+        const int terminal = terminal_.theirs.Get();
+        const Server::Controls controls{signals_.theirs.Get(), terminal, terminal};
         if (!devices_.empty())
             server_ = std::make_unique<Server>(std::exchange(devices_, {}), compress, controls);
         thread_ = std::jthread([this, link = std::move(link)]() mutable {
             served_ = listener_ ? server_->Run(*listener_) : server_->Run(std::move(link));
         });
     }
-    // Serves one host at a socket pair, `host_`. Returns the flags of the version request.
+    // Serves one host, `host_`. Returns the flags of the version request.
     std::uint32_t ServeHost(bool compress = false) {
-        const auto [ours, theirs] = Pair();
-        fcntl(theirs, F_SETFL, O_NONBLOCK);
-        host_ = Host(ours);
-        Serve({posix::UniqueFd(theirs), {}}, compress);
+        Link link;
+        host_ = std::move(link.ours);
+        posix::UniqueFd output(dup(link.theirs.Get()));
+        Serve({std::move(link.theirs), std::move(output)}, compress);
         return host_.Greet();
     }
     bool Finish() {  // waits for the server's end and returns its verdict
@@ -124,10 +140,15 @@ class ServerTest : public testing::Test {
         return served_;
     }
 
-    void Type(const std::string& command) const { terminal_.Write(command + '\n'); }
+    void Type(const std::string& command) const { terminal_.ours.Write(command + '\n'); }
     void ExpectAnswer(const std::string& command, const std::string& lines) const {
         Type(command);
-        EXPECT_EQ(terminal_.Read(lines.size() + 1), lines + '\n') << command;
+        EXPECT_EQ(terminal_.ours.Read(lines.size() + 1), lines + '\n') << command;
+    }
+    void Signal(std::uint32_t number) const {
+        signalfd_siginfo info{};
+        info.ssi_signo = number;
+        signals_.ours.Write(::Bytes(info));
     }
 
     Host host_;
@@ -135,14 +156,8 @@ class ServerTest : public testing::Test {
     std::unique_ptr<Listener> listener_;
 
   private:
-    static std::pair<int, int> Pair() {
-        int ends[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-        return {ends[0], ends[1]};
-    }
-    const std::pair<int, int> ends_ = Pair();
-    const Peer terminal_{ends_.first};
-    const posix::UniqueFd controls_{ends_.second};
+    const Link terminal_;
+    const Link signals_;
     std::unique_ptr<Server> server_;
     bool served_ = false;
     std::jthread thread_;  // last: it ends before what it uses

@@ -41,8 +41,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const std::string kGreeting = ::Message(kUsbipVersionRsp, ::Bytes(kUsbipProtocolVersion));
-
 // `text` says `what`.
 void ExpectIn(const std::string& text, const std::string& what) {
     EXPECT_NE(text.find(what), std::string::npos) << "no '" << what << "' in '" << text << "'";
@@ -66,10 +64,10 @@ TEST_F(AttackedDisk, WhoWritesToAnImageIsAlone) {
         {true, false, ": in use, by another program"},
     };
     for (const auto& [first_reads, second_reads, error] : cases) {
-        Plug(first_reads);
+        Plug(UsbSpeed::kHigh, first_reads);
         ExpectIn(Open(second_reads), path_ + error);
     }
-    Plug(true);
+    Plug(UsbSpeed::kHigh, true);
     EXPECT_EQ(Open(true), "");
     disk_.reset();
     EXPECT_EQ(Open(false), "");
@@ -93,7 +91,7 @@ TEST_F(AttackedDisk, DataThatCouldNotBeMadeSafeIsTold) {
         for (const int result : {0, -1}) {
             syncs = 0;
             sync_result = result;
-            Plug(false);
+            Plug();
             EXPECT_EQ(Run(kOut, 512, Block10(kWrite, 1, 1)), "ok 512, passed 0");
             if (stops) {
                 EXPECT_EQ(Run(kOut, 0, FromHex("1B 00 00 00 00 00")),
@@ -101,15 +99,13 @@ TEST_F(AttackedDisk, DataThatCouldNotBeMadeSafeIsTold) {
                 EXPECT_EQ(syncs, 1);
                 sync_result = 0;  // the kernel tells of it once
             }
-            int ends[2];
-            ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
-            const Peer host(ends[0]);
-            host.Write(kGreeting);
-            shutdown(host.Get(), SHUT_WR);
+            Link link;
+            link.ours.Write(kGreeting);
+            shutdown(link.ours.Get(), SHUT_WR);
             std::vector<std::unique_ptr<Device>> devices;
             devices.push_back(std::move(disk_));
             Server server(std::move(devices), false, {});
-            EXPECT_EQ(server.Run({posix::UniqueFd(ends[1]), {}}), result == 0);
+            EXPECT_EQ(server.Run({std::move(link.theirs), {}}), result == 0);
             EXPECT_EQ(syncs, 1);
         }
     }
@@ -139,14 +135,12 @@ TEST(AttackedSession, EndsAndSaysWhy) {
     };
     largest_allocation = kMegabyte.size();
     for (const auto& [reason, bytes] : cases) {
-        int ends[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
-        const Peer host(ends[0]);
+        Link link;
         std::list<Slot> slots;
-        Session session({posix::UniqueFd(ends[1]), {}}, slots, false);
+        Session session({std::move(link.theirs), {}}, slots, false);
         testing::internal::CaptureStderr();
         for (std::string_view left = bytes; !left.empty() && !session.Over();) {
-            const ssize_t sent = send(host.Get(), left.data(), left.size(), MSG_DONTWAIT);
+            const ssize_t sent = send(link.ours.Get(), left.data(), left.size(), MSG_DONTWAIT);
             if (sent > 0) left.remove_prefix(static_cast<std::size_t>(sent));
             session.OnReadable();
         }

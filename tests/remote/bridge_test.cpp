@@ -18,11 +18,12 @@ class FakeServer {
         socklen_t size = sizeof address;
         EXPECT_EQ(bind(fd_.Get(), reinterpret_cast<sockaddr*>(&address), size), 0);
         getsockname(fd_.Get(), reinterpret_cast<sockaddr*>(&address), &size);
-        name = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+        port = ntohs(address.sin_port);
+        name = "127.0.0.1:" + std::to_string(port);
     }
     UsbipServer Address() const {
         std::string error;
-        return UsbipServer::Resolve(name, error).value();
+        return UsbipServer::Resolve({.name = "127.0.0.1", .port = port}, -1, error).value();
     }
     // Until then, connections are refused.
     void Listen() const { EXPECT_EQ(listen(fd_.Get(), 8), 0); }
@@ -39,6 +40,7 @@ class FakeServer {
         return peer;
     }
 
+    std::uint16_t port = 0;
     std::string name;
 
   private:
@@ -99,9 +101,8 @@ TEST_F(BridgeTest, EveryHostGetsTheDeviceAsTheServerDescribesItAndItWorks) {
         for (const char byte : ::Bytes(ImportReply("1-1")))
             device.server.Write({&byte, 1});
         const usbip_dev_map map = host_.Mapped();
-        EXPECT_EQ((std::vector<std::uint32_t>{map.dev.busid, map.dev.portid, map.dev.speed,
-                                              map.dev.vid, map.dev.pid}),
-                  (std::vector<std::uint32_t>{3, 9, 2, 0x046D, 0xC31C}));
+        EXPECT_EQ(::Bytes(map.dev).substr(offsetof(_USBIP_DEV, busid), 16),
+                  FromHex("03 00 00 00 09 00 00 00 02 00 00 00 6D 04 1C C3"));
         EXPECT_EQ(map.dev.instanceid, fake_.name + "/1-1 046d:c31c");
         device.devid = map.devid;
         ExpectWorks(device);
@@ -185,32 +186,30 @@ TEST_F(BridgeTest, HostThatStopsReadingIsHeldBackAndHoldsTheServerBack) {
 }
 
 // Driven by hand: nobody waits for the deadline.
-TEST(UsbipDevice, EndsForGoodWhenTheServerLeavesAnUnlinkUnanswered) {
+TEST_F(BridgeTest, ServerThatLeavesAnUnlinkUnansweredLosesTheDeviceForGood) {
     struct : ReplySink {
         void Reply(Bytes) override {}
     } sink;
-    const FakeServer fake;
-    fake.Listen();
-    UsbipDevice device(fake.Address(), "1-1", false);
+    fake_.Listen();
+    UsbipDevice device(fake_.Address(), "1-1", false);
     device.Acquire();
-    const Peer server = fake.Accept();
+    const Peer server = fake_.Accept();
     device.OnEvents(POLLOUT);
     server.Write(::Bytes(ImportReply("1-1")));
     ASSERT_TRUE(Eventually([&] { return device.OnEvents(POLLIN), device.Present(); }));
     device.Attach(sink);
-    device.TakeCommand(Decoded(SubmitIn(0, 8)));
-    device.TakeCommand(Decoded(Unlink(1)));
+    for (const std::string& pdu : {SubmitIn(0, 8), Unlink(1)})
+        device.TakeCommand(Decoded(pdu));
     EXPECT_GT(device.Deadline(), Clock::now());
     device.OnDeadline();
-    EXPECT_FALSE(device.Present());
-    EXPECT_FALSE(device.Deadline()) << "not to come back";
+    EXPECT_FALSE(device.Present() || device.Deadline()) << "not to come back";
 }
 
 TEST(UsbipServer, ListsItsDevicesOrSaysWhyNot) {
     const std::string whole = ::Bytes(ListReply(1)) + ::Bytes(ImportReply("1-1").device);
     const FakeServer fake;
     std::string error;
-    EXPECT_FALSE(fake.Address().List(error)) << "connections are refused";
+    EXPECT_FALSE(fake.Address().List(-1, error)) << "connections are refused";
     fake.Listen();
     for (const bool good : {true, false}) {
         const std::jthread server([&] {
@@ -218,17 +217,9 @@ TEST(UsbipServer, ListsItsDevicesOrSaysWhyNot) {
             EXPECT_EQ(peer.Read(8), FromHex("01 11 80 05 00 00 00 00"));
             peer.Write(whole.substr(0, whole.size() - (good ? 0 : 1)));
         });
-        EXPECT_EQ(fake.Address().List(error).has_value(), good) << error;
+        EXPECT_EQ(fake.Address().List(-1, error).has_value(), good) << error;
     }
     EXPECT_NE(error.find("in the middle of its answer"), std::string::npos) << error;
-}
-
-TEST(UsbipServer, NamesCarryAPortOrNot) {
-    std::string error;
-    for (const char* name : {"127.0.0.1", "[::1]", "[::1]:3240"})
-        EXPECT_TRUE(UsbipServer::Resolve(name, error)) << name << ": " << error;
-    for (const char* name : {"", ":3240", "127.0.0.1:", "127.0.0.1:usb", "[::1", "[::1]3240"})
-        EXPECT_FALSE(UsbipServer::Resolve(name, error)) << name;
 }
 
 }  // namespace

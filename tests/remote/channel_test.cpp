@@ -1,23 +1,14 @@
-// Messages out of the stream and into it.
-#include <sys/mman.h>
-#include <unistd.h>
-
+// Messages of a host out of the stream.
 #include <algorithm>
 #include <tuple>
 
 #include "Pdus.h"
-#include "posix/UniqueFd.h"
 #include "remote/channel/MessageReader.h"
-#include "remote/channel/MessageWriter.h"
 
 namespace remote::test {
 namespace {
 
 constexpr std::uint32_t kDevid = 7;
-
-std::string Compressed(const std::string& pdu) {
-    return ForwardMessage(kDevid, Deflated(pdu), static_cast<std::uint32_t>(pdu.size()));
-}
 
 // Feeds the stream in pieces of `piece` bytes. Returns the PDUs that come out, one behind the
 // other, or what is wrong.
@@ -42,11 +33,14 @@ std::string Feed(std::string_view stream, std::size_t piece) {
 }
 
 TEST(Channel, MessagesComeOutWholeInPiecesOfAnySize) {
-    const std::string small = SubmitOut(1, "data"), large = SubmitOut(2, kMegabyte);
-    const std::string stream = ForwardMessage(kDevid, small) + ForwardMessage(kDevid, large) +
-                               Compressed(large) + Compressed(Unlink(3));
+    std::string stream, pdus;
+    for (const std::string& pdu : {SubmitOut(1, "data"), SubmitOut(2, kMegabyte), Unlink(3)}) {
+        stream += ForwardMessage(kDevid, pdu);
+        stream += ForwardMessage(kDevid, Deflated(pdu), static_cast<std::uint32_t>(pdu.size()));
+        pdus += pdu + pdu;
+    }
     for (const std::size_t piece : {1UL, 7UL, 48UL, stream.size()})
-        EXPECT_TRUE(Feed(stream, piece) == small + large + large + Unlink(3)) << piece;
+        EXPECT_TRUE(Feed(stream, piece) == pdus) << piece;
 }
 
 TEST(Channel, MalformedMessagesAreRefused) {
@@ -89,33 +83,6 @@ TEST(Channel, MalformedMessagesAreRefused) {
         EXPECT_NE(outcome.find(error), std::string::npos)
             << name << ": expected '" << error << "', got '" << outcome << "'";
     }
-}
-
-TEST(Channel, ForwardsGoOutAsTheClientMakesThem) {
-    const std::string small(kCompressThreshold, 's'), large(kCompressThreshold + 1, 'l');
-    OutputQueue queue;
-    for (const std::string& pdu : {small, large})
-        for (const bool compress : {false, true})
-            EXPECT_EQ(PushForward(queue, kDevid, {pdu.begin(), pdu.end()}, compress),
-                      compress && pdu == large);
-    const std::size_t size = queue.Pending();
-    const posix::UniqueFd sent(memfd_create("sent", MFD_CLOEXEC));
-    while (!queue.Empty())
-        ASSERT_EQ(queue.WriteTo(sent.Get()), Progress::kMoved);
-    std::string stream(size + 1, '\0');
-    stream.resize(static_cast<std::size_t>(pread(sent.Get(), stream.data(), stream.size(), 0)));
-    const std::string plain = ForwardMessage(kDevid, small);
-    EXPECT_EQ(stream, plain + plain + ForwardMessage(kDevid, large) + Compressed(large));
-}
-
-TEST(Channel, MapMessageHasTheDocumentedLayout) {
-    const DeviceInfo info{std::string(300, 'n'), UsbSpeed::kSuper, 0x1D6B, 0x0104};
-    const std::string map = Text(EncodeDevMap(3, 1, 2, info));
-    EXPECT_EQ(map, FromHex("44 03 00 00 0B 00 00 00 3C 03 00 00 03 00 00 00 03 00 00 00") +
-                       std::string(255, 'n') + std::string(545, '\0') +
-                       FromHex("01 00 00 00 02 00 00 00 05 00 00 00 6B 1D 04 01") +
-                       std::string(8, '\0'))
-        << "a long name keeps its end";
 }
 
 }  // namespace

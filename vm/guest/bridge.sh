@@ -15,7 +15,7 @@ start_server() {
     modprobe -a xhci-pci usbip-host "$@"
     usbipd >>"$LOG_DIR/usbipd.log" 2>&1 </dev/null 8>&- 9<&- &
     usbipd_pid=$!
-    wait_until 10 "the USB/IP server" grep -q "listening on" "$LOG_DIR/usbipd.log"
+    wait_until 30 "the USB/IP server" grep -q "listening on" "$LOG_DIR/usbipd.log"
 }
 
 # busid PORT: of the device in this port of QEMU's controller, or of the one that the guest itself
@@ -35,7 +35,7 @@ is_gone() { ! is_there "$1"; }
 # the bus and has the server offer it.
 plug() {
     outside monitor device_add "$2,id=usb$1,bus=xhci.0,port=$1"
-    wait_until 10 "$2 on the bus" is_there "$1"
+    wait_until 30 "$2 on the bus" is_there "$1"
     usbip bind -b "$(busid "$1")"
 }
 
@@ -51,14 +51,15 @@ unplug() { outside monitor device_del "usb$1"; }
 # start_remote_here ARG...: a remote side in the guest.
 start_remote_here() {
     local before
+    touch "$LOG_DIR/remote.log"
     before=$(times_listening)
     xj-usbip-remote --listen "$remote" "$@" \
         >>"$LOG_DIR/remote.log" 2>&1 </dev/null 8>&- 9<&- &
     remote_pid=$!
-    wait_until 10 "the remote side to listen" is_listening_anew "$before"
+    wait_until 30 "the remote side to listen" is_listening_anew "$before"
 }
 
-times_listening() { grep -cs 'listening on' "$LOG_DIR/remote.log" || true; }
+times_listening() { grep -c 'listening on' "$LOG_DIR/remote.log" || true; }
 is_listening_anew() { [ "$(times_listening)" != "$1" ]; }
 
 # attach WAY PORT...: the devices in these ports, and starts the clock.
@@ -74,7 +75,7 @@ attach() {
     if [ "$way" = kernel ]; then
         # usbip fails while the device before is being enumerated.
         for port; do
-            wait_until 20 "usbip to attach" usbip attach -r 127.0.0.1 -b "$(busid "$port")"
+            wait_until 60 "usbip to attach" usbip attach -r 127.0.0.1 -b "$(busid "$port")"
         done
     else
         start_host
@@ -83,7 +84,7 @@ attach() {
 
 stop_remote_here() {
     kill -TERM "$remote_pid"
-    wait_for_end "$remote_pid" 10 "the remote side"
+    wait_for_end "$remote_pid" 30 "the remote side"
     expect_same "exit status of the remote side" 0 "$ended_with"
 }
 
@@ -113,7 +114,7 @@ is_imported() { [ -n "$(find_imported "$@")" ]; }
 
 # wait_for_imported CLASS PATTERN: waits until it is there and prints its name.
 wait_for_imported() {
-    wait_until 15 "an imported $2" is_imported "$@"
+    wait_until 30 "an imported $2" is_imported "$@"
     find_imported "$@"
 }
 

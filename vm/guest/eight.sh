@@ -27,13 +27,13 @@ imported_disks_are() { [ "$(imported_disks | wc -l)" -eq "$1" ]; }
 
 # wait_for_eight: until all can be used; their names are in $disks.
 wait_for_eight() {
-    wait_until 60 "eight disks" imported_disks_are 8
+    wait_until 120 "eight disks" imported_disks_are 8
     disks=$(imported_disks)
 }
 
 wait_eight_gone() {
-    wait_all_ports_free 10
-    wait_until 10 "the disks to go" imported_disks_are 0
+    wait_all_ports_free
+    wait_until 30 "the disks to go" imported_disks_are 0
 }
 
 # sums_here, sums_there: the checksums of all disks, as they have just arrived, and of all images,
@@ -59,5 +59,5 @@ start_writing() {
             8>&- 9<&- &
         workers="$workers $!"
     done
-    for disk in $disks; do wait_until 20 "data to flow to $disk" has_written "$disk"; done
+    for disk in $disks; do wait_until 60 "data to flow to $disk" has_written "$disk"; done
 }

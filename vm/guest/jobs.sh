@@ -7,7 +7,7 @@
 start_typing_log() {
     dd if="/dev/input/$1" of="$LOG_DIR/events" bs=24 8>&- 9<&- &
     typing_logger=$!
-    wait_until 5 "somebody to listen to the keyboard" has_open "$typing_logger" "/dev/input/$1"
+    wait_until 30 "somebody to listen to the keyboard" has_open "$typing_logger" "/dev/input/$1"
 }
 has_open() { find "/proc/$1/fd" -exec readlink {} \; | grep -qx "$2"; }
 
@@ -15,7 +15,7 @@ has_open() { find "/proc/$1/fd" -exec readlink {} \; | grep -qx "$2"; }
 # of linux/input-event-codes.h, here x, j, 1 and return, with a 1 for pressed and a 0 for released.
 type_and_expect() {
     for key in x j 1 ret; do outside monitor sendkey $key; done
-    wait_until 10 "four keys, pressed and released" \
+    wait_until 30 "four keys, pressed and released" \
         typed_is "45 1, 45 0, 36 1, 36 0, 2 1, 2 0, 28 1, 28 0"
 }
 typed_is() { [ "$(typed)" = "$1" ]; }
@@ -53,7 +53,7 @@ play() {
 # hear PCM TIMES: waits for all samples of the sound in order, so many times, and nothing else but
 # silence. On a busy machine QEMU has not played everything when a stream ends, and goes on with the
 # next one.
-hear() { wait_until 20 "the whole sound to be heard" is_heard "$@"; }
+hear() { wait_until 60 "the whole sound to be heard" is_heard "$@"; }
 is_heard() { heard_is "$2" || { play /tmp/silence "$1" && heard_is "$2"; }; }
 heard_is() {
     local expected
@@ -67,7 +67,7 @@ heard_is() {
 start_microphone() {
     modprobe snd-usb-audio
     xj-usbip-microphone 127.0.0.1:3240 >"$LOG_DIR/microphone.log" 2>&1 </dev/null 8>&- 9<&- &
-    wait_until 10 "the microphone" grep -q "listening on" "$LOG_DIR/microphone.log"
+    wait_until 30 "the microphone" grep -q "listening on" "$LOG_DIR/microphone.log"
 }
 
 # record PCM: two seconds from this device, such as pcmC0D0c, without an overrun. -N: it waits for
@@ -103,9 +103,9 @@ send_and_receive() {
     exec 5<>"/dev/$1"
     stty raw -echo <&5
     cat "$LOG_DIR/bytes" >&5
-    wait_until 10 "the bytes sent" line_has_the_bytes
+    wait_until 30 "the bytes sent" line_has_the_bytes
     outside send_serial_line bytes
-    timeout 10 head -c 20000 <&5 >/tmp/received || fail "the bytes have not been received"
+    timeout 30 head -c 20000 <&5 >/tmp/received || fail "the bytes have not been received"
     exec 5>&-
     expect_same "bytes received" "$(sha256 "$LOG_DIR/bytes")" "$(sha256 /tmp/received)"
 }

@@ -1,6 +1,7 @@
 # shellcheck shell=dash
 # The words of which scenarios are made. Every wait is bounded; what does not happen in time, or
-# happens wrongly, fails the scenario with a sentence that says what was expected.
+# happens wrongly, fails the scenario with a sentence that says what was expected. Bounds are for what
+# never happens: ten times what an idle machine takes, and more.
 #
 # Given by the environment: VM_DIR, LOG_DIR, HOST_PROGRAM, MODULE, REMOTE_ADDRESS (where the remote
 # side's port is reached), and two descriptors: 8 takes requests to the outside, 9 gives its answers.
@@ -113,7 +114,7 @@ wait_for_end() {
 # stop_host: asks the host to end, as a person with Ctrl-C would; it must succeed.
 stop_host() {
     kill -TERM "$host_pid"
-    wait_for_end "$host_pid" 10 "the host"
+    wait_for_end "$host_pid" 30 "the host"
     host_pid=
     expect_same "exit status of the host" 0 "$ended_with"
 }
@@ -128,9 +129,9 @@ count_ports_in_use() { ports_in_use | wc -l; }
 
 ports_used_by_us_are() { [ "$(count_ports_in_use)" -eq $((ports_in_use_before + $1)) ]; }
 
-# wait_all_ports_free [SECONDS]: all those that were free before the scenario.
-wait_all_ports_free() { wait_until "${1:-5}" "all ports to be free" ports_used_by_us_are 0; }
-wait_ports_used() { wait_until 10 "$1 port(s) to be in use" ports_used_by_us_are "$1"; }
+# wait_all_ports_free: all those that were free before the scenario.
+wait_all_ports_free() { wait_until 30 "all ports to be free" ports_used_by_us_are 0; }
+wait_ports_used() { wait_until 30 "$1 port(s) to be in use" ports_used_by_us_are "$1"; }
 
 # --- disks ------------------------------------------------------------------------------------
 
@@ -151,10 +152,10 @@ disk_is_gone() { ! disk_is_there "$1"; }
 # wait_for_disk MIB: waits until it can be used and prints its name. Half a second is enumeration,
 # one is the storage driver's own delay; the rest is for a busy machine.
 wait_for_disk() {
-    wait_until 20 "the disk of $1 MiB" disk_is_there "$1"
+    wait_until 60 "the disk of $1 MiB" disk_is_there "$1"
     find_disk "$1"
 }
-wait_disk_gone() { wait_until 5 "the disk of $1 MiB to go" disk_is_gone "$1"; }
+wait_disk_gone() { wait_until 30 "the disk of $1 MiB to go" disk_is_gone "$1"; }
 
 # usb_of_disk DISK: directory of the USB device that the disk is.
 usb_of_disk() { readlink -f "/sys/block/$1/device/../../../.."; }
@@ -179,11 +180,12 @@ start_reading() {
         workers="$workers $!"
     done
     for mark in $marks; do
-        wait_until 20 "data to flow from ${mark%:*}" has_read_more "${mark%:*}" "${mark#*:}"
+        wait_until 60 "data to flow from ${mark%:*}" has_read_more "${mark%:*}" "${mark#*:}"
     done
 }
 
 # expect_read_error SECONDS: who reads, or writes as well, gets an I/O error and ends, it does not hang.
+# That is less than the 30 s after which the kernel itself gives a disk's command up.
 expect_read_error() {
     local worker
     for worker in $workers; do

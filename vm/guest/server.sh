@@ -6,7 +6,7 @@
 cat /dev/kmsg >"$LOG_DIR/dmesg" &
 join_link 52:54:00:00:09:01 10.9.0.1
 start_server usb-storage
-wait_until 10 "the disk on the bus" is_there 1
+wait_until 30 "the disk on the bus" is_there 1
 usbip bind -b "$(busid 1)"
 remote=10.9.0.1:9000
 start_remote_here --usbip "127.0.0.1/$(busid 1)" --wait

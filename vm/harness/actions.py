@@ -1,6 +1,7 @@
 """What the guest can ask the machine outside for."""
 import hashlib
 import os
+import signal
 import time
 import traceback
 from collections.abc import Callable
@@ -109,6 +110,13 @@ class Actions:
 
     def act_kill_remote(self) -> None:
         self._remote.kill()
+
+    def act_pause_remote(self) -> None:
+        """Until it is resumed it answers nothing, and what it is told waits."""
+        self._remote.send_signal(signal.SIGSTOP)
+
+    def act_resume_remote(self) -> None:
+        self._remote.send_signal(signal.SIGCONT)
 
     def act_remote_counter(self, name: str) -> str:
         return self._remote.counter(name)

@@ -50,6 +50,9 @@ class Remote:
         if status:
             raise RuntimeError(f"the remote side ended with status {status}")
 
+    def send_signal(self, number: int) -> None:
+        self._running().send_signal(number)
+
     def kill(self) -> None:
         self._running().kill()
         self._running().wait()

@@ -17,7 +17,7 @@ class Scenario:
         head = self.file.read_text().splitlines()[:10]
         keys = dict(found.groups() for line in head if (found := re.match(r"# (\w+): *(.*)", line)))
         self.about = keys.get("about", "")
-        self.limit = int(keys.get("limit", 120))
+        self.limit = int(keys.get("limit", 240))
         self.hardware = keys.get("qemu", "").split()
         self.kernel_words = keys.get("kernel", "")
         self.counted = keys.get("clock") == "counted"

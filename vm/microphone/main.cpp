@@ -9,11 +9,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
+#include "posix/Wait.h"
 #include "remote/io/Listener.h"
 #include "vm/microphone/Microphone.h"
 #include "wire/UsbipPdu.h"
@@ -117,14 +117,14 @@ void serve(int fd) {
 }
 
 // One client at a time, others wait.
-void run(const std::string& address) {
+void run(const std::string& text) {
     std::string error;
-    const std::unique_ptr<Listener> listener = Listener::Open(address, error);
-    if (!listener) throw std::runtime_error("cannot listen at " + error);
+    const auto address = posix::ParseAddress(text, posix::AddressUse::Listen, error);
+    const auto listener = address ? Listener::Open(*address, error) : nullptr;
+    if (!listener) throw std::runtime_error("cannot listen at " + text + ": " + error);
     std::fprintf(stderr, "listening on %s\n", listener->Name().c_str());
     for (;;) {
-        pollfd waiting{listener->Fd(), POLLIN, 0};
-        poll(&waiting, 1, -1);
+        posix::WaitFor(listener->Fd(), POLLIN, -1, -1);
         const posix::UniqueFd client = listener->Accept();
         if (!client) continue;
         fcntl(client.Get(), F_SETFL, 0);  // blocking

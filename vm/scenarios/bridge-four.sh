@@ -4,7 +4,7 @@
 # limit: 240
 # shellcheck source=guest/bridge.sh
 . "$VM_DIR/guest/bridge.sh"
-outside make_random_image disk.img 32
+outside make_random_image disk.img 8
 start_server usbhid hid-generic evdev snd-usb-audio ftdi_sio
 plug_disk 1 disk.img
 plug 2 usb-kbd
@@ -21,23 +21,23 @@ use_all() {
     player=$!
     type_and_expect
     send_and_receive "$tty"
-    wait_for_end "$player" 20 "the sound"
+    wait_for_end "$player" 30 "the sound"
     expect_same "exit status of the player" 0 "$ended_with"
     expect_same "whole disk" "$(outside sha256 disk.img)" "$(sha256 "/dev/$disk")"
 }
 
 for way in kernel our; do
     attach $way 1 2 3 4
-    disk=$(wait_for_disk 32)
+    disk=$(wait_for_disk 8)
     pcm=$(wait_for_imported sound 'pcmC*p')
     tty=$(wait_for_imported tty 'ttyUSB*')
     input=$(wait_for_imported input 'event*')
     tell_when_usable $way
     wait_ports_used 4
     start_reading "$disk"
-    timed "$way way: keys, bytes, sound and 32 MiB, all at once," use_all
+    timed "$way way: keys, bytes, sound and 8 MiB, all at once," use_all
     times=$((times + 1))
     hear "$pcm" $times
     detach $way
-    expect_read_error 10
+    expect_read_error 20
 done

@@ -14,13 +14,13 @@ echo /tmp/disk.img >functions/mass_storage.0/lun.0/file
 ln -s functions/mass_storage.0 functions/acm.0 configs/c.1
 echo dummy_udc.0 >UDC
 cd /
-wait_until 10 "the gadget on its bus" is_there 1
+wait_until 30 "the gadget on its bus" is_there 1
 usbip bind -b "$(busid 1)"
 
 # pass FROM TO: a line from one end of the modem's line to the other.
 pass() {
     echo "from $1 to $2" >"/dev/$1"
-    expect_same "line" "from $1 to $2" "$(timeout 5 head -n1 "/dev/$2")"
+    expect_same "line" "from $1 to $2" "$(timeout 30 head -n1 "/dev/$2")"
 }
 
 for way in kernel our; do

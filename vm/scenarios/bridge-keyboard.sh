@@ -11,5 +11,5 @@ for way in kernel our; do
     start_typing_log "$input"
     timed "$way way: four keys" type_and_expect
     detach $way
-    wait_for_end "$typing_logger" 5 "the input with the keyboard"
+    wait_for_end "$typing_logger" 30 "the input with the keyboard"
 done

@@ -4,7 +4,7 @@
 # would never be enumerated: the remote side has to answer. (The other device is of another kind,
 # since the kernel may take one of the same kind for the old one that is still unconfigured.)
 # qemu: -device qemu-xhci,id=xhci
-# limit: 200
+# limit: 400
 # shellcheck source=guest/bridge.sh
 . "$VM_DIR/guest/bridge.sh"
 start_server usbhid hid-generic evdev ftdi_sio
@@ -19,7 +19,7 @@ for pause in 0.1 0.2 0.3 0.4; do
     sleep $pause
     is_imported tty 'ttyUSB*' || cut_off=$((cut_off + 1))
     kill -KILL "$remote_pid"
-    wait_for_end "$host_pid" 10 "the host"
+    wait_for_end "$host_pid" 30 "the host"
     wait_all_ports_free
     attach our 2
     wait_for_imported input 'event*'

@@ -1,6 +1,6 @@
 # about: 200 attach/detach cycles with traffic, eight disks at a time, in a watchful kernel
 # kernel: panic_on_warn=1 slub_debug=FZPU log_buf_len=4M loglevel=5
-# limit: 480
+# limit: 900
 # shellcheck source=guest/eight.sh
 . "$VM_DIR/guest/eight.sh"
 expect_watchful_kernel
@@ -22,9 +22,9 @@ while :; do
     case $((round % 3)) in
     0) stop_host ;;
     1) tell_eight unplug ;;
-    2) outside stop_remote; wait_for_end "$host_pid" 10 "the host" ;;
+    2) outside stop_remote; wait_for_end "$host_pid" 30 "the host" ;;
     esac
-    expect_read_error 10
+    expect_read_error 20
     wait_eight_gone
     say "round $round takes $(passed "$began") s"
     [ $round -lt 25 ] || break

@@ -1,6 +1,6 @@
 # about: host and remote side die while eight disks are read and written: no hang, and all comes back
 # kernel: panic_on_warn=1 slub_debug=FZPU log_buf_len=4M loglevel=5
-# limit: 300
+# limit: 600
 # shellcheck source=guest/eight.sh
 . "$VM_DIR/guest/eight.sh"
 
@@ -18,8 +18,8 @@ begin_load() {
 
 # end_load WHO: after this one's death.
 end_load() {
-    timed "after the death of $1, freeing all ports" wait_all_ports_free 10
-    timed "and the I/O errors" expect_read_error 10
+    timed "after the death of $1, freeing all ports" wait_all_ports_free
+    timed "and the I/O errors" expect_read_error 20
     wait_eight_gone
 }
 
@@ -34,7 +34,7 @@ start_host
 begin_load
 outside kill_remote
 end_load "the remote side"
-wait_for_end "$host_pid" 10 "the host"
+wait_for_end "$host_pid" 30 "the host"
 expect_same "exit status of the host" 1 "$ended_with"
 
 offer_eight

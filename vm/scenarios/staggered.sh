@@ -1,5 +1,5 @@
 # about: disks plugged in while the one before is being enumerated all appear
-# limit: 240
+# limit: 400
 for size in 4 6 8; do outside make_random_image $size.img $size; done
 outside start_remote --disk 4.img --disk 6.img --disk 8.img
 start_host

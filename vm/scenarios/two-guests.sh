@@ -1,6 +1,6 @@
 # about: two computers: one has a USB disk and serves it, the other uses it over the network
 # qemu: -netdev stream,id=link,server=on,addr.type=unix,addr.path=link -device virtio-net-device,netdev=link,mac=52:54:00:00:09:02
-# limit: 150
+# limit: 300
 # shellcheck source=guest/bridge.sh
 . "$VM_DIR/guest/bridge.sh"
 remote=10.9.0.1:9000
@@ -15,7 +15,7 @@ outside boot_server server.sh \
     -device qemu-xhci,id=xhci -drive if=none,id=disk,format=raw,file=disk.img \
     -device usb-storage,drive=disk,bus=xhci.0,port=1
 join_link 52:54:00:00:09:02 10.9.0.2
-wait_until 60 "the other computer" server_is_ready
+wait_until 120 "the other computer" server_is_ready
 say "Remote: usbipd offers the disk, xj-usbip-remote takes it from there and listens on $remote."
 sum=$(outside sha256 disk.img)
 

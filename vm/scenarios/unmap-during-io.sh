@@ -6,7 +6,7 @@ start_host
 small=$(wait_for_disk 8)
 start_reading "$(wait_for_disk 2048)"
 outside tell_remote unplug 1
-expect_read_error 10
+expect_read_error 20
 wait_disk_gone 2048
 wait_ports_used 1
 expect_same "the other disk" "$(outside sha256 8.img)" "$(sha256 "/dev/$small")"
@@ -14,5 +14,5 @@ expect_same "the other disk" "$(outside sha256 8.img)" "$(sha256 "/dev/$small")"
 outside tell_remote plug 1
 start_reading "$(wait_for_disk 2048)"  # and it can come back
 stop_host
-expect_read_error 10
+expect_read_error 20
 wait_all_ports_free

@@ -1,0 +1,198 @@
+// Addresses, command lines and sockets, as both programs have them.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "host/Options.h"
+#include "posix/Socket.h"
+#include "posix/Wait.h"
+#include "remote/Options.h"
+#include "remote/io/Listener.h"
+
+namespace posix {
+namespace {
+
+// The address as it was understood, or what is wrong with it.
+template <typename Parse, typename How>
+std::string parsed(Parse parse, const std::string& text, How how) {
+    std::string error;
+    const auto address = parse(text, how, error);
+    return address ? Describe(*address) : error;
+}
+
+TEST(AddressTest, IsHostAndPortOrAPath) {
+    const std::string longest = "unix:" + std::string(107, 'p');
+    const std::string port = "the port is a number from 1 to 65535";
+    const std::pair<std::string, std::vector<std::string>> cases[] = {
+        {"", {"box:9", "[::1]:65535", "unix:/run/usb:1.sock", longest}},
+        {"the path of a Unix socket has at most 107 bytes", {longest + "p"}},
+        {"the path after unix: is missing", {"unix:"}},
+        {"expected HOST:PORT or unix:PATH", {"", "box", "[::1]"}},
+        {"the host is missing", {":9000"}},
+        {"an IPv6 address stands in brackets: [::1]:9000",
+         {"::1:9", "[::1:9", "[]:9", "[box]:9", "[::1]9", "fe80::1"}},
+        {port, {"box:", "box:65536", "box:-1", "box: 80", "box:80x", "box:9999999999999"}}};
+    for (const auto& [problem, texts] : cases) {
+        for (const std::string& text : texts) {
+            EXPECT_EQ(problem.empty() ? text : problem,
+                      parsed(ParseAddress, text, AddressUse::Connect));
+            EXPECT_EQ(problem.empty(), parsed(ParseAddress, text, AddressUse::Listen) == text);
+        }
+    }
+    EXPECT_EQ(port, parsed(ParseAddress, "box:0", AddressUse::Connect));
+    EXPECT_EQ("box:0", parsed(ParseAddress, "box:0", AddressUse::Listen));
+    constexpr std::uint16_t kDefault = 3240;
+    EXPECT_EQ("[::1]:3240", parsed(ParseServer, "[::1]", kDefault));
+    EXPECT_EQ("box:9", parsed(ParseServer, "box:9", kDefault));
+}
+
+// The exit status, if the program is to end, and what it wrote.
+template <typename Options>
+std::pair<int, std::string> parse(const std::string& line, Options& options) {
+    std::istringstream text("program " + line);
+    std::vector<std::string> words;
+    for (std::string word; text >> word;)
+        words.push_back(word == "''" ? "" : word);
+    std::vector<const char*> arguments;
+    for (const std::string& word : words)
+        arguments.push_back(word.c_str());
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    // Of the program whose options these are.
+    const auto status =
+        ParseCommandLine(static_cast<int>(arguments.size()), arguments.data(), options);
+    const std::string output = testing::internal::GetCapturedStdout();
+    const std::string errors = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(output.empty() || errors.empty());
+    EXPECT_EQ(status == 2, !errors.empty()) << line;
+    return {status.value_or(-1), output + errors};
+}
+
+template <typename Options>
+void expect_mistakes(const std::string& program,
+                     const std::vector<std::pair<std::string, std::string>>& cases) {
+    for (const auto& [line, mistake] : cases) {
+        Options options;
+        EXPECT_EQ(program + ": " + mistake + "\nRun with --help for more information.\n",
+                  parse(line, options).second);
+    }
+    Options options;
+    EXPECT_EQ(std::pair(0, std::string("1.0.0\n")), parse("--version", options));
+    EXPECT_NE(std::string::npos, parse("--help", options).second.find("Exit status: 0"));
+}
+
+TEST(CommandLineTest, AMistakeIsNamed) {
+    expect_mistakes<host::Options>(
+        "xj-usbip-host",
+        {{"", "one of --connect, --exec is needed"},
+         {"--conect box:1", "unknown option --conect"},
+         {"nonsense --reconnect", "unexpected argument nonsense"},
+         {"doctor --now", "unknown option --now"},
+         {"--connect", "--connect: 1 required ADDRESS missing"},
+         {"--connect ::1:9", "--connect: an IPv6 address stands in brackets: [::1]:9000"},
+         {"--connect box:1 --exec true", "only one of --connect, --exec can be given"},
+         {"--exec ''", "--exec: the command is empty"},
+         {"--exec true --log-level 3", "--log-level: 3 not in {1,4,8}"}});
+    expect_mistakes<remote::Options>(
+        "xj-usbip-remote",
+        {{"--lisen box:1 --disk a", "unknown option --lisen"},
+         {"--listen box:70000 --disk a", "--listen: the port is a number from 0 to 65535"},
+         {"--list box:usb", "--list: the port is a number from 1 to 65535"},
+         {"--stdio", "--disk, --usbip: one device or more is needed"},
+         {"--stdio --disk ,ro", "--disk: ',ro' names no image"},
+         {"--stdio --disk a,rw", "--disk: 'rw' is none of ro, speed=high, speed=super"},
+         {"--stdio --usbip box", "--usbip: 'box' is not HOST[:PORT]/BUSID"},
+         {"--stdio --usbip /1-1", "--usbip: the host is missing"}});
+}
+
+TEST(CommandLineTest, WhatIsGivenArrives) {
+    remote::Options remote;
+    parse("--listen [::1]:0 --disk a --disk b,ro,speed=super --usbip box/1-2 --wait", remote);
+    ASSERT_EQ(3U, remote.disks.size() + remote.imports.size());
+    const auto& [first, second] = std::tie(remote.disks[0], remote.disks[1]);
+    EXPECT_EQ(std::tuple("a", false, remote::UsbSpeed::kHigh),
+              std::tie(first.path, first.read_only, first.speed));
+    EXPECT_EQ(std::tuple("b", true, remote::UsbSpeed::kSuper),
+              std::tie(second.path, second.read_only, second.speed));
+    EXPECT_EQ("box:3240/1-2", Describe(remote.imports[0].server) + "/" + remote.imports[0].busid);
+    EXPECT_EQ("[::1]:0", Describe(remote.listen.value()));
+    EXPECT_TRUE(remote.wait && !remote.compress);
+    host::Options host;
+    parse("--exec true --log-level 8,1", host);
+    EXPECT_EQ(std::tuple("true", std::set<int>{1, 8}, false),
+              std::tie(host.target.command, host.log_levels, host.doctor));
+    parse("doctor", host);
+    EXPECT_TRUE(host.doctor);
+}
+
+TEST(SocketTest, BothEndsOfATcpConnectionNoticeAPeerThatVanishes) {
+    std::string error;
+    EXPECT_FALSE(remote::Listener::Open({.name = "no.such.host.invalid"}, error));
+    const auto listener = remote::Listener::Open({.name = "localhost"}, error);
+    ASSERT_TRUE(listener) << error;
+    EXPECT_TRUE(listener->Private());
+    EXPECT_FALSE(listener->Accept()) << "somebody is there";
+    const auto address = ParseAddress(listener->Name(), AddressUse::Connect, error).value();
+    EXPECT_FALSE(remote::Listener::Open(address, error));
+    EXPECT_EQ("Address already in use", error);
+
+    const UniqueFd ours = Connect(address, -1, error);
+    const UniqueFd theirs = listener->Accept();
+    const std::tuple<int, int, int> options[] = {
+        {IPPROTO_TCP, TCP_NODELAY, 1},   {SOL_SOCKET, SO_KEEPALIVE, 1},
+        {IPPROTO_TCP, TCP_KEEPIDLE, 15}, {IPPROTO_TCP, TCP_KEEPINTVL, 5},
+        {IPPROTO_TCP, TCP_KEEPCNT, 3},   {IPPROTO_TCP, TCP_USER_TIMEOUT, 30'000}};
+    for (const auto& [level, name, expected] : options) {
+        for (const int end : {ours.Get(), theirs.Get()}) {
+            int value = 0;
+            socklen_t size = sizeof value;
+            EXPECT_EQ(0, ::getsockopt(end, level, name, &value, &size));
+            EXPECT_EQ(expected, value) << name;
+        }
+    }
+}
+
+TEST(SocketTest, ABurstOfHostsIsHeldAndWhatCannotBeAcceptedWaits) {
+    const std::string path = testing::TempDir() + "posix-" + std::to_string(::getpid());
+    const Address address{Address::Kind::Unix, path, 0};
+    std::string error;
+    auto listener = remote::Listener::Open(address, error);
+    ASSERT_TRUE(listener) << error;
+    std::vector<UniqueFd> hosts(100);
+    for (UniqueFd& host : hosts)
+        ASSERT_TRUE(host = StartConnect(Resolve(address, -1, error).at(0), kPeerLost)) << errno;
+
+    rlimit before{};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{2, before.rlim_max};  // poll looks at as many
+    ::setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_FALSE(listener->Accept()) << "without a descriptor for it";
+    EXPECT_EQ(Wake::TimedOut, WaitFor(listener->Fd(), POLLIN, -1, 50)) << "tried in a circle";
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(Wake::Ready, WaitFor(listener->Fd(), POLLIN, -1, 20'000));
+    EXPECT_TRUE(listener->Accept());
+
+    ::listen(listener->Fd(), 0);  // more wait already
+    const std::jthread accepting([&] {
+        WaitFor(-1, 0, -1, 20);
+        while (listener->Accept())
+            continue;
+    });
+    EXPECT_TRUE(Connect(address, -1, error)) << error;
+
+    std::filesystem::remove(path);
+    std::ofstream(path) << "of somebody else";
+    listener = nullptr;
+    EXPECT_TRUE(std::filesystem::remove(path));
+}
+
+}  // namespace
+}  // namespace posix
