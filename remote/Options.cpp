@@ -108,7 +108,8 @@ std::optional<int> ParseCommandLine(int argc, const char* const* argv, Options& 
                 [&options](const posix::Address& address) { options.listen = address; },
                 "wait for hosts at HOST:PORT, [IPV6]:PORT (port 0: a\n"
                 "free one) or unix:PATH; the address really bound is\n"
-                "printed; one host at a time, others wait")
+                "printed; one host at a time, a second one is turned\n"
+                "away")
             ->type_name("ADDRESS")
             ->group("What to do (one of)");
     const auto* stdio = line.add_flag("--stdio")

@@ -40,7 +40,8 @@ class Server {
   private:
     bool Loop(Listener* listener);
     bool DataSafe() const;
-    void StartSession(HostLink link);
+    void ServeSession(short readable, short writable);
+    void Welcome(posix::UniqueFd host);
     bool Congested() const;
     pollfd DevicePoll(const Device& device) const;
     void OnDevices(std::span<const pollfd> fds);  // one for each slot
@@ -57,7 +58,8 @@ class Server {
     const bool compress_;
     Controls controls_;
     std::unique_ptr<Session> session_;
-    std::string typed_;  // a command line without its end yet
+    std::string served_;  // who has the session, since when
+    std::string typed_;   // a command line without its end yet
     bool quitting_ = false;
 };
 

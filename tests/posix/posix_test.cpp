@@ -146,6 +146,7 @@ TEST(SocketTest, BothEndsOfATcpConnectionNoticeAPeerThatVanishes) {
 
     const UniqueFd ours = Connect(address, -1, error);
     const UniqueFd theirs = listener->Accept();
+    EXPECT_EQ(listener->Name(), DescribePeer(ours.Get()));
     const std::tuple<int, int, int> options[] = {
         {IPPROTO_TCP, TCP_NODELAY, 1},   {SOL_SOCKET, SO_KEEPALIVE, 1},
         {IPPROTO_TCP, TCP_KEEPIDLE, 15}, {IPPROTO_TCP, TCP_KEEPINTVL, 5},

@@ -121,6 +121,64 @@ TEST(DiskSerial, TellsImagesAndMachinesApart) {
     EXPECT_NE(MachineName(), "");
 }
 
+// Has more to say to every command than a session sends at once.
+class Talker : public Device {
+  public:
+    const DeviceInfo& Info() const override { return info_; }
+    void Attach(ReplySink& sink) override { sink_ = &sink; }
+    void Detach() override { sink_ = nullptr; }
+    void TakeCommand(const Command&) override {
+        sink_->Reply(remote::Bytes(2 * Session::kMaxPendingOutput));
+    }
+
+  private:
+    const DeviceInfo info_{"talker", UsbSpeed::kHigh, 1, 2};
+    ReplySink* sink_ = nullptr;
+};
+
+class AttackedServer : public ServerTest {
+  protected:
+    Host Connect() const { return Host(posix::Connect(address_, -1, error_).Release()); }
+
+    const posix::Address address_{posix::Address::Kind::Unix,
+                                  testing::TempDir() + "attack-" + std::to_string(getpid())};
+    mutable std::string error_;
+};
+
+TEST_F(AttackedServer, ASecondHostIsToldWhoIsServed) {
+    listener_ = Listener::Open(address_, error_);
+    ASSERT_TRUE(listener_) << error_;
+    devices_.push_back(std::make_unique<Talker>());
+    testing::internal::CaptureStderr();
+    Serve();
+    Host first = Connect();
+    first.Greet();
+    first.Mapped();
+
+    const Host second = Connect();
+    std::string text(200, '\0');
+    text.resize(static_cast<std::size_t>(
+        std::max<ssize_t>(recv(second.Get(), text.data(), text.size(), MSG_WAITALL), 0)));
+    ExpectAnswer("list", "1 mapped talker");
+    // Whoever comes after the first is served, although its last words are still to be read.
+    first.Forward(77, SubmitOut(1, kMegabyte.substr(0, 100'000)));
+    first = Host();
+    const Host third = Connect();
+    third.Greet();
+    third.Mapped();
+    ExpectAnswer("quit", "quitting");
+    third.Write(UnmapMessage(1));
+    EXPECT_TRUE(Finish());
+
+    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string us =
+        "process " + std::to_string(getpid()) + " of user " + std::to_string(getuid());
+    const std::string served = us + " is served since ";
+    EXPECT_EQ(text.substr(0, text.size() - 9), "xj-usbip-remote: " + served) << "then the time";
+    ExpectIn(log, "host connected: " + us);
+    ExpectIn(log, us + " turned away: " + served);
+}
+
 // Driven by hand: nobody waits for a deadline.
 TEST(AttackedSession, EndsAndSaysWhy) {
     const std::string huge = ::Bytes(_MESSAGE_HEADER{200U << 20, kUsbipChannel, {}}) + kMegabyte;
@@ -153,6 +211,24 @@ TEST(AttackedSession, EndsAndSaysWhy) {
         ExpectIn(testing::internal::GetCapturedStderr(), reason);
     }
     largest_allocation = SIZE_MAX;
+}
+
+TEST(AttackedSession, AMessageIsNotLateWhileNobodyReadsIt) {
+    Link link;
+    std::list<Slot> slots;
+    slots.push_back({.device = std::make_unique<Talker>(), .number = 1});
+    Session session({std::move(link.theirs), {}}, slots, false);
+    link.ours.Write(kGreeting + ForwardMessage(1, Unlink(1)) + kGreeting.substr(1));
+    session.OnReadable();
+    EXPECT_TRUE(session.Congested());
+    EXPECT_FALSE(session.Deadline());
+    std::string scrap(1 << 20, '\0');
+    while (session.Congested()) {
+        session.OnWritable();
+        while (recv(link.ours.Get(), scrap.data(), scrap.size(), MSG_DONTWAIT) > 0)
+            continue;
+    }
+    EXPECT_TRUE(session.Deadline());
 }
 
 }  // namespace
