@@ -40,6 +40,7 @@ bool CBaseThread::Run_(bool detached) {
 bool CBaseThread::WaitForStop(unsigned long) {
     if (!m_bStarted) return true;
     m_bStopRequested = true;
+    OnStopRequest();
     Join();
     return true;
 }

@@ -31,6 +31,7 @@ class CBaseThread {
     virtual bool WaitForStop(unsigned long timeout);  // the time-out is not used
     virtual void OnExit() {}
     virtual void OnBegin() {}
+    virtual void OnStopRequest() {}  // on the owner's thread, before it joins: end a wait here
 
     bool WaitForTimeOut(unsigned long ms);      // sleeps, if started; not ended by a stop request
     bool WaitThreadEnd(unsigned long timeout);  // joins without asking; the time-out is not used
@@ -65,7 +66,11 @@ class CBaseThread {
 class CUsbipClientThread : public CBaseThread {
   public:
     bool ThreadLoop() override { return m_loop && m_loop(); }
+    void OnStopRequest() override {
+        if (m_wake) m_wake();
+    }
     std::function<bool()> m_loop;
+    std::function<void()> m_wake;  // ends a wait of m_loop's
 };
 
 class CUsbipClientLinuxThread : public CBaseThread {

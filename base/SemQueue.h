@@ -25,11 +25,18 @@ class sem_queue {
     void open() EXCLUDES(m_lock) {
         CLockGuard guard(m_lock);
         if (m_bOpen) return;
-        drop_all();
-        while (m_semItems.TryWait()) {
-        }
+        start_empty();
         m_bOpen = true;
     }
+
+    // Drops what is queued, without closing the queue in between.
+    void clear() EXCLUDES(m_lock) {
+        CLockGuard guard(m_lock);
+        start_empty();
+    }
+
+    // One pop that waits, or the next one that comes, returns with nothing.
+    void wake() { m_semItems.Post(); }
 
     // Appends a copy of `element`, waiting for a free place. A closed queue takes nothing.
     void push(const T& element) EXCLUDES(m_lock) {
@@ -55,9 +62,9 @@ class sem_queue {
                 m_semItems.Post();  // close() woke us: pass the wake-up on to the next waiter
                 return false;
             }
-            // A count without an element was posted by a close() before the last open(), and this
-            // thread got the lock only now. Giving it back would make every later pop return at
-            // once, so it ends here.
+            // A count without an element is from wake(), from a close() before the last open(), or
+            // of an element that was dropped before this thread got the lock. Giving it back would
+            // make every later pop return at once, so it ends here.
             if (m_nCount == 0) return false;
             element = std::move(m_list.front());
             m_list.pop_front();
@@ -81,6 +88,12 @@ class sem_queue {
     }
 
   private:
+    void start_empty() REQUIRES(m_lock) {
+        drop_all();
+        while (m_semItems.TryWait()) {
+        }
+    }
+
     // Every place that an element held is given back, which also wakes waiting producers.
     void drop_all() REQUIRES(m_lock) {
         for (; m_nCount > 0; --m_nCount)

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <semaphore.h>
-#include <sys/time.h>
 
 #include <cerrno>
 #include <ctime>
@@ -26,11 +25,11 @@ class CSemaphore {
         return true;
     }
 
-    // Waits at most `timeout_ms`. The deadline is fixed once, on the wall clock, so that signals
-    // cannot prolong the wait. False after a time-out.
+    // Waits at most `timeout_ms`. The deadline is fixed once, so that signals cannot prolong the
+    // wait, and on a clock that nobody sets. False after a time-out.
     bool WaitFor(unsigned long timeout_ms) {
         const timespec deadline = deadline_after(timeout_ms);
-        while (sem_timedwait(&m_sem, &deadline) != 0) {
+        while (sem_clockwait(&m_sem, CLOCK_MONOTONIC, &deadline) != 0) {
             if (errno != EINTR && errno != EAGAIN) return false;
         }
         return true;
@@ -39,11 +38,10 @@ class CSemaphore {
   private:
     static timespec deadline_after(unsigned long timeout_ms) {
         constexpr long kNanosecondsPerSecond = 1'000'000'000;
-        timeval now{};
-        gettimeofday(&now, nullptr);
         timespec deadline{};
-        deadline.tv_sec = now.tv_sec + static_cast<time_t>(timeout_ms / 1000);
-        deadline.tv_nsec = now.tv_usec * 1000 + static_cast<long>(timeout_ms % 1000) * 1'000'000;
+        clock_gettime(CLOCK_MONOTONIC, &deadline);
+        deadline.tv_sec += static_cast<time_t>(timeout_ms / 1000);
+        deadline.tv_nsec += static_cast<long>(timeout_ms % 1000) * 1'000'000;
         if (deadline.tv_nsec >= kNanosecondsPerSecond) {
             deadline.tv_nsec -= kNanosecondsPerSecond;
             ++deadline.tv_sec;

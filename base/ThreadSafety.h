@@ -12,9 +12,10 @@
 #define XJ_ANALYSED(attribute)
 #endif
 
-#define CAPABILITY(kind) XJ_ANALYSED(capability(kind))  // a class whose objects are held
-#define SCOPED_CAPABILITY XJ_ANALYSED(scoped_lockable)  // a class that holds one for a scope
-#define GUARDED_BY(lock) XJ_ANALYSED(guarded_by(lock))  // a field: touched by holders only
+#define CAPABILITY(kind) XJ_ANALYSED(capability(kind))        // a class whose objects are held
+#define SCOPED_CAPABILITY XJ_ANALYSED(scoped_lockable)        // a class that holds one for a scope
+#define GUARDED_BY(lock) XJ_ANALYSED(guarded_by(lock))        // a field: touched by holders only
+#define PT_GUARDED_BY(lock) XJ_ANALYSED(pt_guarded_by(lock))  // what a pointer points to
 #define ACQUIRED_BEFORE(...) XJ_ANALYSED(acquired_before(__VA_ARGS__))
 #define ACQUIRE(...) XJ_ANALYSED(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) XJ_ANALYSED(release_capability(__VA_ARGS__))

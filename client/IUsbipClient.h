@@ -23,6 +23,9 @@ class IUsbipClient : public virtual IReference {
     // Detaches the device and joins the client's threads; a few milliseconds when nothing is
     // wrong. True.
     virtual bool Stop() = 0;
-    // Queues a copy of one PDU from the peer for the kernel. True.
+    // Queues a copy of one PDU from the peer for the kernel, if the client accepts it. True.
     virtual bool Forward(const char* data, unsigned long len) = 0;
+    // Whether there is room for a PDU of `len` bytes. Too much of what waits for the kernel ends
+    // the device; one that has ended, or whose attach has failed, takes nothing any more.
+    virtual bool Accepts(unsigned long len) = 0;
 };

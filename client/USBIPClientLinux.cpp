@@ -38,8 +38,7 @@ std::string kernel_name(const std::string& what, unsigned int devid) {
 
 }  // namespace
 
-CUsbipClientLinux::CUsbipClientLinux()
-    : m_pAllocator(new CMemAlloctorEx<CMemBuffer>), m_devBuf(kDevBufSize) {}
+CUsbipClientLinux::CUsbipClientLinux() : m_pAllocator(new CMemAlloctorEx<CMemBuffer>) {}
 
 CUsbipClientLinux::~CUsbipClientLinux() {
     CUsbipClientLinux::Stop();
@@ -50,6 +49,7 @@ bool CUsbipClientLinux::Run() {
     if (m_pWorkThread) return true;
     m_workThread.Enter();  // there is none yet
     m_bQuit = false;
+    m_devBuf.resize(kDevBufSize);
     m_devBufLen = 0;
     m_outstanding.Clear();
     int ends[2];
@@ -58,36 +58,62 @@ bool CUsbipClientLinux::Run() {
         XJModLog(4, "[CUsbipClientLinux] socketpair fail, %d", errno);
         return false;
     }
-    m_kernelEnd = ends[1];
     m_clientEnd.Open(ends[0], 2);
-    m_pWorkThread = std::make_unique<CUsbipClientLinuxThread>();
-    m_pWorkThread->m_loop = [this] { return WorkThreadFunction(); };
-    m_pWorkThread->SetThreadName("usbipclientlinux-work");
-    m_pWorkThread->SetKernelName(kernel_name("usbip-work", m_devId));
-    m_pWorkThread->Run();
-    m_pWriteThread = std::make_unique<CUsbipClientLinuxThread>();
-    m_pWriteThread->m_loop = [this] { return WriteThreadFunction(); };
-    m_pWriteThread->SetThreadName("usbipclientlinux-write");
-    m_pWriteThread->SetKernelName(kernel_name("usbip-write", m_devId));
-    m_pWriteThread->Run();
-    return true;
+    m_kernelEnd = ends[1];
+    StartTaking();
+    // Before the one that attaches: nothing is attached that nobody could answer.
+    m_pWriteThread = StartThread("write", [this] { return WriteThreadFunction(); });
+    if (m_pWriteThread) {
+        m_pWorkThread = StartThread("work", [this] { return WorkThreadFunction(); });
+    }
+    if (m_pWorkThread) return true;
+    EndDevice();
+    JoinThreads();
+    return false;
 }
 
 bool CUsbipClientLinux::Stop() {
-    m_bQuit = true;
-    m_recvSem.Post();
     // Ends a poll, read or write in progress at once, even if the kernel has stopped reading.
-    m_clientEnd.Shutdown();
+    EndDevice();
     CLockGuard guard(m_runLock);
+    JoinThreads();
+    return true;
+}
+
+// Empty, with a log line, when there can be no thread.
+std::unique_ptr<CUsbipClientLinuxThread> CUsbipClientLinux::StartThread(
+    const std::string& what, std::function<bool()> loop) {
+    const std::string name = "usbipclientlinux-" + what;
+    auto thread = std::make_unique<CUsbipClientLinuxThread>();
+    thread->m_loop = std::move(loop);
+    thread->SetThreadName(name.c_str());
+    thread->SetKernelName(kernel_name("usbip-" + what, m_devId));
+    if (thread->Run()) return thread;
+    XJModLog(4, "[CUsbipClientLinux] thread %s cannot be made", name.c_str());
+    return nullptr;
+}
+
+void CUsbipClientLinux::JoinThreads() {
     if (m_pWorkThread) m_pWorkThread->Stop();
     m_pWorkThread.reset();
     if (m_pWriteThread) m_pWriteThread->Stop();
     m_pWriteThread.reset();
+    // A thread that never came to run has not given back what it used.
     m_workThread.Enter();  // there is none any more
+    StopTaking();
     m_clientEnd.Close();
+    CloseKernelEnd();
+}
+
+void CUsbipClientLinux::EndDevice() {
+    m_bQuit = true;
+    m_recvSem.Post();
+    m_clientEnd.Shutdown();
+}
+
+void CUsbipClientLinux::CloseKernelEnd() {
     if (m_kernelEnd >= 0) close(m_kernelEnd);
     m_kernelEnd = -1;
-    return true;
 }
 
 bool CUsbipClientLinux::CalcLen(const usbip_header& header, bool fromDev, bool answersOut,

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <list>
 #include <memory>
 #include <string>
@@ -35,12 +36,17 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
     bool Run() override EXCLUDES(m_runLock);
     bool Stop() override EXCLUDES(m_runLock);
     bool Forward(const char* data, unsigned long len) override EXCLUDES(m_recvLock);
+    bool Accepts(unsigned long len) override EXCLUDES(m_recvLock);
 
   private:
     // The length of the PDU that `header` begins. `fromDev`: read from the kernel (a command), else
     // received from the peer (a reply, `answersOut` or not). False: refused, with a log line.
     static bool CalcLen(const usbip_header& header, bool fromDev, bool answersOut,
                         UsbipPduLength& length);
+
+    std::unique_ptr<CUsbipClientLinuxThread> StartThread(const std::string& what,
+                                                         std::function<bool()> loop);
+    void JoinThreads() REQUIRES(m_runLock);
 
     // Work thread: attaches, then moves PDUs from the kernel to the listener.
     bool WorkThreadFunction();
@@ -52,6 +58,7 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
     void PassOn(std::string_view pdu) REQUIRES(m_workThread);
     void SendUsbipPacket(const char* data, unsigned long len) REQUIRES(m_workThread);
     void ReportDetach() REQUIRES(m_workThread);
+    void CloseKernelEnd() REQUIRES(m_workThread);
 
     // Write thread: moves PDUs from the peer to the kernel.
     bool WriteThreadFunction();
@@ -63,6 +70,10 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
         REQUIRES(m_writeThread);
     CRefObj<IBuffer> PopRecvBuf(int timeout) REQUIRES(m_writeThread) EXCLUDES(m_recvLock);
     bool WriteDevice(const char* data, unsigned long len) REQUIRES(m_writeThread);
+    void StartTaking() EXCLUDES(m_recvLock);
+    void StopTaking() EXCLUDES(m_recvLock);
+
+    // Both threads wake and end; the work thread reports the end.
     void EndDevice();
 
     // Constant after construction.
@@ -76,8 +87,7 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
     _USBIP_DEV m_devInfo{};
 
     // Their own synchronisation.
-    std::atomic<bool> m_bQuit{false};  // stop flag; whoever sets it also posts m_recvSem,
-                                       // except the write thread itself
+    std::atomic<bool> m_bQuit{false};  // stop flag; whoever sets it also posts m_recvSem
     CSemaphore m_recvSem{0};           // wakes the write thread
     CSharedEnd m_clientEnd;            // the work thread reads from it, the write thread writes
     COutstandingCommands m_outstanding;
@@ -88,9 +98,11 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
 
     CMutexLock m_recvLock;
     std::list<CRefObj<IBuffer>> m_recvList GUARDED_BY(m_recvLock);  // for the kernel, oldest first
+    unsigned long m_recvBytes GUARDED_BY(m_recvLock) = 0;  // in the list and in the write thread
+    bool m_bTaking GUARDED_BY(m_recvLock) = false;         // the write thread is there to take them
 
     // The work thread's, and of Run and Stop while there is none.
-    std::vector<char> m_devBuf GUARDED_BY(m_workThread);  // grows to the largest PDU seen, which
+    std::vector<char> m_devBuf GUARDED_BY(m_workThread);  // grows to the largest PDU seen; each
                                                           // starts at its first byte
     std::size_t m_devBufLen GUARDED_BY(m_workThread) = 0;
     int m_kernelEnd GUARDED_BY(m_workThread) = -1;  // of the socket pair, until it is attached

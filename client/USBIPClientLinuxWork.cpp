@@ -28,20 +28,19 @@ bool CUsbipClientLinux::WorkThreadFunction() {
 
 bool CUsbipClientLinux::WorkThreadLoop() {
     XJModLog(1, "[CUsbipClientLinux] start attach vhci device");
-    if (!AttachDevice()) {
-        m_clientEnd.Leave();
-        return false;
+    if (AttachDevice()) {
+        XJModLog(1, "[CUsbipClientLinux] attach sucess");
+        XJModLog(1, "start forward data loop");
+        ForwardLoop();
+        XJModLog(1, "[CUsbipClientLinux] work loop exit");
+        ReportDetach();
     }
-    XJModLog(1, "[CUsbipClientLinux] attach sucess");
-    XJModLog(1, "start forward data loop");
-    ForwardLoop();
-    XJModLog(1, "[CUsbipClientLinux] work loop exit");
-    ReportDetach();
-    m_bQuit = true;
-    m_recvSem.Post();
-    // The kernel frees the port now, and a write in progress ends.
-    m_clientEnd.Shutdown();
+    // The kernel frees the port now, and a write in progress ends. What is not needed any more is
+    // given back at once: the client may stay mapped for long.
+    EndDevice();
     m_clientEnd.Leave();
+    CloseKernelEnd();
+    std::vector<char>().swap(m_devBuf);
     return false;
 }
 
@@ -76,7 +75,7 @@ void CUsbipClientLinux::ForwardLoop() {
         }
         if ((end.revents & (POLLIN | POLLHUP)) == 0) continue;
         if (!CheckDevRead()) {
-            XJModLog(4, "read dev fail");
+            if (!m_bQuit) XJModLog(4, "read dev fail");
             return;
         }
     }
@@ -92,7 +91,7 @@ bool CUsbipClientLinux::CheckDevRead() try {
         recv(m_clientEnd.Get(), m_devBuf.data() + m_devBufLen, length.Total() - m_devBufLen, 0);
     if (got < 0) {
         if (errno == EINTR) return true;
-        XJModLog(4, "[CUsbipClientLinux] read device fail, %d", errno);
+        if (!m_bQuit) XJModLog(4, "[CUsbipClientLinux] read device fail, %d", errno);
         return false;
     }
     if (got == 0) return false;  // the kernel has shut its end

@@ -14,9 +14,14 @@ namespace {
 
 constexpr int kPopMs = 500;
 
+// The kernel's largest requests are of 1 MiB, and it has some dozens of them under way: more than
+// this can only wait when it has stopped reading.
+constexpr unsigned long kMostWaiting = 64UL << 20;
+
 }  // namespace
 
 bool CUsbipClientLinux::Forward(const char* data, unsigned long len) {
+    if (!Accepts(len)) return true;
     const CRefObj<IBuffer> buffer = m_pAllocator->GetFreeBuffer(len);
     if (!buffer || buffer->SetSize(len) != len) {
         XJModLog(4, "[CUsbipClientLinux] no buffer for a PDU of %lu bytes, dropped", len);
@@ -24,9 +29,26 @@ bool CUsbipClientLinux::Forward(const char* data, unsigned long len) {
     }
     if (len > 0) std::memcpy(buffer->GetPointer(), data, len);
     CLockGuard guard(m_recvLock);
+    if (!m_bTaking) return true;
     m_recvList.push_back(buffer);
+    m_recvBytes += len;
     m_recvSem.Post();
     return true;
+}
+
+bool CUsbipClientLinux::Accepts(unsigned long len) {
+    {
+        CLockGuard guard(m_recvLock);
+        if (!m_bTaking) return false;
+        // A single one may be larger.
+        if (m_recvBytes == 0) return true;
+        if (m_recvBytes <= kMostWaiting && len <= kMostWaiting - m_recvBytes) return true;
+    }
+    XJModLog(4, "[CUsbipClientLinux] %d more than %lu bytes wait for the kernel, device ends",
+             static_cast<int>(m_devId), kMostWaiting);
+    EndDevice();
+    StopTaking();
+    return false;
 }
 
 // Waits at most once. Empty: nothing came in `timeout` ms, or the client is stopping.
@@ -53,9 +75,24 @@ bool CUsbipClientLinux::WriteThreadFunction() {
     const bool again = WriteThreadLoop();
     if (!again) {
         XJModLog(1, "[CUsbipClientLinux] %d write thread prepare quit", static_cast<int>(m_devId));
+        StopTaking();
         m_clientEnd.Leave();
     }
     return again;
+}
+
+void CUsbipClientLinux::StartTaking() {
+    CLockGuard guard(m_recvLock);
+    m_bTaking = true;
+}
+
+// Nobody will take what waits, nor what comes.
+void CUsbipClientLinux::StopTaking() {
+    std::list<CRefObj<IBuffer>> dropped;
+    CLockGuard guard(m_recvLock);
+    m_bTaking = false;
+    m_recvBytes = 0;
+    dropped.swap(m_recvList);
 }
 
 bool CUsbipClientLinux::WriteThreadLoop() try {
@@ -73,6 +110,10 @@ bool CUsbipClientLinux::WriteThreadLoop() try {
         good += size;
     } while (verdict == Verdict::kGood && good < bytes.size());
     if (!WriteDevice(bytes.data(), good)) return false;
+    {
+        CLockGuard guard(m_recvLock);
+        if (m_bTaking) m_recvBytes -= bytes.size();
+    }
     if (verdict == Verdict::kUnsafe) EndDevice();
     // A peer whose first PDU is none is not understood any more. What is none behind whole ones is
     // left out and does no harm.
@@ -118,22 +159,17 @@ bool CUsbipClientLinux::WriteDevice(const char* data, unsigned long len) {
     while (len > 0) {
         // Not write(): the kernel may have let go of its end, and the host must get no SIGPIPE.
         const ssize_t written = send(m_clientEnd.Get(), data, len, MSG_NOSIGNAL);
-        if (written < 0 && errno != EINTR) {
+        const bool failed = written < 0 && errno != EINTR;
+        if (m_bQuit) return false;  // Stop has shut the end: no failure
+        if (failed) {
             XJModLog(4, "[CUsbipClientLinux] write device fail");
             EndDevice();
             return false;
         }
-        if (m_bQuit) return false;
         if (written > 0) {
             data += written;
             len -= static_cast<unsigned long>(written);
         }
     }
     return true;
-}
-
-// The work thread wakes, reports the end and closes what is left.
-void CUsbipClientLinux::EndDevice() {
-    m_bQuit = true;
-    m_clientEnd.Shutdown();
 }

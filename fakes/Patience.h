@@ -2,7 +2,6 @@
 // process.
 #pragma once
 
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -74,12 +73,6 @@ inline long CpuMilliseconds(clockid_t clock) {
     timespec now{};
     clock_gettime(clock, &now);
     return now.tv_sec * 1000 + now.tv_nsec / 1'000'000;
-}
-
-inline long PeakResidentKilobytes() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_maxrss;
 }
 
 inline long OpenDescriptors() {

@@ -19,30 +19,24 @@ class Host : public remote::ReplySink {
 
     void Submit(std::uint32_t endpoint, bool in, std::uint32_t length, std::string_view data,
                 std::string_view setup = {}, std::uint32_t flags = 0) {
-        usbip_header header{};
-        header.command = htobe32(USBIP_CMD_SUBMIT);
-        header.seqnum = htobe32(++seqnum_);
-        header.direction = htobe32(in ? USBIP_DIR_IN : USBIP_DIR_OUT);
-        header.ep = htobe32(endpoint);
-        header.u.cmd_submit.transfer_flags = htobe32(flags);
-        header.u.cmd_submit.transfer_buffer_length = htobe32(length);
-        if (!setup.empty()) std::memcpy(header.u.cmd_submit.setup, setup.data(), setup.size());
-        remote::Bytes pdu(UsbipCmdSubmitLength(header).Total());
-        remote::StoreRaw(pdu.data(), header);
-        std::copy(data.begin(), data.end(), pdu.begin() + sizeof header);
+        // In memory of their own size, where reading past their end is noticed.
+        const remote::Bytes alone(data.begin(), data.end());
+        remote::Command command{.seqnum = ++seqnum_,
+                                .in = in,
+                                .endpoint = endpoint,
+                                .transfer_flags = flags,
+                                .length = length,
+                                .data = alone};
+        std::copy(setup.begin(), setup.end(), command.setup.begin());
         waiting_[seqnum_] = {in, length};
-        Send(pdu);
+        disk_.TakeCommand(command);
     }
     void Out(std::uint32_t endpoint, std::string_view data, std::string_view setup = {}) {
         Submit(endpoint, false, static_cast<std::uint32_t>(data.size()), data, setup);
     }
     void Unlink(std::uint32_t back) {
-        usbip_header header{};
-        header.command = htobe32(USBIP_CMD_UNLINK);
         unlink_ = ++seqnum_;
-        header.seqnum = htobe32(unlink_);
-        header.u.cmd_unlink.seqnum = htobe32(seqnum_ - back);
-        Send(remote::ToBytes(header));
+        disk_.TakeCommand({.seqnum = unlink_, .unlinks = seqnum_ - back});
         Require(unlink_ == 0, "an unlink is answered at once");
         waiting_.erase(seqnum_ - back);
     }
@@ -69,12 +63,6 @@ class Host : public remote::ReplySink {
         bool in;
         std::uint32_t length;
     };
-    void Send(const remote::Bytes& pdu) {
-        remote::Command command;
-        Require(remote::DecodeCommand(pdu, command).empty(), "our own commands are good");
-        disk_.TakeCommand(command);
-    }
-
     remote::Device& disk_;
     std::uint32_t seqnum_ = 0;
     std::uint32_t unlink_ = 0;  // not answered; 0: none

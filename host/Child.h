@@ -22,22 +22,27 @@ class Child {
     Child& operator=(const Child&) = delete;
     ~Child() { End(); }
 
-    pid_t Pid() const { return pid_; }
+    pid_t Pid() const { return pid_; }  // the shell's
 
-    // Waits for the end of the command; false when it still runs after `timeout_ms`.
+    // Waits for the end of the command and of all that it started; false when something of it still
+    // runs after `timeout_ms`.
     bool Wait(int timeout_ms);
 
     // Waits a moment for the command, which has seen the end of its input if our end of the pair
-    // is closed or shut down, then terminates and at last kills it. At most three short waits.
+    // is closed or shut down, then has it terminated and at last killed. At most three short waits.
     // Returns how it ended, in words.
     std::string End();
 
   private:
-    Child(pid_t pid, posix::UniqueFd pidfd) : pid_(pid), pidfd_(std::move(pidfd)) {}
+    Child(pid_t keeper, posix::UniqueFd control) : keeper_(keeper), control_(std::move(control)) {}
 
-    const pid_t pid_;
-    const posix::UniqueFd pidfd_;
-    std::optional<int> status_;  // as from waitpid, once reaped
+    // The next number from the keeper (see Keeper.h). Nothing: there is none in time.
+    std::optional<int> Hear(int timeout_ms) const;
+
+    const pid_t keeper_;
+    const posix::UniqueFd control_;
+    pid_t pid_ = -1;
+    std::optional<int> status_;  // as from waitpid, once nothing is left
 };
 
 }  // namespace host

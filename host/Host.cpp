@@ -12,8 +12,6 @@
 namespace host {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 // Lends the stream to the plug-in until one side ends it or `stop` is readable. All devices are
 // detached and the stream's connection is ended on return.
 void serve(IClientUsbipPlugin& plugin, SocketStream& stream, int stop) {
@@ -39,8 +37,8 @@ std::string why_lost(Link& link) {
 
 }  // namespace
 
-std::chrono::seconds Backoff::Next(Clock::duration lived) {
-    if (lived >= kSettled) next_ = kFirst;
+std::chrono::seconds Backoff::Next(bool reached) {
+    if (reached) next_ = kFirst;
     return std::exchange(next_, std::min(next_ * 2, kLongest));
 }
 
@@ -62,13 +60,10 @@ int RunHost(const Options& options, int stop) {
     const std::string where = Describe(options.target);
     Backoff backoff;
     for (;;) {
-        Clock::duration lived{};
         auto link = Open(options.target, stop, error);
         if (link) {
             runtime.Say("connected to " + where);
-            const auto opened = Clock::now();
             serve(*plugin, *link->stream, stop);
-            lived = Clock::now() - opened;
         }
         if (posix::IsStopped(stop)) {
             runtime.Say("stopped, all devices detached");
@@ -76,9 +71,11 @@ int RunHost(const Options& options, int stop) {
         }
         runtime.Say(link ? "lost the stream to " + where + ": " + why_lost(*link)
                          : "cannot open " + where + ": " + error);
+        // The module writes nothing before it has to answer a version request.
+        const bool reached = link && link->stream->Written();
         link.reset();
         if (!options.reconnect) return 1;
-        const auto pause = backoff.Next(lived);
+        const auto pause = backoff.Next(reached);
         runtime.Say("trying again in " + std::to_string(pause.count()) + " s");
         posix::WaitFor(-1, 0, stop, static_cast<int>(std::chrono::milliseconds(pause).count()));
     }

@@ -7,15 +7,14 @@
 
 namespace host {
 
-// The pauses between streams: they double while streams cannot be opened or die young.
+// The pauses between streams: they double while no remote side is reached.
 class Backoff {
   public:
     static constexpr std::chrono::seconds kFirst{1};
     static constexpr std::chrono::seconds kLongest{30};
-    static constexpr std::chrono::seconds kSettled{30};  // a stream that lived so long was good
 
-    // The pause to make after a stream that lived for `lived` (0: it never opened).
-    std::chrono::seconds Next(std::chrono::steady_clock::duration lived);
+    // The pause to make after a stream; `reached` says whether it led to a remote side.
+    std::chrono::seconds Next(bool reached);
 
   private:
     std::chrono::seconds next_ = kFirst;

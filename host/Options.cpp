@@ -55,8 +55,8 @@ std::optional<int> ParseCommandLine(int argc, const char* const* argv, Options& 
                            ->group("Stream (one of)");
     line.add_flag("--reconnect", options.reconnect,
                   "open the stream again after it was lost or could not be\n"
-                  "opened, with pauses that grow from 1 to 30 seconds;\n"
-                  "devices are detached meanwhile")
+                  "opened, after a second, or up to 30 while no remote\n"
+                  "side answers; devices are detached meanwhile")
         ->group("Behaviour");
 
     options.module = XJ_DEFAULT_MODULE;

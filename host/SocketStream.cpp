@@ -65,6 +65,7 @@ int SocketStream::Write(const void* data, unsigned long len, unsigned long* writ
     const ssize_t count =
         retry_interrupted([&] { return ::send(socket_, data, len, MSG_NOSIGNAL); });
     if (count <= 0) return Fail(count < 0 ? errno : 0);
+    written_ = true;
     *written = static_cast<unsigned long>(count);
     return kSuccess;
 }

@@ -37,6 +37,9 @@ class SocketStream : public IPluginStreamRaw, protected CReference {
     // number of times.
     void End();
 
+    // Whether a Write has succeeded. Any thread.
+    bool Written() const { return written_; }
+
     // The errno value of the failure that ended the stream; 0 for an orderly end or none yet.
     int Error() const { return error_; }
 
@@ -52,6 +55,7 @@ class SocketStream : public IPluginStreamRaw, protected CReference {
     const int socket_;  // ours to close
     std::atomic<bool> ended_{false};
     std::atomic<int> error_{0};
+    std::atomic<bool> written_{false};
 
     // Owned by the reading thread: bytes [begin_, end_) are received and not yet delivered.
     std::array<std::byte, kReadAhead> buffer_;

@@ -51,7 +51,7 @@ bool UsbipClientPlugin::OnProtoVersionReq(const void*, unsigned long, IBuffer* m
     const usbip_version_rsp body{MakeMessageHead(kUsbipVersionRsp, sizeof body),
                                  kUsbipProtocolVersion};
     std::memcpy(response->GetPointer(), &body, sizeof body);
-    if (m_pStream) WriteMessage(response->GetPointer(), response->GetSize());
+    WriteMessage(response->GetPointer(), response->GetSize());
     return true;
 }
 
@@ -63,6 +63,13 @@ bool UsbipClientPlugin::OnProtoDevMap(const void*, unsigned long, IBuffer* messa
     XJModLog(1, "[usbipclient] map device %d, busid %d portid %d instanceid %s",
              static_cast<int>(map.devid), static_cast<int>(map.dev.busid),
              static_cast<int>(map.dev.portid), instanceid);
+
+    if (!HasRoomFor(map.devid)) {
+        XJModLog(4, "[usbipclient] map device %d refused, %zu are mapped",
+                 static_cast<int>(map.devid), kMostDevices);
+        OnUsbipDeviceError(map.devid);
+        return false;
+    }
 
     const CRefObj<IUsbipClient> client(new CUsbipClientLinux);
     client->SetListener(this);
@@ -107,6 +114,7 @@ bool UsbipClientPlugin::OnProtoForward(const void*, unsigned long, IBuffer* mess
                  kMaxRawSize);
         return false;
     }
+    if (!client->Accepts(forward.rawsize)) return true;
     const ScratchArea scratch = make_scratch(forward.rawsize);
     if (!scratch) return true;
     // What a broken stream inflates to is not judged here: the client checks every PDU it writes.

@@ -17,6 +17,7 @@ UsbipClientPlugin::UsbipClientPlugin()
     : m_pAllocator(new CMemAlloctorEx<CMemBuffer>),
       m_pSendThread(std::make_unique<CUsbipClientThread>()) {
     m_pSendThread->m_loop = [this] { return SendLoop(); };
+    m_pSendThread->m_wake = [this] { m_sendQueue.wake(); };
     m_pSendThread->SetThreadName("usbipclient-send");
     m_pSendThread->SetKernelName("usbip-send");
 }
@@ -63,10 +64,15 @@ long UsbipClientPlugin::InitInstance(IPluginStreamRaw* stream) {
 
 long UsbipClientPlugin::Run() {
     XJModLog(1, "[usbipclient] Run start");
-    m_sendQueue.close();
-    m_sendQueue.open();
-    m_pSendThread->Run();
-    SeparationMessageLoop<UsbipClientPlugin>(m_pStream.Get(), m_pAllocator.Get(), this);
+    m_bStreamEnded = false;
+    m_sendQueue.clear();
+    if (StartSending()) {
+        const long end =
+            SeparationMessageLoop<UsbipClientPlugin>(m_pStream.Get(), m_pAllocator.Get(), this);
+        m_bStreamEnded = end != kSeparationNoStream;
+    } else {
+        XJModLog(4, "[usbipclient] thread usbipclient-send cannot be made");
+    }
     XJModLog(1, "[usbipclient] Run return");
     return 1;
 }
@@ -84,9 +90,19 @@ long UsbipClientPlugin::ExitInstance() {
     devices.clear();
     XJModLog(8, "[usbipclient] finish to clear devs");
     XJModLog(8, "[usbipclient] start to stop send thread");
-    m_pSendThread->Stop();
+    StopSending();
     XJModLog(8, "[usbipclient] ExitInstance finish");
     return 0;
+}
+
+bool UsbipClientPlugin::StartSending() {
+    CLockGuard guard(m_sendThreadLock);
+    return m_pSendThread->Run();
+}
+
+void UsbipClientPlugin::StopSending() {
+    CLockGuard guard(m_sendThreadLock);
+    m_pSendThread->Stop();
 }
 
 CRefObj<IUsbipClient> UsbipClientPlugin::FindDevice(unsigned int devid) {
@@ -101,6 +117,11 @@ CRefObj<IUsbipClient> UsbipClientPlugin::TakeDevice(unsigned int devid) {
     return node ? node.mapped() : CRefObj<IUsbipClient>();
 }
 
+bool UsbipClientPlugin::HasRoomFor(unsigned int devid) {
+    CLockGuard guard(m_devicesLock);
+    return m_devices.size() < kMostDevices || m_devices.count(devid) != 0;
+}
+
 CRefObj<IBuffer> UsbipClientPlugin::NewMessage(unsigned long size) {
     CRefObj<IBuffer> buffer = m_pAllocator->GetFreeBuffer(size);
     if (!buffer || buffer->SetSize(size) != size) {
@@ -111,12 +132,14 @@ CRefObj<IBuffer> UsbipClientPlugin::NewMessage(unsigned long size) {
 }
 
 bool UsbipClientPlugin::WriteMessage(const void* data, unsigned long size) {
+    const CRefObj<IPluginStreamRaw> stream = m_pStream;
+    if (!stream) return false;
     const auto* next = static_cast<const char*>(data);
     int empty_writes = 0;
     CLockGuard guard(m_writeLock);
     while (size > 0) {
         unsigned long written = 0;
-        if (m_pStream->Write(next, size, &written, 0) != 0 || written > size) return false;
+        if (stream->Write(next, size, &written, 0) != 0 || written > size) return false;
         if (written == 0) {
             if (++empty_writes == kMaxEmptyWrites) return false;
             nanosleep(&kEmptyWritePause, nullptr);
@@ -133,7 +156,8 @@ bool UsbipClientPlugin::SendLoop() {
     CRefObj<IBuffer> message;
     if (!m_sendQueue.pop(message, kSendWaitMs) || !message) return true;
     const auto* bytes = static_cast<const unsigned char*>(message->GetPointer());
-    if (!m_pStream || !WriteMessage(bytes, message->GetSize())) {
+    // Of a stream that has ended nothing else is to be expected.
+    if (!WriteMessage(bytes, message->GetSize()) && !m_bStreamEnded) {
         const auto* head = reinterpret_cast<const usbip_message_head*>(bytes);
         XJModLog(4, "[usbipclient] Send2StreamRaw fail, type: %X/%X .", head->outer.type,
                  head->inner.type);

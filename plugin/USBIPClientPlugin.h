@@ -47,6 +47,9 @@ class UsbipClientPlugin : public CUsbipMessageSeparation,
     void OnUsbipDeviceError(unsigned int devid) override;
 
   private:
+    // More than anybody plugs in. Each device costs the host threads, descriptors and memory.
+    static constexpr std::size_t kMostDevices = 256;
+
     // Handlers of the message map, on the Run thread. They read their fields from the start of
     // `message`, which holds the whole message. False: refused, with a log line.
     bool OnProtoVersionReq(const void* payload, unsigned long length, IBuffer* message);
@@ -54,8 +57,10 @@ class UsbipClientPlugin : public CUsbipMessageSeparation,
     bool OnProtoDevUnmap(const void* payload, unsigned long length, IBuffer* message);
     bool OnProtoForward(const void* payload, unsigned long length, IBuffer* message);
 
-    bool SendLoop();  // one pass of the send thread; true
-    // Writes a whole message; false when the stream failed or takes nothing.
+    bool SendLoop();                                 // one pass of the send thread; true
+    bool StartSending() EXCLUDES(m_sendThreadLock);  // false: there can be no thread
+    void StopSending() EXCLUDES(m_sendThreadLock);
+    // Writes a whole message; false when there is no stream, or it failed or takes nothing.
     bool WriteMessage(const void* data, unsigned long size) EXCLUDES(m_writeLock);
     // A buffer of exactly `size` bytes in use; empty, with a log line, when there is none.
     CRefObj<IBuffer> NewMessage(unsigned long size);
@@ -65,17 +70,22 @@ class UsbipClientPlugin : public CUsbipMessageSeparation,
 
     CRefObj<IUsbipClient> FindDevice(unsigned int devid) EXCLUDES(m_devicesLock);
     CRefObj<IUsbipClient> TakeDevice(unsigned int devid) EXCLUDES(m_devicesLock);
+    bool HasRoomFor(unsigned int devid) EXCLUDES(m_devicesLock);
 
     // Constant after construction.
     const CRefObj<IMemAlloctor> m_pAllocator;
-    const std::unique_ptr<CUsbipClientThread> m_pSendThread;
 
     // Set by InitInstance, constant while Run or the send thread is active.
     CRefObj<IPluginStreamRaw> m_pStream;
 
     // Their own synchronisation.
     std::atomic<bool> m_bCompress{false};          // set on the Run thread, read on work threads
+    std::atomic<bool> m_bStreamEnded{false};       // set on the Run thread, read on the send thread
     CBufferQueue_T<CRefObj<IBuffer>> m_sendQueue;  // whole messages: one taker, the send thread
+
+    // Held while the send thread is started or joined; that thread takes only m_writeLock.
+    CMutexLock m_sendThreadLock;
+    const std::unique_ptr<CUsbipClientThread> m_pSendThread PT_GUARDED_BY(m_sendThreadLock);
 
     // Innermost: never held while a client is started, stopped or destroyed, since those take their
     // time, nor while anything is logged.

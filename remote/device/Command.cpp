@@ -25,10 +25,7 @@ std::string DecodeCommand(ByteView pdu, Command& command) {
         return "PDU of " + std::to_string(pdu.size()) + " bytes announces " +
                std::to_string(length.Total());
     }
-    command = {};
-    command.pdu = pdu;
-    command.seqnum = be32toh(header.seqnum);
-    command.devid = be32toh(header.devid);
+    command = {.pdu = pdu, .seqnum = be32toh(header.seqnum), .devid = be32toh(header.devid)};
     if (!submit) {
         command.unlinks = be32toh(header.u.cmd_unlink.seqnum);
         return {};

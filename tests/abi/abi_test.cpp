@@ -114,9 +114,12 @@ TEST(Abi, ASessionOfAnOldHost) {
     EXPECT_EQ(plugin->AddRef(), 2);
     EXPECT_EQ(plugin->Release(), 1);
 
+    for (const int references : {2, 2, 1, 2}) {
+        EXPECT_EQ(plugin->InitInstance(references == 2 ? &host : nullptr), 0);
+        EXPECT_EQ(host.references, references);
+        EXPECT_EQ(plugin->Run(), 1) << "there is nothing to read";
+    }
     // Operations that only answer.
-    EXPECT_EQ(plugin->InitInstance(&host), 0);
-    EXPECT_EQ(host.references, 2);
     runtime.last.clear();
     void* out = this;
     EXPECT_EQ(plugin->Load(L"x") + plugin->SetPermission("x", 1) + plugin->Empty(), 0);

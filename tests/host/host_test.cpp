@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -15,15 +17,16 @@
 
 #include "fakes/Patience.h"
 #include "host/Doctor.h"
+#include "host/Keeper.h"
 
 namespace host {
 namespace {
 
-TEST(BackoffTest, PausesDoubleUpToALimitAndStartAgainAfterAGoodStream) {
+TEST(BackoffTest, PausesDoubleUpToALimitAndStartAgainBehindARemoteSide) {
     Backoff backoff;
     for (const int pause : {1, 2, 4, 8, 16, 30, 30})
-        EXPECT_EQ(pause, backoff.Next(std::chrono::seconds(29)).count());
-    EXPECT_EQ(1, backoff.Next(std::chrono::seconds(30)).count());
+        EXPECT_EQ(pause, backoff.Next(false).count());
+    EXPECT_EQ(1, backoff.Next(true).count());
 }
 
 TEST(DoctorTest, SaysWhatItFoundAndWhatStandsInTheWay) {
@@ -182,9 +185,12 @@ class ProgramTest : public testing::Test {
 
 TEST_F(ProgramTest, TheModuleAnswersOverTheStreamAndOverTheNextUntilSigterm) {
     Start("--reconnect --connect " + target_);
-    ExchangeVersions(Accept());
-    ExpectOutput("] ExitInstance");
-    ExpectOutput(": the remote side ended it");
+    for (int i = 0; i < 2; ++i) {
+        ExchangeVersions(Accept());
+        ExpectOutput("] ExitInstance");
+        ExpectOutput(": the remote side ended it");
+        ExpectOutput("trying again in 1 s");
+    }
     const posix::UniqueFd peer = Accept();
     for (int i = 0; i < 2; ++i)
         ExchangeVersions(peer);
@@ -227,21 +233,6 @@ TEST_F(ProgramTest, AnEndedCommandIsALostStream) {
     }
 }
 
-TEST_F(ProgramTest, ACommandIsAskedToEndAndThenMadeTo) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"cat; exit 3", "ended with status 3"},  // sees the end of its input
-        {"head -c1; exec sleep 1000", "was ended by signal Terminated"},
-        {"trap '' TERM; head -c1; exec sleep 1000", "was ended by signal Killed"},
-    };
-    for (const auto& [command, how] : cases) {
-        program_ = Child::Start(command, output_, seen_);
-        EXPECT_EQ(1, ::send(output_.Get(), "x", 1, MSG_NOSIGNAL)) << seen_;
-        EXPECT_EQ("x", receive(output_, 1)) << command;
-        output_ = {};
-        EXPECT_EQ("the command " + how, program_->End());
-    }
-}
-
 // Over a socket, where the remote side goes first, and over a pipe, where the host does.
 TEST_F(ProgramTest, TheHostAndTheRemoteSideEndTogether) {
     Run(REMOTE " --listen 0.0.0.0:0 --wait --usbip [::1]:1/1-1 --disk " + image_);
@@ -263,6 +254,58 @@ TEST_F(ProgramTest, TheHostAndTheRemoteSideEndTogether) {
     ExpectOutput("] map device 1, ");
     EXPECT_EQ(kStatus + "0", Exit(SIGTERM));
     ExpectOutput("device 1: URBs in 0");
+}
+
+TEST(CommandTest, IsAskedToEndAndThenMadeTo) {
+    const std::pair<const char*, int> cases[] = {
+        {"cat; exit 3", W_EXITCODE(3, 0)},  // sees the end of its input
+        {"head -c1; exec sleep 60", SIGTERM},
+        {"trap '' TERM; head -c1; exec sleep 60", SIGKILL}};
+    for (const auto& [command, status] : cases) {
+        int stream[2];
+        int control[2];
+        ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, stream));
+        ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, control));
+        posix::UniqueFd ours(stream[0]), theirs(stream[1]), ears(control[0]), keepers(control[1]);
+        const pid_t keeper = ::fork();
+        if (keeper == 0) {
+            Keep(command, theirs.Release(), keepers.Release());
+            std::exit(0);  // after which a measurement knows the lines
+        }
+        theirs = {};
+        keepers = {};
+        EXPECT_EQ(1, ::send(ours.Get(), "x", 1, MSG_NOSIGNAL));
+        EXPECT_EQ("x", receive(ours, 1)) << command;
+        ours = {};
+        ::shutdown(ears.Get(), SHUT_WR);
+        const std::string heard = receive(ears, 2 * sizeof(int));
+        int said[2] = {};
+        std::memcpy(said, heard.data(), heard.size());
+        EXPECT_EQ(status, said[1]) << command;
+        ::waitpid(keeper, nullptr, 0);
+    }
+}
+
+// Its output ends when nobody has it any more. Not run as the others are, by the code under test.
+TEST(CommandTest, NothingOfItIsLeftBehind) {
+    const std::string held = "(trap '' TERM; exec sleep 60) & sleep 60 & ";
+    const std::pair<std::string, std::string> cases[] = {
+        {held + "exit 3", "the command ended with status 3"}, {held + "sleep 60", "is killed"}};
+    for (const auto& [command, how] : cases) {
+        const std::string program = "echo $$; exec " COMMAND " --exec \"" + command + "\" 2>&1";
+        const Stopwatch elapsed;
+        FILE* const output = ::popen(program.c_str(), "r");
+        char line[1000];
+        const pid_t pid = std::atoi(std::fgets(line, sizeof line, output));
+        std::string text;
+        while (std::fgets(line, sizeof line, output) != nullptr) {
+            text += line;
+            if (how == "is killed" && text.ends_with("sleep 60\"\n")) ::kill(pid, SIGKILL);
+        }
+        ::pclose(output);
+        EXPECT_LT(elapsed.Milliseconds(), 30'000) << "left behind by " << text;
+        EXPECT_EQ(how != "is killed", text.find(how) != std::string::npos) << text;
+    }
 }
 
 // Not a line of theirs gets into a stream or an image, which take the places of what is closed.

@@ -27,12 +27,12 @@ TEST_F(ForwardTest, CompressesAboveTheThresholdWhenAllowed) {
         std::uint8_t flags;
         std::size_t size;
         bool compressed;
-    } cases[] = {{0, 49, false},      {1, 49, false},     {1, 4096, false},    {1, 4097, true},
-                 {0, 200'000, false}, {1, 200'000, true}, {0xFE, 5000, false}, {0xFF, 5000, true}};
+    } cases[] = {{1, 49, false},     {1, 4096, false},    {1, 4097, true},   {0, 200'000, false},
+                 {1, 200'000, true}, {0xFE, 5000, false}, {0xFF, 5000, true}};
     for (const auto& test : cases) {
         SCOPED_TRACE(std::to_string(test.size) + " bytes, flags " + std::to_string(test.flags));
         host.Receive(VersionRequest(test.flags));
-        NextMessage();
+        EXPECT_EQ(NextMessage(), VersionResponse());
         const std::string message = Sent(test.size);
         const auto forward = Parse<usbip_forward>(message);
         ASSERT_EQ(forward.rawsize, test.compressed ? test.size : 0);
@@ -44,20 +44,13 @@ TEST_F(ForwardTest, CompressesAboveTheThresholdWhenAllowed) {
 
 TEST_F(ForwardTest, RepliesReachTheKernelPlainAndInflated) {
     const std::string reply = PeerPdu(20, 50'000);
-    for (const std::string& message : {ForwardMessage(7, reply), CompressedForward(7, reply)}) {
-        host.Receive(message);  // inflated though we do not compress ourselves
+    // Inflated though we do not compress ourselves; the last one claims more than there is.
+    for (const std::string& message : {ForwardMessage(7, reply), CompressedForward(7, reply),
+                                       ForwardMessage(7, Deflated(reply), kMaxRawSize)}) {
+        host.Receive(message);
         EXPECT_TRUE(kernel->Receive(reply.size()) == reply);
     }
     EXPECT_TRUE(Works(7, *kernel));
-}
-
-TEST_F(ForwardTest, ALyingRawsizeCommitsNoMemory) {
-    if (kSanitized) GTEST_SKIP() << "sanitizers commit memory of their own";
-    const std::string reply = UnlinkReply(1);
-    const long before = PeakResidentKilobytes();
-    host.Receive(ForwardMessage(7, Deflated(reply), kMaxRawSize));
-    EXPECT_EQ(kernel->Receive(48), reply);
-    EXPECT_LT(PeakResidentKilobytes() - before, 16 * 1024);
 }
 
 TEST_F(ForwardTest, DataThatDoesNotInflateEndsOnlyItsDevice) {

@@ -1,5 +1,4 @@
-// What travels, the plug-in's lifecycle, the version exchange, the device registry and the send
-// thread.
+// What travels, the plug-in's lifecycle, the send thread and the device registry.
 #include <algorithm>
 
 #include "client/IClientUsbipListenter.h"
@@ -43,16 +42,6 @@ TEST(Wire, BytesOfEachKind) {
 
 // --- lifecycle ---
 
-TEST_F(PluginTest, HoldsOneReferenceOnItsStream) {
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(host.plugin->InitInstance(host.stream.Get()), 0);
-        EXPECT_EQ(host.stream->References(), 2);
-    }
-    host.plugin->InitInstance(nullptr);
-    EXPECT_EQ(host.stream->References(), 1);
-    EXPECT_EQ(host.plugin->Run(), 1) << "without a stream it returns at once";
-}
-
 TEST_F(PluginTest, EachExitStopsWhatThereIsInOrder) {
     host.Start();
     const std::unique_ptr<KernelEnd> kernels[] = {Map(7), Map(3), Map(5)};
@@ -83,18 +72,7 @@ TEST_F(PluginTest, RunsAgainWithANewStream) {
     ExpectForwarded(1, Unlink(3));  // what was queued before is dropped
 }
 
-// --- version exchange ---
-
-TEST_F(PluginTest, AnswersEachVersionRequest) {
-    host.Start();
-    for (const int flags : {0x00, 0x01, 0x02, 0xFE, 0xFF}) {
-        host.Receive(VersionResponse());  // ignored
-        host.Receive(VersionRequest(static_cast<std::uint8_t>(flags)));
-        EXPECT_EQ(NextMessage(), VersionResponse()) << flags;
-    }
-    EXPECT_TRUE(Silent());
-    EXPECT_TRUE(host.runtime.Lines(4).empty()) << "a received response is ignored silently";
-}
+// --- send thread ---
 
 TEST_F(PluginTest, WholeMessagesOnTheStreamFromBothThreads) {
     host.stream->SetWriteBlock(3);
@@ -111,8 +89,6 @@ TEST_F(PluginTest, WholeMessagesOnTheStreamFromBothThreads) {
     }
     EXPECT_FALSE(host.stream->WritesOverlapped());
 }
-
-// --- send thread ---
 
 TEST_F(PluginTest, AWriteThatFailsOrTakesNothingLosesOneMessage) {
     host.Start();

@@ -66,21 +66,21 @@ class DiskTest : public testing::Test, public ReplySink {
 
     // --- URBs: these return their sequence number, or else their answer ---
 
-    std::uint32_t Start(const std::string& pdu) {
-        disk_->TakeCommand(Decoded(pdu));
+    std::uint32_t Start(Command command) {
+        command.seqnum = ++seqnum_;
+        disk_->TakeCommand(command);
         return seqnum_;
     }
     std::uint32_t StartIn(std::uint32_t length, std::uint32_t flags = 0) {
-        const std::string pdu = With(kEndpoint, 1, SubmitIn(++seqnum_, length));
-        return Start(With(offsetof(usbip_header, u.cmd_submit.transfer_flags), flags, pdu));
+        return Start({.in = true, .endpoint = 1, .transfer_flags = flags, .length = length});
     }
     Answer In(std::uint32_t length) { return Take(StartIn(length)); }
-    Answer Out(const std::string& data, std::uint32_t packets = 0) {
-        return Take(Start(With(kEndpoint, 2, SubmitOut(++seqnum_, data, packets))));
+    Answer Out(std::string_view data, std::string_view packets = {}) {
+        const auto length = static_cast<std::uint32_t>(data.size());
+        return Take(
+            Start({.endpoint = 2, .length = length, .data = View(data), .packets = View(packets)}));
     }
-    int Unlink(std::uint32_t target) {
-        return Take(Start(With(kTarget, target, ::Unlink(++seqnum_)))).status;
-    }
+    int Unlink(std::uint32_t target) { return Take(Start({.unlinks = target})).status; }
 
     void Reply(remote::Bytes pdu) override {
         const auto header = LoadRaw<usbip_header>(pdu.data());
@@ -95,17 +95,17 @@ class DiskTest : public testing::Test, public ReplySink {
 
     // --- requests on endpoint 0 ---
 
-    // `setup`: its 8 bytes; `pdu`: a command with the sequence number seqnum_.
-    Answer Request(const std::string& setup, std::string pdu) {
-        return Take(Start(pdu.replace(kSetup, 8, FromHex(setup))));
+    Answer Request(bool in, std::uint32_t length, const std::string& setup) {
+        return Take(Start({.in = in,
+                           .length = length,
+                           .setup = Parse<std::array<std::uint8_t, 8>>(FromHex(setup))}));
     }
     // The data of the answer, or "stall".
     std::string Control(const std::string& setup) {
         const std::string bytes = FromHex(setup);
-        const auto length = le16toh(Parse<std::uint16_t>(bytes.substr(6)));
+        const std::uint32_t length = le16toh(Parse<std::uint16_t>(bytes.substr(6)));
         const bool in = (bytes[0] & 0x80) != 0;
-        const Answer answer = Request(setup, in ? SubmitIn(++seqnum_, length)
-                                                : SubmitOut(++seqnum_, std::string(length, 'c')));
+        const Answer answer = Request(in, length, setup);
         if (answer.status == -EPIPE) return "stall";
         EXPECT_EQ(answer.status, 0);
         EXPECT_EQ(answer.actual, in ? answer.data.size() : length);

@@ -1,10 +1,10 @@
-// What travels, as far as support/Messages.h does not make it.
+// What travels, as far as fakes/ does not make it.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include "fakes/Messages.h"
+#include "fakes/Traffic.h"
 #include "remote/device/Command.h"
 #include "remote/io/Bytes.h"
 #include "wire/UsbipServer.h"
@@ -31,21 +31,11 @@ inline Command Decoded(std::string_view pdu) {
 inline constexpr std::size_t kEndpoint = offsetof(usbip_header, ep);
 inline constexpr std::size_t kStatus = offsetof(usbip_header, u.ret_submit.status);
 inline constexpr std::size_t kTarget = offsetof(usbip_header, u.cmd_unlink.seqnum);
-inline constexpr std::size_t kSetup = offsetof(usbip_header, u.cmd_submit.setup);
 inline constexpr std::size_t kPackets = offsetof(usbip_header, u.cmd_submit.number_of_packets);
 
 // With another value in a field of 32 bits, big-endian.
 inline std::string With(std::size_t offset, std::int64_t value, std::string pdu) {
     return pdu.replace(offset, 4, ::Bytes(htobe32(static_cast<std::uint32_t>(value))));
-}
-
-inline std::string Deflated(std::string_view data) {
-    std::string deflated(compressBound(data.size()), '\0');
-    uLongf size = deflated.size();
-    EXPECT_EQ(
-        compress(reinterpret_cast<Bytef*>(deflated.data()), &size, View(data).data(), data.size()),
-        Z_OK);
-    return deflated.substr(0, size);
 }
 
 // A keyboard at bus 3, device 9, full speed.

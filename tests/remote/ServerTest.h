@@ -18,7 +18,7 @@
 
 namespace remote::test {
 
-// A connected socket. Every wait ends with a failure at last, and after it all that follow at once.
+// A connected socket. Every wait ends with a failure at last.
 class Peer : public posix::UniqueFd {
   public:
     explicit Peer(int fd = -1) : posix::UniqueFd(fd) {
@@ -28,11 +28,12 @@ class Peer : public posix::UniqueFd {
     }
     std::string Read(std::size_t size) const {
         std::string bytes(size, '\0');
-        ExpectAll(recv(Get(), bytes.data(), size, MSG_WAITALL), size, "received");
+        EXPECT_EQ(recv(Get(), bytes.data(), size, MSG_WAITALL), static_cast<ssize_t>(size));
         return bytes;
     }
     void Write(std::string_view bytes) const {
-        ExpectAll(send(Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), bytes.size(), "sent");
+        EXPECT_EQ(send(Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
     }
     // Returns what is left when nobody has read for a while.
     std::string_view WriteUntilStuck(std::string_view bytes) const {
@@ -54,13 +55,6 @@ class Peer : public posix::UniqueFd {
         while (recv(Get(), unread, sizeof unread, 0) > 0)
             continue;
         return recv(Get(), unread, sizeof unread, 0) == 0;
-    }
-
-  private:
-    void ExpectAll(ssize_t count, std::size_t size, const char* what) const {
-        if (count == static_cast<ssize_t>(size)) return;
-        ADD_FAILURE() << count << " of " << size << " bytes " << what;
-        shutdown(Get(), SHUT_RDWR);
     }
 };
 
@@ -86,13 +80,13 @@ class Host : public Peer {
     usbip_dev_map Mapped() const { return Next<usbip_dev_map>(kUsbipDevMap); }
     std::uint32_t Unmapped() const { return Next<usbip_dev_unmap>(kUsbipDevUnmap).devid; }
     void Forward(std::uint32_t id, std::string_view pdu) const { Write(ForwardMessage(id, pdu)); }
-    // The data of the next forward, which must be of this device.
-    std::string Reply(std::uint32_t devid, std::size_t rawsize = 0) const {
+    // The PDU of the next forward, which must be of this device.
+    std::string Reply(std::uint32_t devid, bool compressed = false) const {
         const auto forward = Next<usbip_forward>(kUsbipForward);
         EXPECT_EQ(forward.devid, devid);
-        EXPECT_EQ(forward.rawsize, rawsize);
+        EXPECT_EQ(forward.rawsize != 0, compressed);
         const std::size_t size = std::min<std::size_t>(forward.datasize, 1 << 26);
-        return Read(size + kForwardFiller).substr(0, size);
+        return CarriedPdu(::Bytes(forward) + Read(size + kForwardFiller));
     }
 };
 

@@ -76,11 +76,9 @@ class BridgeTest : public ServerTest {
     }
     // URBs and their replies on a device that ought to work.
     void ExpectWorks(const Lent& device) {
-        const std::pair<std::string, std::string> urbs[] = {
-            {SubmitIn(1, 8), SubmitReply(1, 8, "keyboard")},
-            {SubmitOut(2, std::string(200'000, 'x')), SubmitReply(2, 200'000)},
-        };
-        for (const auto& [command, reply] : urbs) {
+        for (const auto& [command, reply] :
+             {std::pair{SubmitIn(1, 8), SubmitReply(1, 8, "keyboard")},
+              {SubmitOut(2, std::string(200'000, 'x')), SubmitReply(2, 200'000)}}) {
             host_.Forward(device.devid, command);
             EXPECT_EQ(device.server.Read(command.size()), command);
             device.server.Write(reply);
@@ -95,16 +93,15 @@ TEST_F(BridgeTest, EveryHostGetsTheDeviceAsTheServerDescribesItAndItWorks) {
     Start(1);
     for (int host = 0; host < 2; ++host) {
         if (host != 0) ServeHost();
-        Lent device{fake_.Accept(), 0};
+        Lent device{fake_.Accept(), 1};
         const auto request = FromHex("01 11 80 03 00 00 00 00 31 2D 31") + std::string(29, '\0');
         EXPECT_EQ(device.server.Read(40), request);
         for (const char byte : ::Bytes(ImportReply("1-1")))
             device.server.Write({&byte, 1});
-        const usbip_dev_map map = host_.Mapped();
-        EXPECT_EQ(::Bytes(map.dev).substr(offsetof(_USBIP_DEV, busid), 16),
+        const _USBIP_DEV dev = host_.Mapped().dev;
+        EXPECT_EQ(::Bytes(dev).substr(offsetof(_USBIP_DEV, busid), 16),
                   FromHex("03 00 00 00 09 00 00 00 02 00 00 00 6D 04 1C C3"));
-        EXPECT_EQ(map.dev.instanceid, fake_.name + "/1-1 046d:c31c");
-        device.devid = map.devid;
+        EXPECT_EQ(dev.instanceid, fake_.name + "/1-1 046d:c31c");
         ExpectWorks(device);
         host_.Forward(device.devid, SubmitIn(1, 8));
         CloseHost();

@@ -35,8 +35,7 @@ std::string Feed(std::string_view stream, std::size_t piece) {
 TEST(Channel, MessagesComeOutWholeInPiecesOfAnySize) {
     std::string stream, pdus;
     for (const std::string& pdu : {SubmitOut(1, "data"), SubmitOut(2, kMegabyte), Unlink(3)}) {
-        stream += ForwardMessage(kDevid, pdu);
-        stream += ForwardMessage(kDevid, Deflated(pdu), static_cast<std::uint32_t>(pdu.size()));
+        stream += ForwardMessage(kDevid, pdu) + CompressedForward(kDevid, pdu);
         pdus += pdu + pdu;
     }
     for (const std::size_t piece : {1UL, 7UL, 48UL, stream.size()})

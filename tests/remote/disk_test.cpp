@@ -51,9 +51,9 @@ TEST_F(DiskTest, AnswersAsItIsWritten) {
 
 TEST_F(DiskTest, RequestsHaveOneDirectionAndNoPackets) {
     const std::string device = "80 06 00 01 00 00 12 00";
-    EXPECT_EQ(Request(device, SubmitIn(++seqnum_, 8)).data.size(), 8U) << "room for 8 of 18";
-    EXPECT_EQ(Request(device, SubmitOut(++seqnum_, "")).status, -EPIPE);
-    EXPECT_EQ(Out("data", 1).status, -EINVAL) << "isochronous";
+    EXPECT_EQ(Request(kIn, 8, device).data.size(), 8U) << "room for 8 of 18";
+    EXPECT_EQ(Request(kOut, 18, device).status, -EPIPE);
+    EXPECT_EQ(Out("data", std::string(16, 'p')).status, -EINVAL) << "isochronous";
 }
 
 TEST_F(DiskTest, DataMovesInWhateverPiecesCome) {

@@ -88,8 +88,8 @@ TEST_F(SessionTest, DevicesComeAndGoAndComeBackWithAFreshId) {
     constexpr std::uint32_t kLongestPlain = kCompressThreshold - sizeof(usbip_header);
     ExpectWorks(host_, 4, kLongestPlain);
     const std::string command = SubmitOut(5, kMegabyte.substr(0, kLongestPlain + 1));
-    host_.Write(ForwardMessage(4, Deflated(command), static_cast<std::uint32_t>(command.size())));
-    EXPECT_TRUE(host_.Reply(4, command.size()) == Deflated(Answer(5, kLongestPlain + 1)));
+    host_.Write(CompressedForward(4, command));
+    EXPECT_EQ(host_.Reply(4, true), Answer(5, kLongestPlain + 1));
     for (const std::string& pdu : {With(kEndpoint, kStalled, SubmitIn(6, 0)), Unlink(7)}) {
         host_.Forward(4, pdu);
         host_.Reply(4);

@@ -88,7 +88,9 @@ TEST_F(VhciTest, StatusTexts) {
 
 TEST_F(VhciTest, DeviceOfAPortInUse) {
     const std::string in_use = "ss  0006 006 005 00010003 000005 3-1";
-    controller_.AddUsbDevice("3-1", {{"bDeviceClass", ""}, {"bDeviceSubClass", "zz"}});
+    controller_.AddUsbDevice("3-1");
+    controller_.SetAttribute("3-1", "bDeviceClass", "");
+    controller_.SetAttribute("3-1", "bDeviceSubClass", "zz");
     EXPECT_TRUE(OpenWithStatus(in_use));
     std::string missing =
         "read_attr_value sscanf failed for attribute bDeviceClass\n"
@@ -129,8 +131,7 @@ TEST_F(VhciTest, OpenFailures) {
     };
     CLinuxVHCI vhci;
     for (const auto& row : rows) {
-        controller_.SetAttribute("vhci_hcd.0", row.attribute, row.text.value_or(""));
-        if (!row.text) controller_.RemoveAttribute("vhci_hcd.0", row.attribute);
+        controller_.SetAttribute("vhci_hcd.0", row.attribute, row.text);
         EXPECT_FALSE(vhci.Open());
         EXPECT_EQ(Failures(), row.lines);
         EXPECT_EQ(FakeController::live_udev_objects, 0);
