@@ -105,6 +105,16 @@ Address SocketAddress::ToAddress() const {
     return {Address::Kind::Tcp, name.data(), ntohs(v4.sin_port)};
 }
 
+std::string DescribePeer(int socket) {
+    SocketAddress peer;
+    if (::getpeername(socket, peer.Get(), &peer.size) != 0) return ErrorText(errno);
+    if (peer.storage.ss_family != AF_UNIX) return Describe(peer.ToAddress());
+    ucred process{};
+    socklen_t size = sizeof process;
+    ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &process, &size);
+    return "process " + std::to_string(process.pid) + " of user " + std::to_string(process.uid);
+}
+
 std::vector<SocketAddress> Resolve(const Address& address, int stop, std::string& error) {
     if (address.kind == Address::Kind::Tcp) return look_up(address, stop, error);
     sockaddr_un path{};

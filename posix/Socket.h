@@ -27,6 +27,9 @@ struct SocketAddress {
     Address ToAddress() const;  // of TCP, with the numeric address for a name
 };
 
+// Who is at the other end, for the user: an address, or a process at a Unix socket.
+std::string DescribePeer(int socket);
+
 // The places that `address` stands for, in the resolver's order of preference. Empty with an
 // `error`, at the latest after 30 s and soon after `stop` becomes readable (see Wait.h).
 std::vector<SocketAddress> Resolve(const Address& address, int stop, std::string& error);

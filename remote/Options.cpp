@@ -18,7 +18,8 @@ constexpr const char* kFooter = R"(Commands on standard input, one a line (with 
   list        one line for each device: number, unplugged|plugged|mapped, name
   unplug N    takes device N away from the host, even in the middle of traffic
   plug N      offers it again
-  quit        as SIGINT and SIGTERM: takes all devices away, syncs images, exits 0
+  quit        as SIGINT and SIGTERM: takes all devices away, syncs images, exits 0;
+              1 when data of an image may be lost
 In the background of a terminal none are read, nor in the foreground after that.
 SIGUSR1 writes each device's counters to standard error, as the end does.
 
@@ -108,7 +109,8 @@ std::optional<int> ParseCommandLine(int argc, const char* const* argv, Options& 
                 [&options](const posix::Address& address) { options.listen = address; },
                 "wait for hosts at HOST:PORT, [IPV6]:PORT (port 0: a\n"
                 "free one) or unix:PATH; the address really bound is\n"
-                "printed; one host at a time, others wait")
+                "printed; one host at a time, a second one is turned\n"
+                "away")
             ->type_name("ADDRESS")
             ->group("What to do (one of)");
     const auto* stdio = line.add_flag("--stdio")

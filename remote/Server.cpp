@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,9 +11,11 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <ctime>
 #include <utility>
 #include <vector>
 
+#include "posix/Socket.h"
 #include "posix/StandardStreams.h"
 #include "remote/io/Log.h"
 
@@ -20,6 +23,14 @@ namespace remote {
 namespace {
 
 constexpr std::size_t kMaxCommandLine = 256;  // longer ones are no command of ours
+
+std::string time_of_day() {
+    std::array<char, sizeof "23:59:59"> text{};
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    std::strftime(text.data(), text.size(), "%T", localtime_r(&now, &local));
+    return text.data();
+}
 
 }  // namespace
 
@@ -31,12 +42,18 @@ Server::Server(std::vector<std::unique_ptr<Device>> devices, bool compress, Cont
 }
 
 bool Server::Run(Listener& listener) {
-    return Loop(&listener);
+    return Loop(&listener) && DataSafe();
 }
 
 bool Server::Run(HostLink link) {
-    StartSession(std::move(link));
-    return Loop(nullptr);
+    Log("host connected");
+    session_ = std::make_unique<Session>(std::move(link), slots_, compress_);
+    return Loop(nullptr) && DataSafe();
+}
+
+bool Server::DataSafe() const {
+    return std::all_of(slots_.begin(), slots_.end(),
+                       [](const Slot& slot) { return slot.device->DataSafe(); });
 }
 
 bool Server::Loop(Listener* listener) {
@@ -49,13 +66,12 @@ bool Server::Loop(Listener* listener) {
         if (quitting_ && !session_) return true;
         if (session_) session_->FollowDevices();
 
-        // A host that comes while another one is served waits in the backlog.
-        const bool accepting = listener != nullptr && !session_;
+        const bool accepting = listener != nullptr && !quitting_;
         std::vector<pollfd> fds{
             {controls_.signals, POLLIN, 0},
             {controls_.commands, POLLIN, 0},
             {accepting ? listener->Fd() : -1, POLLIN, 0},
-            {session_ ? session_->ReadableFd() : -1, POLLIN, 0},
+            {session_ ? session_->ReadableFd() : -1, POLLIN | POLLRDHUP, 0},
             {session_ ? session_->WritableFd() : -1, POLLOUT, 0},
         };
         const std::size_t first_device = fds.size();
@@ -69,22 +85,35 @@ bool Server::Loop(Listener* listener) {
         OnDevices(std::span(fds).subspan(first_device));
         if (fds[0].revents != 0) OnSignal();
         if (fds[1].revents != 0) OnCommands();
-        if (accepting && fds[2].revents != 0 && !quitting_) {
-            posix::UniqueFd host = listener->Accept();
-            if (host) StartSession({std::move(host), {}});
-            continue;
-        }
-        if (!session_) continue;
-        if (fds[3].revents != 0 && !session_->Over()) session_->OnReadable();
-        if (fds[4].revents != 0 && !session_->Over()) session_->OnWritable();
-        const auto deadline = session_->Deadline();
-        if (deadline && Clock::now() >= *deadline) session_->OnDeadline();
+        if (session_) ServeSession(fds[3].revents, fds[4].revents);
+        // Whoever comes when a host has left waits until the last that it sent is read.
+        const bool leaving = (fds[3].revents & ~POLLIN) != 0 || (session_ && session_->Over());
+        if (fds[2].revents != 0 && !leaving && !quitting_) Welcome(listener->Accept());
     }
 }
 
-void Server::StartSession(HostLink link) {
-    Log("host connected");
-    session_ = std::make_unique<Session>(std::move(link), slots_, compress_);
+void Server::ServeSession(short readable, short writable) {
+    if (readable != 0 && !session_->Over()) session_->OnReadable();
+    if (writable != 0 && !session_->Over()) session_->OnWritable();
+    const auto deadline = session_->Deadline();
+    if (deadline && Clock::now() >= *deadline) session_->OnDeadline();
+}
+
+// A second host is turned away at once: one that had to wait could not be told why, would take us
+// for a server that hangs, and might wait for ever. The channel has no message for people, so the
+// reason is a line of text, as from any server that is full; hosts with --reconnect try again.
+void Server::Welcome(posix::UniqueFd host) {
+    if (!host) return;
+    const std::string name = posix::DescribePeer(host.Get());
+    if (!session_) {
+        Log("host connected: %s", name.c_str());
+        served_ = name + " is served since " + time_of_day();
+        session_ = std::make_unique<Session>(HostLink{std::move(host), {}}, slots_, compress_);
+        return;
+    }
+    Log("%s turned away: %s", name.c_str(), served_.c_str());
+    const std::string reason = "xj-usbip-remote: " + served_ + "\n";
+    send(host.Get(), reason.data(), reason.size(), MSG_NOSIGNAL);  // it is empty: there is room
 }
 
 bool Server::Congested() const {

@@ -31,7 +31,7 @@ class Server {
     Server(std::vector<std::unique_ptr<Device>> devices, bool compress, Controls controls);
 
     // Both serve until told to end; the second one also until its host has gone. False: the host
-    // or its link was at fault. The devices' data is safe on return.
+    // or its link was at fault, or data of a device is lost.
     bool Run(Listener& listener);
     bool Run(HostLink link);
 
@@ -39,7 +39,9 @@ class Server {
 
   private:
     bool Loop(Listener* listener);
-    void StartSession(HostLink link);
+    bool DataSafe() const;
+    void ServeSession(short readable, short writable);
+    void Welcome(posix::UniqueFd host);
     bool Congested() const;
     pollfd DevicePoll(const Device& device) const;
     void OnDevices(std::span<const pollfd> fds);  // one for each slot
@@ -56,7 +58,8 @@ class Server {
     const bool compress_;
     Controls controls_;
     std::unique_ptr<Session> session_;
-    std::string typed_;  // a command line without its end yet
+    std::string served_;  // who has the session, since when
+    std::string typed_;   // a command line without its end yet
     bool quitting_ = false;
 };
 

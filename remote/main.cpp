@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -25,24 +24,13 @@
 #include "remote/bridge/UsbipServer.h"
 #include "remote/disk/DiskDescriptors.h"
 #include "remote/disk/DiskImage.h"
+#include "remote/disk/DiskSerial.h"
 #include "remote/disk/UsbDisk.h"
 #include "remote/io/Listener.h"
 #include "remote/io/Log.h"
 
 namespace remote {
 namespace {
-
-// Stays the same for an image, so that the host recognises the disk.
-std::string serial_of(const std::string& path) {
-    std::error_code ignored;
-    const std::string full = std::filesystem::weakly_canonical(path, ignored).string();
-    std::uint64_t hash = 0xCBF29CE484222325;  // FNV-1a, 64 bits
-    for (const char c : full)
-        hash = (hash ^ static_cast<std::uint8_t>(c)) * 0x100000001B3;
-    char text[17];
-    std::snprintf(text, sizeof text, "%016llX", static_cast<unsigned long long>(hash));
-    return text;
-}
 
 std::unique_ptr<Device> make_disk(const DiskOption& option, std::size_t number) {
     std::string error;
@@ -56,7 +44,7 @@ std::unique_ptr<Device> make_disk(const DiskOption& option, std::size_t number) 
     const std::string instance = "disk" + std::to_string(number) + " " +
                                  std::filesystem::path(option.path).filename().string() + " " + ids;
     return std::make_unique<UsbDisk>(std::move(*image), option.speed, instance,
-                                     serial_of(option.path));
+                                     DiskSerial(option.path, MachineName()));
 }
 
 // Null when there is no such device to be had now and nobody wants to wait for it; logged. Null

@@ -12,6 +12,7 @@ namespace remote {
 namespace {
 
 constexpr std::chrono::seconds kVersionTimeout{30};  // an emulated machine may be slow to start
+constexpr std::chrono::seconds kMessageTimeout{30};  // without a byte of a message that has begun
 constexpr std::chrono::seconds kCloseTimeout{2};     // a device whose attach failed never confirms
 
 }  // namespace
@@ -60,7 +61,14 @@ void Session::OnWritable() {
 
 void Session::OnDeadline() {
     if (closing_) return End(false, "connection closed without the host's confirmation");
-    End(true, "host does not answer the version request");
+    End(true, version_known_ ? "host stops in the middle of a message"
+                             : "host does not answer the version request");
+}
+
+// We are the reason that a message does not go on while we do not read.
+std::optional<Clock::time_point> Session::Deadline() const {
+    if (deadline_ || Congested()) return deadline_;
+    return message_deadline_;
 }
 
 // Handles what has been received, as far as the output has room.
@@ -75,6 +83,8 @@ void Session::HandleInput() {
             return End(true, "out of memory");
         }
     }
+    message_deadline_.reset();
+    if (!reader_.Empty()) message_deadline_ = Clock::now() + kMessageTimeout;
     EndClosing();
 }
 
@@ -95,8 +105,12 @@ void Session::Handle(ByteView whole) {
 
 void Session::OnVersion(std::uint32_t version) {
     if (std::exchange(version_known_, true)) return;
-    Log("host speaks protocol version %u%s", version,
-        version == kUsbipProtocolVersion ? "" : ", which is not ours");
+    if (version != kUsbipProtocolVersion) {
+        return End(true, "host speaks protocol version " + std::to_string(version) +
+                             ", and this remote side version " +
+                             std::to_string(kUsbipProtocolVersion) + ": one must be updated");
+    }
+    Log("host speaks protocol version %u", version);
     if (closing_) return;
     deadline_.reset();
     for (Slot& slot : slots_) {
@@ -128,6 +142,7 @@ void Session::End(bool failed, const std::string& reason) {
     over_ = true;
     failed_ = failed;
     deadline_.reset();
+    message_deadline_.reset();
     mappings_.ReleaseAll();
 }
 

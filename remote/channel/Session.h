@@ -36,7 +36,7 @@ class Session {
     // The descriptors to wait for at this moment; negative: none.
     int ReadableFd() const;
     int WritableFd() const;
-    std::optional<Clock::time_point> Deadline() const { return deadline_; }
+    std::optional<Clock::time_point> Deadline() const;
 
     void OnReadable();
     void OnWritable();
@@ -78,7 +78,8 @@ class Session {
     bool closing_ = false;
     bool over_ = false;
     bool failed_ = false;
-    std::optional<Clock::time_point> deadline_;
+    std::optional<Clock::time_point> deadline_;          // of the version exchange or the close
+    std::optional<Clock::time_point> message_deadline_;  // of a message that has come in part
 };
 
 }  // namespace remote

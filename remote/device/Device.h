@@ -55,6 +55,9 @@ class Device {
     // The host is gone: pending URBs are dropped without a reply, what was written is made safe.
     virtual void Detach() = 0;
 
+    // False after Detach: some of what was written could not be made safe.
+    virtual bool DataSafe() const { return true; }
+
     // One command of the host, whose bytes are borrowed for the call. Every command is answered in
     // the end: the kernel's controller hangs on an unlink without an answer.
     virtual void TakeCommand(const Command& command) = 0;

@@ -41,7 +41,7 @@ class BulkOnly {
     void Reset();      // the class request: ready for a CBW, halts stay
     void Configure();  // a configuration was set: ready for a CBW, nothing halted
 
-    void Sync() { scsi_.Sync(); }
+    bool Sync() { return scsi_.Sync(); }
 
   private:
     enum class Phase : std::uint8_t { kCommand, kDataOut, kDataIn, kStatus, kInvalid };

@@ -1,6 +1,7 @@
 #include "remote/disk/DiskImage.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -30,6 +31,16 @@ bool transfer_all(const std::string& path, const char* action, std::size_t size,
     return true;
 }
 
+// Many may read an image; who writes to it must be alone. The lock ends with the descriptor. False:
+// somebody else holds it.
+bool lock(int file, const std::string& path, bool shared) {
+    if (flock(file, (shared ? LOCK_SH : LOCK_EX) | LOCK_NB) == 0) return true;
+    if (errno == EWOULDBLOCK) return false;
+    Log("WARNING: %s cannot be locked (%s): make sure that nobody else uses it", path.c_str(),
+        ErrorText(errno).c_str());  // some network file systems know no locks
+    return true;
+}
+
 }  // namespace
 
 DiskImage::DiskImage(std::string path, posix::UniqueFd file, std::uint64_t size, bool read_only)
@@ -43,6 +54,8 @@ std::optional<DiskImage> DiskImage::Open(const std::string& path, bool read_only
     struct stat status {};
     if (!file || fstat(file.Get(), &status) != 0) {
         error = path + ": " + ErrorText(errno);
+        std::string ignored;
+        if (!read_only && Open(path, true, ignored)) error += "; it can be read: offer it with ,ro";
         return std::nullopt;
     }
     if (!S_ISREG(status.st_mode)) {
@@ -53,6 +66,11 @@ std::optional<DiskImage> DiskImage::Open(const std::string& path, bool read_only
     if (size == 0 || size % kBlockSize != 0) {
         error = path + ": size " + std::to_string(size) + " is not a multiple of " +
                 std::to_string(kBlockSize) + " bytes above 0";
+        return std::nullopt;
+    }
+    if (!lock(file.Get(), path, read_only)) {
+        error = path + (read_only ? ": in use by somebody who writes to it"
+                                  : ": in use, by another program or as another disk of this one");
         return std::nullopt;
     }
     return DiskImage(path, std::move(file), size, read_only);
@@ -74,13 +92,11 @@ bool DiskImage::Write(std::uint64_t offset, ByteView data) {
 }
 
 bool DiskImage::Sync() {
-    if (!dirty_) return true;
-    if (fdatasync(file_.Get()) != 0) {
+    if (std::exchange(dirty_, false) && !lost_ && fdatasync(file_.Get()) != 0) {
         Log("%s: cannot sync: %s", path_.c_str(), ErrorText(errno).c_str());
-        return false;
+        lost_ = true;
     }
-    dirty_ = false;
-    return true;
+    return !lost_;
 }
 
 }  // namespace remote

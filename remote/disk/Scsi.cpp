@@ -59,7 +59,6 @@ Scsi::Plan Scsi::Begin(const CommandBlock& command) {
     sense_ = {};
     switch (c[0]) {
         case kTestUnitReady:
-        case kStartStopUnit:
         case kPreventAllow:
             return {};
         case kInquiry:
@@ -82,6 +81,7 @@ Scsi::Plan Scsi::Begin(const CommandBlock& command) {
             return Blocks(Flow::kOut, LoadBe64(c + 2), LoadBe32(c + 10), c[1]);
         case kVerify10:
             return Verify(command);
+        case kStartStopUnit:  // the host may cut the power next
         case kSynchronizeCache10:
             return Synchronize();
         case kReportLuns: {

@@ -37,7 +37,7 @@ class Scsi {
     bool Write(ByteView data);
 
     bool Good() const { return good_; }
-    void Sync() { image_.Sync(); }
+    bool Sync() { return image_.Sync(); }
 
   private:
     Plan Fail(Sense sense);

@@ -71,7 +71,7 @@ void UsbDisk::Detach() {
     in_waiting_.clear();
     waiting_bytes_ = 0;
     submitted_ = {};
-    bulk_.Sync();
+    data_safe_ = bulk_.Sync();
 }
 
 void UsbDisk::TakeCommand(const Command& command) {

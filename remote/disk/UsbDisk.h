@@ -32,6 +32,7 @@ class UsbDisk final : public Device {
     const DeviceInfo& Info() const override { return info_; }
     void Attach(ReplySink& sink) override;
     void Detach() override;
+    bool DataSafe() const override { return data_safe_; }
     void TakeCommand(const Command& command) override;
 
   private:
@@ -62,6 +63,7 @@ class UsbDisk final : public Device {
     const std::string serial_;
     BulkOnly bulk_;
     std::uint8_t configuration_ = 0;
+    bool data_safe_ = true;
 
     // One attachment's traffic.
     ReplySink* sink_ = nullptr;  // borrowed between Attach and Detach

@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
+#include <new>
 #include <utility>
 
 #include "remote/io/Bytes.h"
@@ -30,12 +32,16 @@ class InputBuffer {
     }
     void Advance(std::size_t count) { end_ += count; }  // `count` bytes were placed in Space
 
-    // Reads once, what is there and has room in Space.
-    Progress ReadFrom(int fd) {
+    // Reads once, what is there and has room in Space. Without memory for that it fails: whoever
+    // sends too much loses the connection, and nobody else anything.
+    Progress ReadFrom(int fd) try {
         const ByteSpan space = Space();
         const ssize_t count = read(fd, space.data(), space.size());
         if (count > 0) Advance(static_cast<std::size_t>(count));
         return ProgressOf(count);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return Progress::kFailed;
     }
 
     ByteView Unread() const { return ByteView(buffer_).subspan(begin_, end_ - begin_); }

@@ -1,7 +1,9 @@
 // Addresses, command lines and sockets, as both programs have them.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 
 #include <filesystem>
@@ -13,6 +15,7 @@
 
 #include "host/Options.h"
 #include "posix/Socket.h"
+#include "posix/StandardStreams.h"
 #include "posix/Wait.h"
 #include "remote/Options.h"
 #include "remote/io/Listener.h"
@@ -133,6 +136,20 @@ TEST(CommandLineTest, WhatIsGivenArrives) {
     EXPECT_TRUE(host.doctor);
 }
 
+// A terminal that nobody reads any more; the lines do not divide its room evenly.
+TEST(StandardStreamsTest, OutputThatNobodyReadsIsLost) {
+    const UniqueFd terminal(::posix_openpt(O_RDWR | O_NOCTTY));
+    int locked = 0;
+    ASSERT_EQ(0, ::ioctl(terminal.Get(), TIOCSPTLCK, &locked));
+    const UniqueFd ours(::ioctl(terminal.Get(), TIOCGPTPEER, O_RDWR | O_NOCTTY));
+    for (int line = 0; line < 1000; ++line)
+        Tell(ours.Get(), std::string(200, 'x') + '\n');
+    EXPECT_EQ(0, ::fcntl(ours.Get(), F_GETFL) & O_NONBLOCK) << "others have to wait";
+    std::string received(202, '\0');  // the terminal makes two characters of the line's end
+    EXPECT_EQ(202, ::read(terminal.Get(), received.data(), received.size()));
+    EXPECT_EQ(std::string(200, 'x') + "\r\n", received);
+}
+
 TEST(SocketTest, BothEndsOfATcpConnectionNoticeAPeerThatVanishes) {
     std::string error;
     EXPECT_FALSE(remote::Listener::Open({.name = "no.such.host.invalid"}, error));
@@ -146,6 +163,7 @@ TEST(SocketTest, BothEndsOfATcpConnectionNoticeAPeerThatVanishes) {
 
     const UniqueFd ours = Connect(address, -1, error);
     const UniqueFd theirs = listener->Accept();
+    EXPECT_EQ(listener->Name(), DescribePeer(ours.Get()));
     const std::tuple<int, int, int> options[] = {
         {IPPROTO_TCP, TCP_NODELAY, 1},   {SOL_SOCKET, SO_KEEPALIVE, 1},
         {IPPROTO_TCP, TCP_KEEPIDLE, 15}, {IPPROTO_TCP, TCP_KEEPINTVL, 5},

@@ -50,6 +50,7 @@ class DiskTest : public testing::Test, public ReplySink {
     }
     void Plug(UsbSpeed speed = UsbSpeed::kHigh, bool read_only = false) {
         std::string error;
+        disk_.reset();  // its lock, too
         auto image = DiskImage::Open(path_, read_only, error);
         EXPECT_TRUE(image) << error;
         disk_ = std::make_unique<UsbDisk>(std::move(image).value(), speed, "disk", "0123456789AB");
