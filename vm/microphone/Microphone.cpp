@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <iterator>
 #include <string_view>
+#include <utility>
 
 namespace remote {
 namespace {
@@ -19,7 +21,8 @@ constexpr std::chrono::microseconds kPacketTime{125};  // a microframe
 constexpr std::uint32_t kPacketsPerSecond = 8000;
 constexpr std::size_t kLongestPacket = 6 * sizeof(std::uint16_t);
 constexpr std::uint8_t kPacketRoom = 16;
-constexpr std::size_t kMaxUrbs = 64;  // the kernel's audio driver has 12 under way
+constexpr std::size_t kFewestPackets = 2;  // of a URB
+constexpr std::size_t kMaxUrbs = 64;       // the kernel's audio driver has 12 under way
 
 enum Interface : std::uint8_t { kAudioControl = 0, kAudioStreaming = 1 };
 constexpr std::uint8_t kEndpoint = 1;
@@ -65,22 +68,39 @@ constexpr std::uint8_t kConfigurationDescriptor[] = {
     7, 0x25, 0x01, 0x00, 0, 0, 0};
 static_assert(std::size(kConfigurationDescriptor) == 100);
 
-Bytes reply_to(std::uint32_t seqnum, int status, ByteView data = {}, ByteView packets = {}) {
+// With sound, before the first lie. (URBs of the kernel's audio driver last 1 ms.) Of those that
+// follow every second one is honest, so that something is recorded when a lie leaves out
+// everything.
+constexpr std::uint32_t kHonestReplies = 100;
+
+Bytes encode(std::uint32_t seqnum, const SubmitReply& reply) {
     usbip_header header{};
     header.command = htobe32(USBIP_RET_SUBMIT);
     header.seqnum = htobe32(seqnum);
-    header.u.ret_submit.status = htobe32(static_cast<std::uint32_t>(status));
-    header.u.ret_submit.actual_length = htobe32(static_cast<std::uint32_t>(data.size()));
+    header.u.ret_submit.status = htobe32(static_cast<std::uint32_t>(reply.status));
+    header.u.ret_submit.actual_length = htobe32(reply.actual_length);
     header.u.ret_submit.number_of_packets =
-        htobe32(static_cast<std::uint32_t>(packets.size() / sizeof(Packet)));
-    Bytes pdu(sizeof header);
+        htobe32(static_cast<std::uint32_t>(reply.packets.size()));
+    Bytes pdu(sizeof header + reply.data.size() + reply.packets.size() * sizeof(Packet));
     StoreRaw(pdu.data(), header);
-    pdu.insert(pdu.end(), data.begin(), data.end());
-    pdu.insert(pdu.end(), packets.begin(), packets.end());
+    std::uint8_t* to = std::copy(reply.data.begin(), reply.data.end(), &pdu[sizeof header]);
+    for (const Packet& packet : reply.packets) {
+        StoreRaw(to, Packet{htobe32(packet.offset), htobe32(packet.length),
+                            htobe32(packet.actual_length), htobe32(packet.status)});
+        to += sizeof packet;
+    }
     return pdu;
 }
 
+Bytes refuse(std::uint32_t seqnum, int status) {
+    return encode(seqnum, {status, 0, {}, {}});
+}
+
 }  // namespace
+
+DeviceInfo MicrophoneInfo() {
+    return {"microphone", UsbSpeed::kHigh, kVendor, kProduct};
+}
 
 usbip_op_device MicrophoneRecord() {
     usbip_op_device record{};
@@ -106,10 +126,21 @@ Bytes Microphone::Command(ByteView pdu) {
     if (be32toh(header.ep) == kEndpoint) {
         return Submit(seqnum, header, pdu.subspan(sizeof header));
     }
-    const std::optional<Bytes> answer = Control(header.u.cmd_submit.setup);
-    if (!answer) return reply_to(seqnum, -EPIPE);
-    const std::size_t room = be32toh(header.u.cmd_submit.transfer_buffer_length);
-    return reply_to(seqnum, 0, ByteView(*answer).first(std::min(answer->size(), room)));
+    std::optional<Bytes> answer = Control(header.u.cmd_submit.setup);
+    if (!answer) return refuse(seqnum, -EPIPE);
+    const std::uint32_t room = be32toh(header.u.cmd_submit.transfer_buffer_length);
+    if (answer->size() > room) answer->resize(room);
+    SubmitReply reply{0, static_cast<std::uint32_t>(answer->size()), std::move(*answer), {}};
+    Twist(Lie::About::kEnumeration, reply, room);
+    if (header.direction == USBIP_DIR_OUT) Twist(Lie::About::kOut, reply, room);
+    return encode(seqnum, reply);
+}
+
+void Microphone::Twist(Lie::About about, SubmitReply& reply, std::uint32_t room) {
+    if (lie_ == nullptr || lie_->about != about) return;
+    if (about != Lie::About::kEnumeration && replies_ <= kHonestReplies) return;
+    if (!std::exchange(has_lied_, true)) std::fputs("the first lie\n", stderr);
+    lie_->tell(reply, room);
 }
 
 // The data of an answer, none for OUT requests. Nothing: the request stalls.
@@ -136,15 +167,18 @@ std::optional<Bytes> Microphone::Control(const std::uint8_t* setup) {
 // would lose samples then, and this one is to show who else does.
 Bytes Microphone::Submit(std::uint32_t seqnum, const usbip_header& header, ByteView packets) {
     const std::size_t count = packets.size() / sizeof(Packet);
+    const std::uint32_t room = be32toh(header.u.cmd_submit.transfer_buffer_length);
     bool fits = streaming_ && header.direction != USBIP_DIR_OUT && urbs_.size() < kMaxUrbs &&
-                be32toh(header.u.cmd_submit.transfer_buffer_length) / kLongestPacket >= count;
+                room / kLongestPacket >= count && count >= kFewestPackets;
+    std::vector<Packet> asked;
     for (std::size_t i = 0; fits && i < count; ++i) {
         const auto packet = LoadRaw<Packet>(&packets[i * sizeof(Packet)]);
-        fits = be32toh(packet.length) >= kLongestPacket;
+        asked.push_back({be32toh(packet.offset), be32toh(packet.length), 0, 0});
+        fits = asked.back().length >= kLongestPacket;
     }
-    if (!fits) return reply_to(seqnum, -EINVAL);
+    if (!fits) return refuse(seqnum, -EINVAL);
     recorded_until_ = std::max(recorded_until_, Clock::now()) + count * kPacketTime;
-    urbs_.push_back({seqnum, recorded_until_, Bytes(packets.begin(), packets.end())});
+    urbs_.push_back({seqnum, recorded_until_, room, std::move(asked)});
     return {};
 }
 
@@ -153,22 +187,23 @@ std::optional<Clock::time_point> Microphone::Due() const {
 }
 
 Bytes Microphone::TakeRecording() {
-    Bytes& packets = urbs_.front().packets;
-    Bytes data;
-    for (std::size_t at = 0; at < packets.size(); at += sizeof(Packet)) {
-        const std::size_t before = data.size();
+    Urb& urb = urbs_.front();
+    SubmitReply reply{0, 0, {}, std::move(urb.packets)};
+    std::uint16_t sample = sample_;
+    for (Packet& packet : reply.packets) {
         for (phase_ += kSampleRate; phase_ >= kPacketsPerSecond; phase_ -= kPacketsPerSecond) {
-            data.push_back(static_cast<std::uint8_t>(sample_ & 0xFF));
-            data.push_back(static_cast<std::uint8_t>(sample_++ >> 8));
+            reply.data.push_back(static_cast<std::uint8_t>(sample & 0xFF));
+            reply.data.push_back(static_cast<std::uint8_t>(sample++ >> 8));
         }
-        auto packet = LoadRaw<Packet>(&packets[at]);
-        packet.actual_length = htobe32(static_cast<std::uint32_t>(data.size() - before));
-        packet.status = 0;
-        StoreRaw(&packets[at], packet);
+        packet.actual_length = static_cast<std::uint32_t>(reply.data.size()) - reply.actual_length;
+        reply.actual_length += packet.actual_length;
     }
-    Bytes reply = reply_to(urbs_.front().seqnum, 0, data, packets);
+    if (++replies_ % 2 == 0) Twist(Lie::About::kSound, reply, urb.room);
+    // What the reply leaves out comes next.
+    sample_ += static_cast<std::uint16_t>(reply.data.size() / sizeof sample);
+    Bytes pdu = encode(urb.seqnum, reply);
     urbs_.pop_front();
-    return reply;
+    return pdu;
 }
 
 Bytes Microphone::Unlink(std::uint32_t seqnum, std::uint32_t target) {
