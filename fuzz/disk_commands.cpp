@@ -4,6 +4,7 @@
 #include <map>
 
 #include "fuzz/ScratchDisk.h"
+#include "remote/device/Command.h"
 #include "remote/disk/BulkOnly.h"
 #include "remote/disk/DiskDescriptors.h"
 #include "wire/UsbipPdu.h"
@@ -30,7 +31,7 @@ class Host : public remote::ReplySink {
         remote::StoreRaw(pdu.data(), header);
         std::copy(data.begin(), data.end(), pdu.begin() + sizeof header);
         waiting_[seqnum_] = {in, length};
-        disk_.Command(pdu);
+        Send(pdu);
     }
     void Out(std::uint32_t endpoint, std::string_view data, std::string_view setup = {}) {
         Submit(endpoint, false, static_cast<std::uint32_t>(data.size()), data, setup);
@@ -41,9 +42,7 @@ class Host : public remote::ReplySink {
         unlink_ = ++seqnum_;
         header.seqnum = htobe32(unlink_);
         header.u.cmd_unlink.seqnum = htobe32(seqnum_ - back);
-        remote::Bytes pdu(sizeof header);
-        remote::StoreRaw(pdu.data(), header);
-        disk_.Command(pdu);
+        Send(remote::ToBytes(header));
         Require(unlink_ == 0, "an unlink is answered at once");
         waiting_.erase(seqnum_ - back);
     }
@@ -70,6 +69,12 @@ class Host : public remote::ReplySink {
         bool in;
         std::uint32_t length;
     };
+    void Send(const remote::Bytes& pdu) {
+        remote::Command command;
+        Require(remote::DecodeCommand(pdu, command).empty(), "our own commands are good");
+        disk_.TakeCommand(command);
+    }
+
     remote::Device& disk_;
     std::uint32_t seqnum_ = 0;
     std::uint32_t unlink_ = 0;  // not answered; 0: none

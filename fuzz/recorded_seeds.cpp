@@ -1,11 +1,14 @@
 // Makes seeds of what vm/recording.sh has recorded:
 //   fuzz_recorded_seeds RECORDING fuzz/corpus
 // Short messages and PDUs only, and the first ones: an input of many bytes slows a target down.
+#include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <map>
+#include <string>
 #include <vector>
 
-#include "fuzz/Seeds.h"
+#include "fakes/Messages.h"
 
 namespace {
 
@@ -17,6 +20,25 @@ constexpr std::uint32_t kDisk = 1;
 constexpr std::uint32_t kServedDevice = 2;
 
 std::filesystem::path recording;
+std::filesystem::path corpus;
+
+void seed(const std::string& target, const std::string& name, const std::string& bytes) {
+    std::filesystem::create_directories(corpus / target);
+    std::ofstream(corpus / target / name, std::ios::binary) << bytes;
+}
+
+std::string byte(int value) {
+    return {static_cast<char>(value)};
+}
+std::string half(std::size_t value) {  // 16 bits, little-endian
+    return byte(static_cast<int>(value & 0xFF)) + byte(static_cast<int>(value >> 8));
+}
+std::string word(std::uint32_t value) {
+    return Bytes(value);
+}
+std::string block(const std::string& bytes) {
+    return half(bytes.size()) + bytes;
+}
 
 std::string content(const char* name) {
     std::ifstream file(recording / name, std::ios::binary);

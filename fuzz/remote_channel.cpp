@@ -3,10 +3,11 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <vector>
+#include <list>
 
 #include "fakes/Messages.h"
 #include "fuzz/ScratchDisk.h"
+#include "remote/channel/MessageReader.h"
 #include "remote/channel/Session.h"
 
 namespace {
@@ -15,16 +16,20 @@ namespace {
 void decode(std::string_view stream) {
     remote::MessageReader reader;
     while (!stream.empty() && reader.Error().empty()) {
-        const remote::ByteSpan space = reader.Space();
+        const remote::ByteSpan space = reader.Input().Space();
         const std::size_t size = stream.copy(reinterpret_cast<char*>(space.data()), space.size());
-        reader.Advance(size);
+        reader.Input().Advance(size);
         stream.remove_prefix(size);
         for (remote::ByteView whole; !(whole = reader.Next()).empty();) {
             const remote::Bytes alone(whole.begin(), whole.end());
             remote::Message message;
             if (!remote::DecodeMessage(alone, message).empty()) return;
-            const remote::Bytes pdu(message.pdu.begin(), message.pdu.end());
-            Require(pdu.empty() || pdu.size() >= sizeof(usbip_header), "a PDU has a header");
+            const remote::Command& command = message.command;
+            const remote::Bytes pdu(command.pdu.begin(), command.pdu.end());
+            Require(message.type != kUsbipForward || pdu.size() == sizeof(usbip_header) +
+                                                                       command.data.size() +
+                                                                       command.packets.size(),
+                    "a PDU is its header, its data and its packets");
         }
     }
 }
@@ -47,15 +52,15 @@ void settle(remote::Session& session, int host) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Input input(data, size);
     const auto options = input.Number<std::uint8_t>();
-    std::vector<remote::Port> ports;
-    ports.push_back({ScratchDisk(remote::UsbSpeed::kHigh), 1, true, {}});
+    std::list<remote::Slot> slots;
+    slots.push_back({.device = ScratchDisk(remote::UsbSpeed::kHigh), .number = 1});
     const NothingLeftBehind check;
 
     int ends[2];
     Require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) == 0,
             "a socket pair");
     posix::UniqueFd host(ends[1]);
-    remote::Session session({posix::UniqueFd(ends[0]), {}}, ports, (options & 1) != 0);
+    remote::Session session({posix::UniqueFd(ends[0]), {}}, slots, (options & 1) != 0);
 
     std::string stream;
     if ((options & 2) == 0) {

@@ -5,9 +5,12 @@
 #include <string>
 
 #include "fuzz/Target.h"
+#include "remote/bridge/DeviceTable.h"
 #include "remote/bridge/UsbipHandshake.h"
 #include "remote/bridge/UsbipTraffic.h"
+#include "remote/device/Command.h"
 #include "remote/io/InputBuffer.h"
+#include "wire/UsbipPdu.h"
 
 namespace {
 
@@ -91,9 +94,7 @@ remote::Bytes unlink_command(std::uint32_t seqnum, std::uint32_t target, Host& h
     header.seqnum = htobe32(seqnum);
     header.u.cmd_unlink.seqnum = htobe32(target);
     host.unlinks[seqnum] = target;
-    remote::Bytes pdu(sizeof header);
-    remote::StoreRaw(pdu.data(), header);
-    return pdu;
+    return remote::ToBytes(header);
 }
 
 void traffic(Input& input) {
@@ -101,14 +102,19 @@ void traffic(Input& input) {
     remote::InputBuffer buffer;
     Host host;
     std::string error;
+    const auto command = [&](const remote::Bytes& pdu) {
+        remote::Command decoded;
+        error = remote::DecodeCommand(pdu, decoded);
+        Require(error.empty(), "our own commands are good");
+        error = traffic.TakeCommand(decoded, host);
+    };
     for (std::uint32_t seqnum = 1; !input.Empty() && error.empty(); ++seqnum) {
         switch (input.Number<std::uint8_t>()) {
             case 0:
-                error = traffic.Command(submit_command(input, seqnum, host), host);
+                command(submit_command(input, seqnum, host));
                 break;
             case 1:
-                error = traffic.Command(unlink_command(seqnum, input.Number<std::uint8_t>(), host),
-                                        host);
+                command(unlink_command(seqnum, input.Number<std::uint8_t>(), host));
                 break;
             default:
                 const std::string_view block = input.Block();

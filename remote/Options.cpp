@@ -4,7 +4,7 @@
 #include <sstream>
 #include <utility>
 
-#include "remote/bridge/UsbipHandshake.h"
+#include "wire/UsbipServer.h"
 
 namespace remote {
 namespace {
@@ -80,7 +80,7 @@ std::optional<UsbipOption> ParseUsbip(const std::string& text, std::string& erro
     const std::size_t slash = text.find('/');
     UsbipOption option{text.substr(0, slash),
                        slash == std::string::npos ? "" : text.substr(slash + 1)};
-    if (option.server.empty() || option.busid.empty() || option.busid.size() > kMaxBusId) {
+    if (option.server.empty() || option.busid.empty() || option.busid.size() > kUsbipMaxBusId) {
         error = "'" + text + "' is not HOST[:PORT]/BUSID";
         return std::nullopt;
     }

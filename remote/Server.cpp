@@ -27,7 +27,7 @@ Server::Server(std::vector<std::unique_ptr<Device>> devices, bool compress, Cont
     : compress_(compress), controls_(controls) {
     std::uint32_t number = 0;
     for (auto& device : devices)
-        ports_.push_back({std::move(device), ++number, true, {}});
+        slots_.push_back({.device = std::move(device), .number = ++number});
 }
 
 bool Server::Run(Listener& listener) {
@@ -59,8 +59,8 @@ bool Server::Loop(Listener* listener) {
             {session_ ? session_->WritableFd() : -1, POLLOUT, 0},
         };
         const std::size_t first_device = fds.size();
-        for (const Port& port : ports_)
-            fds.push_back(DevicePoll(*port.device));
+        for (const Slot& slot : slots_)
+            fds.push_back(DevicePoll(*slot.device));
         if (poll(fds.data(), fds.size(), PollTimeout()) < 0) {
             if (errno == EINTR) continue;
             Log("cannot wait for events: %s", ErrorText(errno).c_str());
@@ -78,13 +78,13 @@ bool Server::Loop(Listener* listener) {
         if (fds[3].revents != 0 && !session_->Over()) session_->OnReadable();
         if (fds[4].revents != 0 && !session_->Over()) session_->OnWritable();
         const auto deadline = session_->Deadline();
-        if (deadline && Session::Clock::now() >= *deadline) session_->OnDeadline();
+        if (deadline && Clock::now() >= *deadline) session_->OnDeadline();
     }
 }
 
 void Server::StartSession(HostLink link) {
     Log("host connected");
-    session_ = std::make_unique<Session>(std::move(link), ports_, compress_);
+    session_ = std::make_unique<Session>(std::move(link), slots_, compress_);
 }
 
 bool Server::Congested() const {
@@ -100,11 +100,13 @@ pollfd Server::DevicePoll(const Device& device) const {
 // A device is not late while there is something to be read from it.
 void Server::OnDevices(std::span<const pollfd> fds) {
     const bool read = !Congested();
-    for (std::size_t i = 0; i < ports_.size(); ++i) {
-        Device& device = *ports_[i].device;
+    for (Slot& slot : slots_) {
+        Device& device = *slot.device;
         const auto deadline = device.Deadline();
-        if (fds[i].revents != 0) {
-            device.OnEvents(fds[i].revents);
+        const short events = fds.front().revents;
+        fds = fds.subspan(1);
+        if (events != 0) {
+            device.OnEvents(events);
         } else if (read && deadline && Clock::now() >= *deadline) {
             device.OnDeadline();
         }
@@ -114,14 +116,13 @@ void Server::OnDevices(std::span<const pollfd> fds) {
 int Server::PollTimeout() const {
     auto deadline = session_ ? session_->Deadline() : std::nullopt;
     if (!Congested()) {
-        for (const Port& port : ports_) {
-            const auto other = port.device->Deadline();
+        for (const Slot& slot : slots_) {
+            const auto other = slot.device->Deadline();
             if (other && (!deadline || *other < *deadline)) deadline = other;
         }
     }
     if (!deadline) return -1;
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(*deadline - Session::Clock::now());
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now());
     return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
 }
 
@@ -170,11 +171,11 @@ void Server::OnCommand(const std::string& line) {
 }
 
 void Server::List() const {
-    for (const Port& port : ports_) {
-        const char* state = !port.plugged                        ? "unplugged"
-                            : session_ && session_->Mapped(port) ? "mapped"
+    for (const Slot& slot : slots_) {
+        const char* state = !slot.plugged                        ? "unplugged"
+                            : session_ && session_->Mapped(slot) ? "mapped"
                                                                  : "plugged";
-        Answer(std::to_string(port.number) + " " + state + " " + port.device->Info().instance);
+        Answer(std::to_string(slot.number) + " " + state + " " + slot.device->Info().instance);
     }
 }
 
@@ -182,14 +183,14 @@ void Server::Plug(std::string_view number, bool plugged) {
     std::uint32_t wanted = 0;
     const char* end = number.data() + number.size();
     const auto [stop, error] = std::from_chars(number.data(), end, wanted);
-    if (error != std::errc() || stop != end || wanted == 0 || wanted > ports_.size()) {
+    const auto slot = std::find_if(slots_.begin(), slots_.end(),
+                                   [wanted](const Slot& one) { return one.number == wanted; });
+    if (error != std::errc() || stop != end || slot == slots_.end()) {
         Answer("error: no device " + std::string(number));
         return;
     }
-    Port& port = ports_[wanted - 1];
-    port.plugged = plugged;
-    if (session_ && plugged) session_->Map(port);
-    if (session_ && !plugged) session_->Unmap(port);
+    slot->plugged = plugged;
+    if (session_) plugged ? session_->Offer(*slot) : session_->Withdraw(*slot);
     Answer(std::string(plugged ? "plugged " : "unplugged ") + std::to_string(wanted));
 }
 
@@ -203,8 +204,8 @@ void Server::Answer(const std::string& line) const {
 }
 
 void Server::ReportCounters() const {
-    for (const Port& port : ports_) {
-        Log("device %u: %s", port.number, port.counters.Text().c_str());
+    for (const Slot& slot : slots_) {
+        Log("device %u: %s", slot.number, slot.counters.Text().c_str());
     }
 }
 

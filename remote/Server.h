@@ -4,6 +4,7 @@
 
 #include <poll.h>
 
+#include <list>
 #include <memory>
 #include <optional>
 #include <span>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "remote/channel/Session.h"
+#include "remote/channel/Slot.h"
 #include "remote/device/Device.h"
 #include "remote/io/Listener.h"
 
@@ -40,7 +42,7 @@ class Server {
     void StartSession(HostLink link);
     bool Congested() const;
     pollfd DevicePoll(const Device& device) const;
-    void OnDevices(std::span<const pollfd> fds);  // one for each port
+    void OnDevices(std::span<const pollfd> fds);  // one for each slot
     int PollTimeout() const;                      // milliseconds
     void OnSignal();
     void OnCommands();
@@ -50,7 +52,7 @@ class Server {
     void Quit();
     void Answer(const std::string& line) const;
 
-    std::vector<Port> ports_;
+    std::list<Slot> slots_;  // borrowed by the session: they stay where they are
     const bool compress_;
     Controls controls_;
     std::unique_ptr<Session> session_;

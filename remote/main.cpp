@@ -19,6 +19,7 @@
 
 #include "remote/Options.h"
 #include "remote/Server.h"
+#include "remote/bridge/DeviceTable.h"
 #include "remote/bridge/UsbipDevice.h"
 #include "remote/bridge/UsbipServer.h"
 #include "remote/disk/DiskDescriptors.h"

@@ -36,6 +36,9 @@ struct usbip_op_import_request {
     char busid[32];
 };
 
+// The longest bus id, as its field ends with a NUL.
+inline constexpr std::size_t kUsbipMaxBusId = sizeof(usbip_op_import_request::busid) - 1;
+
 struct usbip_op_device {
     char path[256];
     char busid[32];

@@ -1,26 +1,16 @@
 #include "remote/bridge/UsbipDevice.h"
 
 #include <poll.h>
-#include <sys/socket.h>
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
 #include <new>
 #include <utility>
 
+#include "remote/bridge/DeviceTable.h"
+#include "remote/bridge/UsbipHandshake.h"
 #include "remote/io/Log.h"
 
 namespace remote {
-namespace {
-
-constexpr std::size_t kVectors = 32;  // pieces of one write
-
-bool retry(ssize_t result) {
-    return result < 0 && (errno == EAGAIN || errno == EINTR);
-}
-
-}  // namespace
 
 UsbipDevice::UsbipDevice(UsbipServer server, const std::string& busid, bool wait)
     : server_(std::move(server)),
@@ -48,9 +38,9 @@ void UsbipDevice::Detach() {
     if (stage_ == Stage::kImported) Release();
 }
 
-void UsbipDevice::Command(ByteView pdu) {
+void UsbipDevice::TakeCommand(const Command& command) {
     if (stage_ != Stage::kImported) return;  // has left, which the host has yet to hear
-    const std::string error = traffic_.Command(pdu, *sink_);
+    const std::string error = traffic_.TakeCommand(command, *sink_);
     if (!error.empty()) return Fail(error);
     Send();
 }
@@ -58,7 +48,7 @@ void UsbipDevice::Command(ByteView pdu) {
 short UsbipDevice::Events() const {
     if (stage_ == Stage::kIdle) return 0;
     if (stage_ == Stage::kConnecting) return POLLOUT;
-    return static_cast<short>(POLLIN | (traffic_.Output().Pending() != 0 ? POLLOUT : 0));
+    return static_cast<short>(POLLIN | (traffic_.Output().Empty() ? 0 : POLLOUT));
 }
 
 void UsbipDevice::OnEvents(short events) {
@@ -110,12 +100,19 @@ void UsbipDevice::OnConnected() {
 }
 
 void UsbipDevice::OnReadable() {
-    const ByteSpan space = input_.Space();
-    const ssize_t count = recv(socket_.Get(), space.data(), space.size(), 0);
-    if (retry(count)) return;
-    if (count < 0) return Fail("cannot read from the server: " + ErrorText(errno));
-    if (count == 0) return Fail("the server has closed the connection");
-    input_.Advance(static_cast<std::size_t>(count));
+    switch (input_.ReadFrom(socket_.Get())) {
+        case Progress::kMoved:
+            return OnReceived();
+        case Progress::kLater:
+            return;
+        case Progress::kEnd:
+            return Fail("the server has closed the connection");
+        case Progress::kFailed:
+            return Fail("cannot read from the server: " + ErrorText(errno));
+    }
+}
+
+void UsbipDevice::OnReceived() {
     std::string error;
     if (stage_ == Stage::kImporting) {
         ServedDevice device;
@@ -142,16 +139,10 @@ void UsbipDevice::OnImported(const ServedDevice& device) {
 
 void UsbipDevice::Send() {
     OutputQueue& output = traffic_.Output();
-    while (output.Pending() != 0) {
-        std::array<iovec, kVectors> vectors{};
-        msghdr message{};
-        message.msg_iov = vectors.data();
-        message.msg_iovlen = output.Gather(vectors);
-        const ssize_t count = sendmsg(socket_.Get(), &message, MSG_NOSIGNAL);
-        if (retry(count)) return;
-        if (count < 0) return Fail("cannot write to the server: " + ErrorText(errno));
-        output.Consume(static_cast<std::size_t>(count));
-    }
+    Progress progress = Progress::kMoved;
+    while (!output.Empty() && progress == Progress::kMoved)
+        progress = output.WriteTo(socket_.Get());
+    if (progress == Progress::kFailed) Fail("cannot write to the server: " + ErrorText(errno));
 }
 
 // Ends the connection, or the attempt to make one. The session notices by itself.

@@ -34,7 +34,7 @@ class UsbipDevice final : public Device {
     bool Present() const override { return stage_ == Stage::kImported; }
     void Attach(ReplySink& sink) override { sink_ = &sink; }
     void Detach() override;
-    void Command(ByteView pdu) override;
+    void TakeCommand(const Command& command) override;
 
     int Fd() const override { return socket_.Get(); }
     short Events() const override;
@@ -53,6 +53,7 @@ class UsbipDevice final : public Device {
     void Connect();
     void OnConnected();
     void OnReadable();
+    void OnReceived();
     void OnImported(const ServedDevice& device);
     void Send();
     void Fail(const std::string& reason);

@@ -14,9 +14,6 @@
 
 namespace remote {
 
-// The longest bus id, as its field ends with a NUL.
-inline constexpr std::size_t kMaxBusId = sizeof(usbip_op_import_request::busid) - 1;
-
 // What a server tells about a device, checked and in host byte order.
 struct ServedDevice {
     std::string busid;  // printable
@@ -28,9 +25,7 @@ struct ServedDevice {
     std::vector<std::uint8_t> classes;  // of the device and, in a list, of its interfaces
 };
 
-std::string UsbIdText(std::uint16_t vendor, std::uint16_t product);  // "1d6b:0104"
-
-Bytes EncodeImportRequest(const std::string& busid);  // 1 to kMaxBusId characters
+Bytes EncodeImportRequest(const std::string& busid);  // 1 to kUsbipMaxBusId characters
 Bytes EncodeListRequest();
 
 // Reads the reply to an import of `busid` from the front of `received`. Returns its length in
@@ -56,8 +51,5 @@ class ListReader {
     std::string error_;
     std::vector<ServedDevice> devices_;
 };
-
-// A table with a line for each device, for a person.
-std::string DeviceTable(const std::vector<ServedDevice>& devices);
 
 }  // namespace remote

@@ -56,12 +56,11 @@ std::string read_list(int fd, Clock::time_point deadline, ListReader& reader) {
     InputBuffer input;
     while (!reader.Done()) {
         if (!wait_for(fd, POLLIN, deadline)) return too_late;
-        const ByteSpan space = input.Space();
-        const ssize_t count = recv(fd, space.data(), space.size(), 0);
-        if (count < 0 && (errno == EAGAIN || errno == EINTR)) continue;
-        if (count < 0) return ErrorText(errno);
-        if (count == 0) return "the server closes the connection in the middle of its answer";
-        input.Advance(static_cast<std::size_t>(count));
+        const Progress progress = input.ReadFrom(fd);
+        if (progress == Progress::kFailed) return ErrorText(errno);
+        if (progress == Progress::kEnd) {
+            return "the server closes the connection in the middle of its answer";
+        }
         input.Take(reader.Read(input.Unread()));
         if (!reader.Error().empty()) return reader.Error();
     }

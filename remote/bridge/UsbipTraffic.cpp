@@ -4,6 +4,9 @@
 #include <cerrno>
 #include <utility>
 
+#include "remote/device/Reply.h"
+#include "wire/UsbipPdu.h"
+
 namespace remote {
 namespace {
 
@@ -27,44 +30,41 @@ Bytes copy(ByteView pdu) {
 //  - answered: its reply precedes ours on the stream to the host. RET_UNLINK with status 0 from us;
 //  - never seen: it was submitted to the device that had the host's port before. RET_UNLINK with
 //    -ECONNRESET from us, because Linux servers would keep silent.
-std::string UsbipTraffic::Command(ByteView pdu, ReplySink& sink) {
-    const auto header = LoadRaw<usbip_header>(pdu.data());
-    const std::uint32_t seqnum = be32toh(header.seqnum);
-    if (be32toh(header.command) == USBIP_CMD_UNLINK) {
-        const std::uint32_t target = be32toh(header.u.cmd_unlink.seqnum);
-        const auto urb = urbs_.find(target);
-        if (urb == urbs_.end() || urb->second.given_back) {
-            sink.Reply(RetUnlinkPdu(seqnum, submitted_.Contains(target) ? 0 : -ECONNRESET));
-            return {};
-        }
-        if (std::exchange(urb->second.unlink, seqnum) ||
-            !unlinks_.try_emplace(seqnum, Unlink{target, Clock::now() + kUnlinkTimeout}).second) {
-            return number_text("the host repeats the unlink", seqnum);
-        }
-    } else {
-        std::string error = Submit(seqnum, header);
-        if (!error.empty()) return error;
+std::string UsbipTraffic::TakeCommand(const Command& command, ReplySink& sink) {
+    if (!command.unlinks) {
+        std::string error = Submit(command);
+        return error.empty() ? Queue(command.pdu) : error;
     }
+    const std::uint32_t target = *command.unlinks;
+    const auto urb = urbs_.find(target);
+    if (urb == urbs_.end() || urb->second.given_back) {
+        sink.Reply(RetUnlink(command.seqnum, submitted_.Contains(target) ? 0 : -ECONNRESET));
+        return {};
+    }
+    const Unlink unlink{target, Clock::now() + kUnlinkTimeout};
+    if (std::exchange(urb->second.unlink, command.seqnum) ||
+        !unlinks_.try_emplace(command.seqnum, unlink).second) {
+        return number_text("the host repeats the unlink", command.seqnum);
+    }
+    return Queue(command.pdu);
+}
+
+std::string UsbipTraffic::Submit(const Command& command) {
+    if (urbs_.size() >= kMaxUrbs) return "the server leaves too many URBs unanswered";
+    const Urb urb{.in = command.in, .length = command.length, .packets = command.PacketCount()};
+    const auto [place, added] = urbs_.try_emplace(command.seqnum, urb);
+    if (!added && !std::exchange(place->second, urb).given_back) {
+        return number_text("the host repeats the sequence number", command.seqnum);
+    }
+    submitted_.Add(command.seqnum);
+    return {};
+}
+
+std::string UsbipTraffic::Queue(ByteView pdu) {
     if (pdu.size() > kMaxQueued - std::min(output_.Pending(), kMaxQueued)) {
         return "the server does not read: " + std::to_string(output_.Pending()) + " bytes wait";
     }
     output_.Push(copy(pdu));
-    return {};
-}
-
-std::string UsbipTraffic::Submit(std::uint32_t seqnum, const usbip_header& header) {
-    if (urbs_.size() >= kMaxUrbs) return "the server leaves too many URBs unanswered";
-    const auto& submit = header.u.cmd_submit;
-    const Urb urb{header.direction == USBIP_DIR_OUT,
-                  be32toh(submit.transfer_buffer_length),
-                  UsbipIsoBytes(submit.number_of_packets),
-                  false,
-                  {}};
-    const auto [place, added] = urbs_.try_emplace(seqnum, urb);
-    if (!added && !std::exchange(place->second, urb).given_back) {
-        return number_text("the host repeats the sequence number", seqnum);
-    }
-    submitted_.Add(seqnum);
     return {};
 }
 
@@ -81,9 +81,10 @@ std::string UsbipTraffic::TakeReplies(InputBuffer& input, ReplySink& sink) {
         const auto found = urbs_.find(seqnum);
         if (found == urbs_.end()) return number_text("the server answers unknown URB", seqnum);
         const Urb& urb = found->second;
-        const UsbipPduLength length = UsbipRetSubmitLength(header, urb.out);
+        const UsbipPduLength length = UsbipRetSubmitLength(header, !urb.in);
         // The kernel of the host trusts these: they must fit what it has made room for.
-        if (be32toh(header.u.ret_submit.actual_length) > urb.length || length.iso > urb.iso ||
+        if (be32toh(header.u.ret_submit.actual_length) > urb.length ||
+            length.iso > urb.packets * sizeof(usbip_iso_packet_descriptor) ||
             !length.Acceptable()) {
             return number_text("the server answers with more than was asked for in URB", seqnum);
         }
@@ -91,7 +92,7 @@ std::string UsbipTraffic::TakeReplies(InputBuffer& input, ReplySink& sink) {
         Bytes pdu = copy(input.Take(length.Total()));
         if (!urb.given_back) sink.Reply(std::move(pdu));
         if (urb.unlink) {
-            sink.Reply(RetUnlinkPdu(*urb.unlink, 0));
+            sink.Reply(RetUnlink(*urb.unlink, 0));
             unlinks_.erase(*urb.unlink);
         }
         urbs_.erase(found);

@@ -14,12 +14,12 @@
 #include <string>
 #include <unordered_map>
 
-#include "remote/channel/Channel.h"
+#include "remote/device/Command.h"
 #include "remote/device/Device.h"
-#include "remote/device/Unlink.h"
+#include "remote/device/SubmittedNumbers.h"
 #include "remote/io/Bytes.h"
 #include "remote/io/InputBuffer.h"
-#include "wire/UsbipPdu.h"
+#include "remote/io/OutputQueue.h"
 
 namespace remote {
 
@@ -37,11 +37,12 @@ class UsbipTraffic {
     // other device on that controller comes up while it does, so that such a device has to go.
     static constexpr std::chrono::seconds kUnlinkTimeout{10};
 
-    // One checked command of the host, for Output. Our own answers go to `sink` at once. Returns
-    // what is wrong, upon which the device has to end, or nothing.
-    std::string Command(ByteView pdu, ReplySink& sink);
+    // One command of the host, for Output. Our own answers go to `sink` at once. Returns what is
+    // wrong, upon which the device has to end, or nothing.
+    std::string TakeCommand(const Command& command, ReplySink& sink);
 
-    // Takes the whole replies at the front of `input` and passes them on. Returns as Command does.
+    // Takes the whole replies at the front of `input` and passes them on. Returns as TakeCommand
+    // does.
     std::string TakeReplies(InputBuffer& input, ReplySink& sink);
 
     // Bytes for the server.
@@ -52,26 +53,26 @@ class UsbipTraffic {
     std::optional<Clock::time_point> Deadline() const;
 
   private:
-    struct Urb {
-        bool out;
-        std::uint32_t length;     // transfer_buffer_length, as the host gave it
-        std::uint64_t iso;        // bytes of isochronous descriptors
+    struct Urb {  // what its command said
+        bool in;
+        std::uint32_t length;
+        std::size_t packets;
         bool given_back = false;  // RET_UNLINK was passed on: a reply that still comes is dropped
-        std::optional<std::uint32_t> unlink;  // sequence number of the unlink under way
+        std::optional<std::uint32_t> unlink = {};  // sequence number of the unlink under way
     };
     struct Unlink {
         std::uint32_t target;
         Clock::time_point due;
     };
-    using Urbs = std::unordered_map<std::uint32_t, Urb>;
 
-    std::string Submit(std::uint32_t seqnum, const usbip_header& header);
+    std::string Submit(const Command& command);
+    std::string Queue(ByteView pdu);
     void OnRetUnlink(std::uint32_t seqnum, Bytes pdu, ReplySink& sink);
 
     OutputQueue output_;
     SubmittedNumbers submitted_;
-    Urbs urbs_;                                // submitted and not answered
-    std::map<std::uint32_t, Unlink> unlinks_;  // at the server, by their own sequence numbers
+    std::unordered_map<std::uint32_t, Urb> urbs_;  // submitted and not answered
+    std::map<std::uint32_t, Unlink> unlinks_;      // at the server, by their own sequence numbers
 };
 
 }  // namespace remote

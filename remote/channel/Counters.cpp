@@ -6,14 +6,13 @@
 
 namespace remote {
 
-void Counters::CountCommand(ByteView pdu, bool was_compressed) {
+void Counters::CountCommand(const Command& command, bool was_compressed) {
     CountForward(was_compressed);
-    const auto header = LoadRaw<usbip_header>(pdu.data());
-    if (be32toh(header.command) == USBIP_CMD_UNLINK) {
+    if (command.unlinks) {
         ++unlinks;
     } else {
-        ++(header.direction == USBIP_DIR_OUT ? urbs_out : urbs_in);
-        bytes_out += pdu.size() - sizeof header;
+        ++(command.in ? urbs_in : urbs_out);
+        bytes_out += command.data.size() + command.packets.size();
     }
 }
 

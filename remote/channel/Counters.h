@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "remote/device/Command.h"
 #include "remote/io/Bytes.h"
 
 namespace remote {
@@ -18,7 +19,7 @@ struct Counters {
     std::uint64_t compressed = 0;  // forwards of both directions
     std::uint64_t plain = 0;
 
-    void CountCommand(ByteView pdu, bool was_compressed);
+    void CountCommand(const Command& command, bool was_compressed);
     void CountReply(ByteView pdu);
     void CountForward(bool was_compressed) { ++(was_compressed ? compressed : plain); }
     std::string Text() const;

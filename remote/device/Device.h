@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "remote/device/Command.h"
 #include "remote/io/Bytes.h"
 
 namespace remote {
@@ -48,15 +49,15 @@ class Device {
     virtual bool Present() const { return true; }
 
     // A host has mapped the device: it starts in the state of a device just plugged in and sends
-    // its replies to `sink`, during Command or later, until Detach.
+    // its replies to `sink`, during TakeCommand or later, until Detach.
     virtual void Attach(ReplySink& sink) = 0;
 
     // The host is gone: pending URBs are dropped without a reply, what was written is made safe.
     virtual void Detach() = 0;
 
-    // One whole CMD_SUBMIT or CMD_UNLINK whose length was checked; borrowed for the call. Every
-    // command is answered in the end: the kernel's controller hangs on an unlink without an answer.
-    virtual void Command(ByteView pdu) = 0;
+    // One command of the host, whose bytes are borrowed for the call. Every command is answered in
+    // the end: the kernel's controller hangs on an unlink without an answer.
+    virtual void TakeCommand(const Command& command) = 0;
 
     // For devices with a descriptor to wait for: which events of poll they want at this moment, and
     // when they want to be called without one. None of it is asked of the device while the session

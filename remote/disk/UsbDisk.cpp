@@ -1,11 +1,11 @@
 #include "remote/disk/UsbDisk.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <utility>
 
 #include "remote/disk/DiskDescriptors.h"
-#include "wire/UsbipPdu.h"
 
 namespace remote {
 namespace {
@@ -32,10 +32,6 @@ enum Request : std::uint16_t {
 };
 constexpr std::uint16_t kEndpointHalt = 0;
 
-Bytes empty_reply() {
-    return Bytes(sizeof(usbip_header));
-}
-
 std::optional<Bytes> accepted(bool yes) {
     return yes ? std::optional(Bytes{}) : std::nullopt;
 }
@@ -43,12 +39,12 @@ std::optional<Bytes> accepted(bool yes) {
 }  // namespace
 
 struct UsbDisk::Setup {
-    explicit Setup(const std::uint8_t* raw)
+    explicit Setup(const std::array<std::uint8_t, 8>& raw)
         : type(raw[0]),
-          request(static_cast<std::uint16_t>(raw[0] << 8 | raw[1])),
-          value(LoadLe16(raw + 2)),
-          index(LoadLe16(raw + 4)),
-          length(LoadLe16(raw + 6)) {}
+          request(LoadBe16(raw.data())),
+          value(LoadLe16(&raw[2])),
+          index(LoadLe16(&raw[4])),
+          length(LoadLe16(&raw[6])) {}
 
     bool In() const { return (type & 0x80) != 0; }
 
@@ -78,55 +74,42 @@ void UsbDisk::Detach() {
     bulk_.Sync();
 }
 
-void UsbDisk::Command(ByteView pdu) {
-    const auto header = LoadRaw<usbip_header>(pdu.data());
-    const std::uint32_t seqnum = be32toh(header.seqnum);
-    if (be32toh(header.command) == USBIP_CMD_UNLINK) {
-        Unlink(seqnum, be32toh(header.u.cmd_unlink.seqnum));
+void UsbDisk::TakeCommand(const Command& command) {
+    if (command.unlinks) {
+        Unlink(command.seqnum, *command.unlinks);
     } else {
-        submitted_.Add(seqnum);
-        Submit(pdu);
+        submitted_.Add(command.seqnum);
+        Submit(command);
     }
     ServeWaiting();
 }
 
-void UsbDisk::Submit(ByteView pdu) {
-    const auto header = LoadRaw<usbip_header>(pdu.data());
-    const auto& submit = header.u.cmd_submit;
-    const bool in = header.direction != USBIP_DIR_OUT;
-    Urb urb{.seqnum = be32toh(header.seqnum),
-            .length = be32toh(submit.transfer_buffer_length),
-            .short_is_error = (be32toh(submit.transfer_flags) & kUrbShortNotOk) != 0,
-            .data = {}};
-    const ByteView data = pdu.subspan(sizeof header);
-    const std::uint32_t endpoint = be32toh(header.ep);
-    if (UsbipIsoBytes(submit.number_of_packets) != 0) {
-        Reply(urb.seqnum, -EINVAL, 0, empty_reply());
-    } else if (urb.length > kMaxTransfer) {
-        Reply(urb.seqnum, -ENOMEM, 0, empty_reply());
-    } else if (endpoint == 0) {
-        SubmitControl(urb, in, Setup(submit.setup));
-    } else if (configuration_ != 0 && endpoint == (in ? kBulkIn & 0x0F : kBulkOut)) {
-        SubmitBulk(std::move(urb), in, data);
+void UsbDisk::Submit(const Command& command) {
+    if (!command.packets.empty()) {
+        Reply({.seqnum = command.seqnum, .status = -EINVAL});
+    } else if (command.length > kMaxTransfer) {
+        Reply({.seqnum = command.seqnum, .status = -ENOMEM});
+    } else if (command.endpoint == 0) {
+        SubmitControl(command);
+    } else if (configuration_ != 0 &&
+               command.endpoint == (command.in ? kBulkIn & 0x0F : kBulkOut)) {
+        SubmitBulk(command);
     } else {
-        Reply(urb.seqnum, -EPIPE, 0, empty_reply());
+        Reply({.seqnum = command.seqnum, .status = -EPIPE});
     }
 }
 
-void UsbDisk::SubmitControl(const Urb& urb, bool in, const Setup& setup) {
-    const bool direction_fits = setup.length == 0 || setup.In() == in;
+void UsbDisk::SubmitControl(const Command& command) {
+    const Setup setup(command.setup);
+    const bool direction_fits = setup.length == 0 || setup.In() == command.in;
     std::optional<Bytes> answer;
     if (direction_fits) answer = Control(setup);
-    Bytes pdu = empty_reply();
-    if (!answer) {
-        Reply(urb.seqnum, -EPIPE, 0, std::move(pdu));
-    } else if (in) {
-        const std::size_t size = std::min<std::size_t>({answer->size(), setup.length, urb.length});
-        pdu.insert(pdu.end(), answer->begin(), answer->begin() + static_cast<std::ptrdiff_t>(size));
-        Reply(urb.seqnum, 0, size, std::move(pdu));
-    } else {
-        Reply(urb.seqnum, 0, urb.length, std::move(pdu));
-    }
+    if (!answer) return Reply({.seqnum = command.seqnum, .status = -EPIPE});
+    if (!command.in) return Reply({.seqnum = command.seqnum, .actual_length = command.length});
+    const std::size_t size = std::min<std::size_t>({answer->size(), setup.length, command.length});
+    Bytes reply = RoomForReply();
+    reply.insert(reply.end(), answer->begin(), answer->begin() + static_cast<std::ptrdiff_t>(size));
+    Reply({.seqnum = command.seqnum, .actual_length = size}, std::move(reply));
 }
 
 // The data of an answer (none for OUT requests); nothing: the request stalls.
@@ -194,17 +177,20 @@ bool UsbDisk::SetConfiguration(std::uint16_t value) {
     return true;
 }
 
-void UsbDisk::SubmitBulk(Urb urb, bool in, ByteView data) {
-    const bool first = in ? in_waiting_.empty() : out_waiting_.empty();
-    if (first && (in ? ServeIn(urb) : ServeOut(urb, data))) return;
+void UsbDisk::SubmitBulk(const Command& command) {
+    Urb urb{.seqnum = command.seqnum,
+            .length = command.length,
+            .short_is_error = (command.transfer_flags & kUrbShortNotOk) != 0,
+            .data = {}};
+    std::deque<Urb>& waiting = command.in ? in_waiting_ : out_waiting_;
+    if (waiting.empty() && (command.in ? ServeIn(urb) : ServeOut(urb, command.data))) return;
     const std::size_t cost = sizeof(Urb) + urb.length;
     if (cost > kMaxWaiting - std::min(waiting_bytes_, kMaxWaiting)) {
-        Reply(urb.seqnum, -ENOMEM, 0, empty_reply());
-        return;
+        return Reply({.seqnum = urb.seqnum, .status = -ENOMEM});
     }
     waiting_bytes_ += cost;
-    urb.data.assign(data.begin(), data.end());
-    (in ? in_waiting_ : out_waiting_).push_back(std::move(urb));
+    urb.data.assign(command.data.begin(), command.data.end());
+    waiting.push_back(std::move(urb));
 }
 
 void UsbDisk::ServeWaiting() {
@@ -225,7 +211,8 @@ bool UsbDisk::ServeOut(const Urb& urb, ByteView data) {
     std::size_t taken = 0;
     const BulkOnly::Outcome outcome = bulk_.Out(data, taken);
     if (outcome == BulkOnly::Outcome::kWait) return false;
-    Reply(urb.seqnum, outcome == BulkOnly::Outcome::kStall ? -EPIPE : 0, taken, empty_reply());
+    const int status = outcome == BulkOnly::Outcome::kStall ? -EPIPE : 0;
+    Reply({.seqnum = urb.seqnum, .status = status, .actual_length = taken});
     return true;
 }
 
@@ -236,13 +223,14 @@ bool UsbDisk::ServeIn(const Urb& urb) {
         !bulk_.Halted(true)) {
         return false;
     }
-    Bytes pdu = empty_reply();
-    const BulkOnly::Outcome outcome = bulk_.In(urb.length, pdu);
+    Bytes reply = RoomForReply();
+    const std::size_t header = reply.size();
+    const BulkOnly::Outcome outcome = bulk_.In(urb.length, reply);
     if (outcome == BulkOnly::Outcome::kWait) return false;
-    const std::size_t actual = pdu.size() - sizeof(usbip_header);
+    const std::size_t actual = reply.size() - header;
     int status = outcome == BulkOnly::Outcome::kStall ? -EPIPE : 0;
     if (status == 0 && urb.short_is_error && actual < urb.length) status = -EREMOTEIO;
-    Reply(urb.seqnum, status, actual, std::move(pdu));
+    Reply({.seqnum = urb.seqnum, .status = status, .actual_length = actual}, std::move(reply));
     return true;
 }
 
@@ -256,18 +244,11 @@ void UsbDisk::Unlink(std::uint32_t seqnum, std::uint32_t target) {
         return true;
     };
     const bool removed = remove(out_waiting_) || remove(in_waiting_);
-    sink_->Reply(RetUnlinkPdu(seqnum, removed || !submitted_.Contains(target) ? -ECONNRESET : 0));
+    sink_->Reply(RetUnlink(seqnum, removed || !submitted_.Contains(target) ? -ECONNRESET : 0));
 }
 
-// `pdu` has room for the header, and the data of an IN transfer behind it.
-void UsbDisk::Reply(std::uint32_t seqnum, int status, std::size_t actual, Bytes pdu) {
-    usbip_header reply{};
-    reply.command = htobe32(USBIP_RET_SUBMIT);
-    reply.seqnum = htobe32(seqnum);
-    reply.u.ret_submit.status = htobe32(static_cast<std::uint32_t>(status));
-    reply.u.ret_submit.actual_length = htobe32(static_cast<std::uint32_t>(actual));
-    StoreRaw(pdu.data(), reply);
-    sink_->Reply(std::move(pdu));
+void UsbDisk::Reply(const SubmitResult& result, Bytes reply) {
+    sink_->Reply(RetSubmit(result, std::move(reply)));
 }
 
 }  // namespace remote

@@ -9,7 +9,8 @@
 #include <string>
 
 #include "remote/device/Device.h"
-#include "remote/device/Unlink.h"
+#include "remote/device/Reply.h"
+#include "remote/device/SubmittedNumbers.h"
 #include "remote/disk/BulkOnly.h"
 #include "remote/disk/DiskImage.h"
 #include "remote/io/Bytes.h"
@@ -31,7 +32,7 @@ class UsbDisk final : public Device {
     const DeviceInfo& Info() const override { return info_; }
     void Attach(ReplySink& sink) override;
     void Detach() override;
-    void Command(ByteView pdu) override;
+    void TakeCommand(const Command& command) override;
 
   private:
     struct Setup;
@@ -42,9 +43,9 @@ class UsbDisk final : public Device {
         Bytes data;                   // OUT only, while it waits
     };
 
-    void Submit(ByteView pdu);
-    void SubmitControl(const Urb& urb, bool in, const Setup& setup);
-    void SubmitBulk(Urb urb, bool in, ByteView data);
+    void Submit(const Command& command);
+    void SubmitControl(const Command& command);
+    void SubmitBulk(const Command& command);
     void Unlink(std::uint32_t seqnum, std::uint32_t target);
 
     std::optional<Bytes> Control(const Setup& setup);
@@ -55,7 +56,7 @@ class UsbDisk final : public Device {
     bool ServeIn(const Urb& urb);
     void ServeWaiting();
 
-    void Reply(std::uint32_t seqnum, int status, std::size_t actual, Bytes pdu);
+    void Reply(const SubmitResult& result, Bytes reply = RoomForReply());
 
     const DeviceInfo info_;
     const std::string serial_;

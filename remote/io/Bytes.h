@@ -22,8 +22,15 @@ T LoadRaw(const std::uint8_t* from) {
 }
 
 template <typename T>
-void StoreRaw(std::uint8_t* to, T value) {
+void StoreRaw(std::uint8_t* to, const T& value) {
     std::memcpy(to, &value, sizeof value);
+}
+
+template <typename T>
+Bytes ToBytes(const T& record) {
+    Bytes bytes(sizeof record);
+    StoreRaw(bytes.data(), record);
+    return bytes;
 }
 
 inline std::uint16_t LoadLe16(const std::uint8_t* p) {

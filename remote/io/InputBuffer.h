@@ -2,11 +2,14 @@
 // grows with the bytes that have come, not with a length that was announced.
 #pragma once
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <utility>
 
 #include "remote/io/Bytes.h"
+#include "remote/io/Progress.h"
 
 namespace remote {
 
@@ -26,6 +29,14 @@ class InputBuffer {
         return ByteSpan(buffer_).subspan(end_);
     }
     void Advance(std::size_t count) { end_ += count; }  // `count` bytes were placed in Space
+
+    // Reads once, what is there and has room in Space.
+    Progress ReadFrom(int fd) {
+        const ByteSpan space = Space();
+        const ssize_t count = read(fd, space.data(), space.size());
+        if (count > 0) Advance(static_cast<std::size_t>(count));
+        return ProgressOf(count);
+    }
 
     ByteView Unread() const { return ByteView(buffer_).subspan(begin_, end_ - begin_); }
 

@@ -65,7 +65,7 @@ class DiskTest : public testing::Test, public ReplySink {
     // --- URBs: these return their sequence number, or else their answer ---
 
     std::uint32_t Start(const std::string& pdu) {
-        disk_->Command(View(pdu));
+        disk_->TakeCommand(Decoded(pdu));
         return seqnum_;
     }
     std::uint32_t StartIn(std::uint32_t length, std::uint32_t flags = 0) {

@@ -5,6 +5,7 @@
 #include <zlib.h>
 
 #include "fakes/Messages.h"
+#include "remote/device/Command.h"
 #include "remote/io/Bytes.h"
 #include "wire/UsbipServer.h"
 
@@ -17,6 +18,13 @@ inline ByteView View(std::string_view bytes) {
 }
 inline std::string Text(ByteView bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+// A command that is as it should be; borrows `pdu`.
+inline Command Decoded(std::string_view pdu) {
+    Command command;
+    EXPECT_EQ(DecodeCommand(View(pdu), command), "");
+    return command;
 }
 
 // Offsets in PDUs.

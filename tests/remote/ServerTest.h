@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 
 #include <memory>
@@ -95,6 +96,7 @@ class Host : public Peer {
 
 class ServerTest : public testing::Test {
   protected:
+    ServerTest() { signal(SIGPIPE, SIG_IGN); }
     ~ServerTest() override {
         host_ = Host();
         Type("quit");  // nobody reads it when the server has ended with its host

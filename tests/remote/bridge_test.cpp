@@ -198,8 +198,8 @@ TEST(UsbipDevice, EndsForGoodWhenTheServerLeavesAnUnlinkUnanswered) {
     server.Write(::Bytes(ImportReply("1-1")));
     ASSERT_TRUE(Eventually([&] { return device.OnEvents(POLLIN), device.Present(); }));
     device.Attach(sink);
-    device.Command(View(SubmitIn(0, 8)));
-    device.Command(View(Unlink(1)));
+    device.TakeCommand(Decoded(SubmitIn(0, 8)));
+    device.TakeCommand(Decoded(Unlink(1)));
     EXPECT_GT(device.Deadline(), Clock::now());
     device.OnDeadline();
     EXPECT_FALSE(device.Present());

@@ -1,11 +1,14 @@
 // Messages out of the stream and into it.
-#include "remote/channel/Channel.h"
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <tuple>
 
 #include "Pdus.h"
+#include "posix/UniqueFd.h"
+#include "remote/channel/MessageReader.h"
+#include "remote/channel/MessageWriter.h"
 
 namespace remote::test {
 namespace {
@@ -22,16 +25,16 @@ std::string Feed(std::string_view stream, std::size_t piece) {
     MessageReader reader;
     std::string pdus;
     for (; !stream.empty(); stream.remove_prefix(piece)) {
-        const ByteSpan space = reader.Space();
+        const ByteSpan space = reader.Input().Space();
         piece = std::min({piece, stream.size(), space.size()});
         std::copy_n(stream.begin(), piece, space.begin());
-        reader.Advance(piece);
+        reader.Input().Advance(piece);
         for (ByteView whole; !(whole = reader.Next()).empty();) {
             Message message;
             std::string error = DecodeMessage(whole, message);
             if (!error.empty()) return error;
-            EXPECT_EQ(message.number, kDevid);
-            pdus += Text(message.pdu);
+            EXPECT_EQ(message.devid, kDevid);
+            pdus += Text(message.command.pdu);
         }
         if (!reader.Error().empty()) return reader.Error();
     }
@@ -93,13 +96,14 @@ TEST(Channel, ForwardsGoOutAsTheClientMakesThem) {
     OutputQueue queue;
     for (const std::string& pdu : {small, large})
         for (const bool compress : {false, true})
-            EXPECT_EQ(queue.PushForward(kDevid, {pdu.begin(), pdu.end()}, compress),
+            EXPECT_EQ(PushForward(queue, kDevid, {pdu.begin(), pdu.end()}, compress),
                       compress && pdu == large);
-    std::array<iovec, 16> vectors{};
-    std::string stream;
-    for (const iovec& vector : std::span(vectors).first(queue.Gather(vectors)))
-        stream.append(static_cast<const char*>(vector.iov_base), vector.iov_len);
-    EXPECT_EQ(queue.Pending(), stream.size());
+    const std::size_t size = queue.Pending();
+    const posix::UniqueFd sent(memfd_create("sent", MFD_CLOEXEC));
+    while (!queue.Empty())
+        ASSERT_EQ(queue.WriteTo(sent.Get()), Progress::kMoved);
+    std::string stream(size + 1, '\0');
+    stream.resize(static_cast<std::size_t>(pread(sent.Get(), stream.data(), stream.size(), 0)));
     const std::string plain = ForwardMessage(kDevid, small);
     EXPECT_EQ(stream, plain + plain + ForwardMessage(kDevid, large) + Compressed(large));
 }

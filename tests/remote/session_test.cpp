@@ -18,12 +18,10 @@ class Echo : public Device {
     const DeviceInfo& Info() const override { return info_; }
     void Attach(ReplySink& sink) override { sink_ = &sink; }
     void Detach() override { sink_ = nullptr; }
-    void Command(ByteView pdu) override {
+    void TakeCommand(const Command& command) override {
         ++commands;
-        const auto header = LoadRaw<usbip_header>(pdu.data());
-        remote::Bytes reply(pdu.begin(), pdu.end());
-        if (header.direction == htobe32(USBIP_DIR_IN))
-            reply.resize(pdu.size() + be32toh(header.u.cmd_submit.transfer_buffer_length), 'x');
+        remote::Bytes reply(command.pdu.begin(), command.pdu.end());
+        if (command.in) reply.resize(reply.size() + command.length, 'x');
         sink_->Reply(std::move(reply));
     }
 

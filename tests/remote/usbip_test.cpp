@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Pdus.h"
+#include "remote/bridge/DeviceTable.h"
 #include "remote/bridge/UsbipHandshake.h"
 #include "remote/bridge/UsbipTraffic.h"
 
@@ -37,7 +38,7 @@ class UsbipTrafficTest : public testing::Test, public ReplySink {
             const std::size_t queued = traffic_.Output().Pending();
             const bool host = View(pdu)[kCommandByte] <= USBIP_CMD_UNLINK;
             const std::string error =
-                host ? traffic_.Command(View(pdu), *this) : FromServer(View(pdu), piece);
+                host ? traffic_.TakeCommand(Decoded(pdu), *this) : FromServer(View(pdu), piece);
             if (traffic_.Output().Pending() > queued)
                 log_ += " >" + std::to_string(pdu[kSeqnumByte]);
             if (!error.empty()) return log_ + " END";
@@ -102,13 +103,13 @@ TEST_F(UsbipTrafficTest, UnlinksAreAnsweredOnceAndLiesEndTheDevice) {
 
 TEST_F(UsbipTrafficTest, WhatWaitsForTheServerIsBounded) {
     std::uint32_t seqnum = 0;
-    while (traffic_.Command(View(SubmitOut(++seqnum, kMegabyte)), *this).empty())
+    while (traffic_.TakeCommand(Decoded(SubmitOut(++seqnum, kMegabyte)), *this).empty())
         ASSERT_LE(traffic_.Output().Pending(), UsbipTraffic::kMaxQueued);
     EXPECT_EQ(seqnum, 32U) << "32 MiB, less the headers";
     traffic_ = {};
     for (seqnum = 1; seqnum <= UsbipTraffic::kMaxUrbs; ++seqnum)
-        ASSERT_EQ(traffic_.Command(View(SubmitIn(seqnum, 1)), *this), "");
-    EXPECT_NE(traffic_.Command(View(SubmitIn(seqnum, 1)), *this), "");
+        ASSERT_EQ(traffic_.TakeCommand(Decoded(SubmitIn(seqnum, 1)), *this), "");
+    EXPECT_NE(traffic_.TakeCommand(Decoded(SubmitIn(seqnum, 1)), *this), "");
 }
 
 // What is wrong with the reply to an import of 1-2.3, or how many bytes were taken; 0: more needed.

@@ -26,8 +26,8 @@ class MicrophoneDevice final : public Device {
         microphone_.emplace(lie_);
     }
     void Detach() override { microphone_.reset(); }
-    void Command(ByteView pdu) override {
-        Bytes reply = microphone_->Command(pdu);
+    void TakeCommand(const Command& command) override {
+        Bytes reply = microphone_->TakeCommand(command);
         if (!reply.empty()) sink_->Reply(std::move(reply));
     }
     std::optional<Clock::time_point> Deadline() const override {

@@ -7,6 +7,9 @@
 #include <string_view>
 #include <utility>
 
+#include "remote/device/Reply.h"
+#include "wire/UsbipPdu.h"
+
 namespace remote {
 namespace {
 
@@ -74,26 +77,17 @@ static_assert(std::size(kConfigurationDescriptor) == 100);
 constexpr std::uint32_t kHonestReplies = 100;
 
 Bytes encode(std::uint32_t seqnum, const SubmitReply& reply) {
-    usbip_header header{};
-    header.command = htobe32(USBIP_RET_SUBMIT);
-    header.seqnum = htobe32(seqnum);
-    header.u.ret_submit.status = htobe32(static_cast<std::uint32_t>(reply.status));
-    header.u.ret_submit.actual_length = htobe32(reply.actual_length);
-    header.u.ret_submit.number_of_packets =
-        htobe32(static_cast<std::uint32_t>(reply.packets.size()));
-    Bytes pdu(sizeof header + reply.data.size() + reply.packets.size() * sizeof(Packet));
-    StoreRaw(pdu.data(), header);
-    std::uint8_t* to = std::copy(reply.data.begin(), reply.data.end(), &pdu[sizeof header]);
+    Bytes pdu = RoomForReply();
+    pdu.insert(pdu.end(), reply.data.begin(), reply.data.end());
+    std::size_t at = pdu.size();
+    pdu.resize(at + reply.packets.size() * sizeof(Packet));
     for (const Packet& packet : reply.packets) {
-        StoreRaw(to, Packet{htobe32(packet.offset), htobe32(packet.length),
-                            htobe32(packet.actual_length), htobe32(packet.status)});
-        to += sizeof packet;
+        StoreRaw(&pdu[at], Packet{htobe32(packet.offset), htobe32(packet.length),
+                                  htobe32(packet.actual_length), htobe32(packet.status)});
+        at += sizeof packet;
     }
-    return pdu;
-}
-
-Bytes refuse(std::uint32_t seqnum, int status) {
-    return encode(seqnum, {status, 0, {}, {}});
+    return RetSubmit({seqnum, reply.status, reply.actual_length, reply.packets.size()},
+                     std::move(pdu));
 }
 
 }  // namespace
@@ -116,24 +110,17 @@ usbip_op_device MicrophoneRecord() {
     return record;
 }
 
-Bytes Microphone::Command(ByteView pdu) {
-    const auto header = LoadRaw<usbip_header>(pdu.data());
-    const std::uint32_t seqnum = be32toh(header.seqnum);
-    if (be32toh(header.command) == USBIP_CMD_UNLINK) {
-        return Unlink(seqnum, be32toh(header.u.cmd_unlink.seqnum));
-    }
-    submitted_.Add(seqnum);
-    if (be32toh(header.ep) == kEndpoint) {
-        return Submit(seqnum, header, pdu.subspan(sizeof header));
-    }
-    std::optional<Bytes> answer = Control(header.u.cmd_submit.setup);
-    if (!answer) return refuse(seqnum, -EPIPE);
-    const std::uint32_t room = be32toh(header.u.cmd_submit.transfer_buffer_length);
-    if (answer->size() > room) answer->resize(room);
+Bytes Microphone::TakeCommand(const Command& command) {
+    if (command.unlinks) return Unlink(command.seqnum, *command.unlinks);
+    submitted_.Add(command.seqnum);
+    if (command.endpoint == kEndpoint) return Submit(command);
+    std::optional<Bytes> answer = Control(command.setup.data());
+    if (!answer) return RetSubmit({command.seqnum, -EPIPE});
+    if (answer->size() > command.length) answer->resize(command.length);
     SubmitReply reply{0, static_cast<std::uint32_t>(answer->size()), std::move(*answer), {}};
-    Twist(Lie::About::kEnumeration, reply, room);
-    if (header.direction == USBIP_DIR_OUT) Twist(Lie::About::kOut, reply, room);
-    return encode(seqnum, reply);
+    Twist(Lie::About::kEnumeration, reply, command.length);
+    if (!command.in) Twist(Lie::About::kOut, reply, command.length);
+    return encode(command.seqnum, reply);
 }
 
 void Microphone::Twist(Lie::About about, SubmitReply& reply, std::uint32_t room) {
@@ -165,20 +152,19 @@ std::optional<Bytes> Microphone::Control(const std::uint8_t* setup) {
 
 // Packets follow those of the URB before. While there is no URB, time stands still: a microphone
 // would lose samples then, and this one is to show who else does.
-Bytes Microphone::Submit(std::uint32_t seqnum, const usbip_header& header, ByteView packets) {
-    const std::size_t count = packets.size() / sizeof(Packet);
-    const std::uint32_t room = be32toh(header.u.cmd_submit.transfer_buffer_length);
-    bool fits = streaming_ && header.direction != USBIP_DIR_OUT && urbs_.size() < kMaxUrbs &&
-                room / kLongestPacket >= count && count >= kFewestPackets;
+Bytes Microphone::Submit(const Command& command) {
+    const std::size_t count = command.PacketCount();
+    bool fits = streaming_ && command.in && urbs_.size() < kMaxUrbs &&
+                command.length / kLongestPacket >= count && count >= kFewestPackets;
     std::vector<Packet> asked;
     for (std::size_t i = 0; fits && i < count; ++i) {
-        const auto packet = LoadRaw<Packet>(&packets[i * sizeof(Packet)]);
+        const auto packet = LoadRaw<Packet>(&command.packets[i * sizeof(Packet)]);
         asked.push_back({be32toh(packet.offset), be32toh(packet.length), 0, 0});
         fits = asked.back().length >= kLongestPacket;
     }
-    if (!fits) return refuse(seqnum, -EINVAL);
+    if (!fits) return RetSubmit({command.seqnum, -EINVAL});
     recorded_until_ = std::max(recorded_until_, Clock::now()) + count * kPacketTime;
-    urbs_.push_back({seqnum, recorded_until_, room, std::move(asked)});
+    urbs_.push_back({command.seqnum, recorded_until_, command.length, std::move(asked)});
     return {};
 }
 
@@ -209,7 +195,7 @@ Bytes Microphone::TakeRecording() {
 Bytes Microphone::Unlink(std::uint32_t seqnum, std::uint32_t target) {
     const bool dropped =
         std::erase_if(urbs_, [&](const Urb& urb) { return urb.seqnum == target; }) != 0;
-    return RetUnlinkPdu(seqnum, dropped || !submitted_.Contains(target) ? -ECONNRESET : 0);
+    return RetUnlink(seqnum, dropped || !submitted_.Contains(target) ? -ECONNRESET : 0);
 }
 
 }  // namespace remote

@@ -13,11 +13,11 @@
 #include <optional>
 #include <vector>
 
+#include "remote/device/Command.h"
 #include "remote/device/Device.h"
-#include "remote/device/Unlink.h"
+#include "remote/device/SubmittedNumbers.h"
 #include "remote/io/Bytes.h"
 #include "vm/microphone/Lies.h"
-#include "wire/UsbipPdu.h"
 #include "wire/UsbipServer.h"
 
 namespace remote {
@@ -30,8 +30,8 @@ class Microphone {
   public:
     explicit Microphone(const Lie* lie) : lie_(lie) {}  // none: it is honest
 
-    // Takes one whole command and returns the reply. None: it follows later.
-    Bytes Command(ByteView pdu);
+    // Takes one command and returns the reply. None: it follows later.
+    Bytes TakeCommand(const Command& command);
 
     // When the packets of the first URB will have been recorded.
     std::optional<Clock::time_point> Due() const;
@@ -49,7 +49,7 @@ class Microphone {
 
     void Twist(Lie::About about, SubmitReply& reply, std::uint32_t room);  // when its time has come
     std::optional<Bytes> Control(const std::uint8_t* setup);
-    Bytes Submit(std::uint32_t seqnum, const usbip_header& header, ByteView packets);
+    Bytes Submit(const Command& command);
     Bytes Unlink(std::uint32_t seqnum, std::uint32_t target);
 
     const Lie* lie_;

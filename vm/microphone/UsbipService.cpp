@@ -72,7 +72,13 @@ Bytes receive_command(int fd) {
             timeout = static_cast<int>(std::max<std::int64_t>(left.count(), 0));
         }
         pollfd readable{fd, POLLIN, 0};
-        if (poll(&readable, 1, timeout) > 0) say(fd, microphone.Command(receive_command(fd)));
+        if (poll(&readable, 1, timeout) > 0) {
+            const Bytes pdu = receive_command(fd);
+            Command command;
+            const std::string error = DecodeCommand(pdu, command);
+            if (!error.empty()) throw std::runtime_error("the client sends a " + error);
+            say(fd, microphone.TakeCommand(command));
+        }
         const auto due = microphone.Due();
         if (due && *due <= Clock::now()) say(fd, microphone.TakeRecording());
     }
