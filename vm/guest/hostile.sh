@@ -76,9 +76,10 @@ expect_end() {
     offer "$1" "$2"
     card=${pcm#pcmC}
     start_reading "$disk"
-    timeout 20 arecord -q -D "hw:${card%%D*},0" -t raw -f S16_LE -c 1 -r 44100 -d 2 /tmp/recorded \
+    timeout 60 arecord -q -N -D "hw:${card%%D*},0" -t raw -f S16_LE -c 1 -r 44100 -d 1 /tmp/recorded \
         >>"$LOG_DIR/arecord.log" 2>&1 8>&- 9<&- &
     recorder=$!
+    wait_until 30 "the lie" grep -q "the first lie" "$LOG_DIR/microphone.log"
     wait_until 10 "the end of the microphone" ports_used_by_us_are 1
     wait_for_end "$recorder" 10 "the recording"
     wait_until 10 "data that still flows" has_read_more "$disk" $(($(sectors_read "$disk") + 8192))
