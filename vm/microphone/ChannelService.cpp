@@ -1,4 +1,3 @@
-#include <cstdio>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -9,7 +8,6 @@
 #include "remote/device/Device.h"
 #include "remote/disk/DiskImage.h"
 #include "remote/disk/UsbDisk.h"
-#include "remote/io/Listener.h"
 #include "vm/microphone/Microphone.h"
 #include "vm/microphone/Services.h"
 
@@ -44,7 +42,7 @@ class MicrophoneDevice final : public Device {
 
 }  // namespace
 
-void ServeChannel(const std::string& address, const Lie* lie, const std::string& disk) {
+void ServeChannel(Listener& listener, const Lie* lie, const std::string& disk) {
     std::string error;
     std::vector<std::unique_ptr<Device>> devices;
     devices.push_back(std::make_unique<MicrophoneDevice>(lie));
@@ -54,11 +52,8 @@ void ServeChannel(const std::string& address, const Lie* lie, const std::string&
         devices.push_back(
             std::make_unique<UsbDisk>(std::move(*image), UsbSpeed::kHigh, "disk", "0123456789AB"));
     }
-    const std::unique_ptr<Listener> listener = Listener::Open(address, error);
-    if (!listener) throw std::runtime_error("cannot listen at " + error);
-    std::fprintf(stderr, "listening on %s\n", listener->Name().c_str());
     Server server(std::move(devices), false, {});
-    if (!server.Run(*listener)) throw std::runtime_error("cannot go on");
+    if (!server.Run(listener)) throw std::runtime_error("cannot go on");
 }
 
 }  // namespace remote

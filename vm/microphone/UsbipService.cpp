@@ -5,12 +5,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
-#include "remote/io/Listener.h"
 #include "vm/microphone/Microphone.h"
 #include "vm/microphone/Services.h"
 #include "wire/UsbipPdu.h"
@@ -115,15 +113,11 @@ void serve(int fd, const Lie* lie) {
 
 }  // namespace
 
-void ServeUsbip(const std::string& address, const Lie* lie) {
-    std::string error;
-    const std::unique_ptr<Listener> listener = Listener::Open(address, error);
-    if (!listener) throw std::runtime_error("cannot listen at " + error);
-    std::fprintf(stderr, "listening on %s\n", listener->Name().c_str());
+void ServeUsbip(Listener& listener, const Lie* lie) {
     for (;;) {
-        pollfd waiting{listener->Fd(), POLLIN, 0};
+        pollfd waiting{listener.Fd(), POLLIN, 0};
         poll(&waiting, 1, -1);
-        const posix::UniqueFd client = listener->Accept();
+        const posix::UniqueFd client = listener.Accept();
         if (!client) continue;
         fcntl(client.Get(), F_SETFL, 0);  // blocking
         setsockopt(client.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);

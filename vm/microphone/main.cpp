@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "remote/io/Listener.h"
 #include "vm/microphone/Lies.h"
 #include "vm/microphone/Services.h"
 
@@ -42,7 +43,11 @@ void run(int argc, char** argv) {
         throw std::runtime_error(kUsage + remote::LieNames());
     }
     signal(SIGPIPE, SIG_IGN);  // a client that has gone is a failed write
-    channel ? remote::ServeChannel(argv[at], lie, disk) : remote::ServeUsbip(argv[at], lie);
+    std::string error;
+    const auto listener = remote::Listener::Open(argv[at], error);
+    if (!listener) throw std::runtime_error("cannot listen at " + error);
+    std::fprintf(stderr, "listening on %s\n", listener->Name().c_str());
+    channel ? remote::ServeChannel(*listener, lie, disk) : remote::ServeUsbip(*listener, lie);
 }
 
 }  // namespace
