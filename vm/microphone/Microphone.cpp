@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <iterator>
 #include <string_view>
 #include <utility>
@@ -23,7 +24,8 @@ constexpr std::chrono::microseconds kPacketTime{125};  // a microframe
 constexpr std::uint32_t kPacketsPerSecond = 8000;
 constexpr std::size_t kLongestPacket = 6 * sizeof(std::uint16_t);
 constexpr std::uint8_t kPacketRoom = 16;
-constexpr std::size_t kMaxUrbs = 64;  // the kernel's audio driver has 12 under way
+constexpr std::size_t kFewestPackets = 2;  // of a URB
+constexpr std::size_t kMaxUrbs = 64;       // the kernel's audio driver has 12 under way
 
 enum Interface : std::uint8_t { kAudioControl = 0, kAudioStreaming = 1 };
 constexpr std::uint8_t kEndpoint = 1;
@@ -69,15 +71,30 @@ constexpr std::uint8_t kConfigurationDescriptor[] = {
     7, 0x25, 0x01, 0x00, 0, 0, 0};
 static_assert(std::size(kConfigurationDescriptor) == 100);
 
-Bytes reply_to(std::uint32_t seqnum, int status, ByteView data = {}, ByteView packets = {}) {
-    Bytes reply = RoomForReply();
-    reply.insert(reply.end(), data.begin(), data.end());
-    reply.insert(reply.end(), packets.begin(), packets.end());
-    return RetSubmit({seqnum, status, data.size(), packets.size() / sizeof(Packet)},
-                     std::move(reply));
+// With sound, before the first lie. (URBs of the kernel's audio driver last 1 ms.) Of those that
+// follow every second one is honest, so that something is recorded when a lie leaves out
+// everything.
+constexpr std::uint32_t kHonestReplies = 100;
+
+Bytes encode(std::uint32_t seqnum, const SubmitReply& reply) {
+    Bytes pdu = RoomForReply();
+    pdu.insert(pdu.end(), reply.data.begin(), reply.data.end());
+    std::size_t at = pdu.size();
+    pdu.resize(at + reply.packets.size() * sizeof(Packet));
+    for (const Packet& packet : reply.packets) {
+        StoreRaw(&pdu[at], Packet{htobe32(packet.offset), htobe32(packet.length),
+                                  htobe32(packet.actual_length), htobe32(packet.status)});
+        at += sizeof packet;
+    }
+    return RetSubmit({seqnum, reply.status, reply.actual_length, reply.packets.size()},
+                     std::move(pdu));
 }
 
 }  // namespace
+
+DeviceInfo MicrophoneInfo() {
+    return {"microphone", UsbSpeed::kHigh, kVendor, kProduct};
+}
 
 usbip_op_device MicrophoneRecord() {
     usbip_op_device record{};
@@ -97,10 +114,20 @@ Bytes Microphone::TakeCommand(const Command& command) {
     if (command.unlinks) return Unlink(command.seqnum, *command.unlinks);
     submitted_.Add(command.seqnum);
     if (command.endpoint == kEndpoint) return Submit(command);
-    const std::optional<Bytes> answer = Control(command.setup.data());
-    if (!answer) return reply_to(command.seqnum, -EPIPE);
-    const std::size_t room = command.length;
-    return reply_to(command.seqnum, 0, ByteView(*answer).first(std::min(answer->size(), room)));
+    std::optional<Bytes> answer = Control(command.setup.data());
+    if (!answer) return RetSubmit({command.seqnum, -EPIPE});
+    if (answer->size() > command.length) answer->resize(command.length);
+    SubmitReply reply{0, static_cast<std::uint32_t>(answer->size()), std::move(*answer), {}};
+    Twist(Lie::About::kEnumeration, reply, command.length);
+    if (!command.in) Twist(Lie::About::kOut, reply, command.length);
+    return encode(command.seqnum, reply);
+}
+
+void Microphone::Twist(Lie::About about, SubmitReply& reply, std::uint32_t room) {
+    if (lie_ == nullptr || lie_->about != about) return;
+    if (about != Lie::About::kEnumeration && replies_ <= kHonestReplies) return;
+    if (!std::exchange(has_lied_, true)) std::fputs("the first lie\n", stderr);
+    lie_->tell(reply, room);
 }
 
 // The data of an answer, none for OUT requests. Nothing: the request stalls.
@@ -128,15 +155,16 @@ std::optional<Bytes> Microphone::Control(const std::uint8_t* setup) {
 Bytes Microphone::Submit(const Command& command) {
     const std::size_t count = command.PacketCount();
     bool fits = streaming_ && command.in && urbs_.size() < kMaxUrbs &&
-                command.length / kLongestPacket >= count;
+                command.length / kLongestPacket >= count && count >= kFewestPackets;
+    std::vector<Packet> asked;
     for (std::size_t i = 0; fits && i < count; ++i) {
         const auto packet = LoadRaw<Packet>(&command.packets[i * sizeof(Packet)]);
-        fits = be32toh(packet.length) >= kLongestPacket;
+        asked.push_back({be32toh(packet.offset), be32toh(packet.length), 0, 0});
+        fits = asked.back().length >= kLongestPacket;
     }
-    if (!fits) return reply_to(command.seqnum, -EINVAL);
+    if (!fits) return RetSubmit({command.seqnum, -EINVAL});
     recorded_until_ = std::max(recorded_until_, Clock::now()) + count * kPacketTime;
-    urbs_.push_back(
-        {command.seqnum, recorded_until_, Bytes(command.packets.begin(), command.packets.end())});
+    urbs_.push_back({command.seqnum, recorded_until_, command.length, std::move(asked)});
     return {};
 }
 
@@ -145,22 +173,23 @@ std::optional<Clock::time_point> Microphone::Due() const {
 }
 
 Bytes Microphone::TakeRecording() {
-    Bytes& packets = urbs_.front().packets;
-    Bytes data;
-    for (std::size_t at = 0; at < packets.size(); at += sizeof(Packet)) {
-        const std::size_t before = data.size();
+    Urb& urb = urbs_.front();
+    SubmitReply reply{0, 0, {}, std::move(urb.packets)};
+    std::uint16_t sample = sample_;
+    for (Packet& packet : reply.packets) {
         for (phase_ += kSampleRate; phase_ >= kPacketsPerSecond; phase_ -= kPacketsPerSecond) {
-            data.push_back(static_cast<std::uint8_t>(sample_ & 0xFF));
-            data.push_back(static_cast<std::uint8_t>(sample_++ >> 8));
+            reply.data.push_back(static_cast<std::uint8_t>(sample & 0xFF));
+            reply.data.push_back(static_cast<std::uint8_t>(sample++ >> 8));
         }
-        auto packet = LoadRaw<Packet>(&packets[at]);
-        packet.actual_length = htobe32(static_cast<std::uint32_t>(data.size() - before));
-        packet.status = 0;
-        StoreRaw(&packets[at], packet);
+        packet.actual_length = static_cast<std::uint32_t>(reply.data.size()) - reply.actual_length;
+        reply.actual_length += packet.actual_length;
     }
-    Bytes reply = reply_to(urbs_.front().seqnum, 0, data, packets);
+    if (++replies_ % 2 == 0) Twist(Lie::About::kSound, reply, urb.room);
+    // What the reply leaves out comes next.
+    sample_ += static_cast<std::uint16_t>(reply.data.size() / sizeof sample);
+    Bytes pdu = encode(urb.seqnum, reply);
     urbs_.pop_front();
-    return reply;
+    return pdu;
 }
 
 Bytes Microphone::Unlink(std::uint32_t seqnum, std::uint32_t target) {

@@ -11,20 +11,25 @@
 #include <cstdint>
 #include <deque>
 #include <optional>
+#include <vector>
 
 #include "remote/device/Command.h"
 #include "remote/device/Device.h"
 #include "remote/device/SubmittedNumbers.h"
 #include "remote/io/Bytes.h"
+#include "vm/microphone/Lies.h"
 #include "wire/UsbipServer.h"
 
 namespace remote {
 
+DeviceInfo MicrophoneInfo();
 usbip_op_device MicrophoneRecord();
 
 // One attachment.
 class Microphone {
   public:
+    explicit Microphone(const Lie* lie) : lie_(lie) {}  // none: it is honest
+
     // Takes one command and returns the reply. None: it follows later.
     Bytes TakeCommand(const Command& command);
 
@@ -38,19 +43,24 @@ class Microphone {
     struct Urb {
         std::uint32_t seqnum;
         Clock::time_point due;
-        Bytes packets;  // their descriptors
+        std::uint32_t room;  // length of its buffer
+        std::vector<usbip_iso_packet_descriptor> packets;
     };
 
+    void Twist(Lie::About about, SubmitReply& reply, std::uint32_t room);  // when its time has come
     std::optional<Bytes> Control(const std::uint8_t* setup);
     Bytes Submit(const Command& command);
     Bytes Unlink(std::uint32_t seqnum, std::uint32_t target);
 
+    const Lie* lie_;
     SubmittedNumbers submitted_;
     bool streaming_ = false;  // the alternate setting with the endpoint is selected
     std::deque<Urb> urbs_;
     Clock::time_point recorded_until_;  // the end of the last one
     std::uint32_t phase_ = 0;           // time not yet sampled, in units of 1 / (44,100 * 8000) s
     std::uint16_t sample_ = 0;          // the next one
+    std::uint32_t replies_ = 0;         // with sound
+    bool has_lied_ = false;
 };
 
 }  // namespace remote
