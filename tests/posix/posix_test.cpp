@@ -199,13 +199,14 @@ TEST(SocketTest, ABurstOfHostsIsHeldAndWhatCannotBeAcceptedWaits) {
     EXPECT_TRUE(listener->Accept());
 
     ::listen(listener->Fd(), 0);  // more wait already
-    const std::jthread accepting([&] {
+    std::jthread accepting([&] {
         WaitFor(-1, 0, -1, 20);
         while (listener->Accept())
             continue;
     });
     EXPECT_TRUE(Connect(address, -1, error)) << error;
 
+    accepting.join();
     std::filesystem::remove(path);
     std::ofstream(path) << "of somebody else";
     listener = nullptr;
