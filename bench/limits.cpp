@@ -10,8 +10,7 @@
 #include <fstream>
 #include <functional>
 
-#include "fakes/FakeController.h"
-#include "fakes/FakeHost.h"
+#include "fakes/Rig.h"
 #include "fakes/Traffic.h"
 
 namespace {
@@ -29,13 +28,6 @@ void Row(const char* what, long value, const char* unit, long bound = LONG_MAX) 
     broken = broken || value > bound;
 }
 
-// What has to hold for a figure to mean anything.
-void Require(bool holds, const char* what) {
-    if (holds) return;
-    std::fprintf(stderr, "limits: does not hold: %s\n", what);
-    std::_Exit(2);
-}
-
 // Of the memory that the process has had resident since the peak was reset.
 long PeakKilobytes() {
     std::ifstream status("/proc/self/status");
@@ -48,28 +40,14 @@ long PeakKilobytes() {
 }
 
 // A plug-in that runs, on ports that are read at once.
-struct Rig {
-    Rig() {
+struct Bench : Rig {
+    Bench() : Rig(2 * kDevices) {
         controller.status_pause = {};
         host.Start();
-        Require(host.stream->WaitUntilDrained(), "the plug-in runs");
+        Handle("");
     }
-    std::unique_ptr<KernelEnd> Map(std::uint32_t devid) {
-        host.Receive(MapMessage(devid));
-        auto kernel = controller.WaitForAttach();
-        Require(kernel != nullptr, "the device is attached");
-        return kernel;
-    }
-    // Both ways; the kernel waits for its reply.
-    void RoundTrip(std::uint32_t devid, KernelEnd& kernel, std::uint32_t seqnum) {
-        Require(kernel.Send(Unlink(seqnum)), "the kernel can send");
-        std::string message;
-        do
-            message = host.stream->WaitForMessage();
-        while (message.size() == UnmapMessage(devid).size());
-        Require(message == ForwardMessage(devid, Unlink(seqnum)), "the command arrives");
-        host.Receive(ForwardMessage(devid, UnlinkReply(seqnum)));
-        Require(kernel.Receive(sizeof(usbip_header)) == UnlinkReply(seqnum), "the reply arrives");
+    void RoundTrip(std::uint32_t devid, KernelEnd& kernel) {
+        Require(Works(devid, kernel), "a PDU each way arrives");
     }
     long Exit() {
         host.EndRun();
@@ -77,16 +55,13 @@ struct Rig {
         host.plugin->ExitInstance();
         return watch.Milliseconds();
     }
-
-    FakeController controller{1, 2 * kDevices};
-    FakeHost host;
 };
 
 // Growth of the peak by what `input` does to an attached device.
 void Memory(const char* what, long bound, const std::function<void(FakeHost&, KernelEnd&)>& input) {
-    Rig rig;
+    Bench rig;
     const auto kernel = rig.Map(1);
-    rig.RoundTrip(1, *kernel, 1);
+    rig.RoundTrip(1, *kernel);
     malloc_trim(0);
     std::ofstream("/proc/self/clear_refs") << "5";  // resets the peak
     const long before = PeakKilobytes();
@@ -130,14 +105,14 @@ void MemoryUnderHostileInput() {
 }
 
 void DevicesAndExit() {
-    Row("ExitInstance, no device", Rig().Exit(), "ms", kLongestExit);
-    Rig rig;
+    Row("ExitInstance, no device", Bench().Exit(), "ms", kLongestExit);
+    Bench rig;
     const long threads = Threads();
     const long descriptors = OpenDescriptors();
     std::vector<std::unique_ptr<KernelEnd>> kernels;
     for (std::uint32_t devid = 0; devid < kDevices; ++devid) {
         kernels.push_back(rig.Map(devid));
-        rig.RoundTrip(devid, *kernels.back(), 1);
+        rig.RoundTrip(devid, *kernels.back());
     }
     Row("threads of 16 devices", Threads() - threads, "", 2 * kDevices);
     // The kernel's own are in this process, too.
@@ -157,7 +132,7 @@ void DevicesAndExit() {
 // Round trips of one device, first alone, then while another one is mapped and, with 1 MiB waiting
 // that its kernel does not read, unmapped.
 void Stalls(int unmaps) {
-    Rig rig;
+    Bench rig;
     const auto kernel = rig.Map(1);
     long stop = 0;
     std::atomic<bool> done{unmaps == 0};
@@ -179,7 +154,7 @@ void Stalls(int unmaps) {
     long slowest = 0;
     for (std::uint32_t i = 0; i < 500 || !done; ++i) {
         const Stopwatch watch;
-        rig.RoundTrip(1, *kernel, i);
+        rig.RoundTrip(1, *kernel);
         slowest = std::max(slowest, watch.Milliseconds());
     }
     other.join();
@@ -202,10 +177,10 @@ void Growth(unsigned long cycles) {
     const long descriptors = OpenDescriptors();
     for (int part = 0; part < 10; ++part) {
         if (part == 1) heap = HeapBytes();
-        Rig rig;
+        Bench rig;
         for (std::uint32_t i = 0; i < cycles / 10; ++i) {
             const auto kernel = rig.Map(1);
-            rig.RoundTrip(1, *kernel, i);
+            rig.RoundTrip(1, *kernel);
             const Stopwatch watch;
             rig.host.Receive(UnmapMessage(1));
             Require(kernel->WaitForEnd(), "the unmap ends the device");
@@ -216,7 +191,7 @@ void Growth(unsigned long cycles) {
     Row("  heap in use, more than after a tenth of them", HeapBytes() - heap, "bytes", 16 << 10);
     Row("  descriptors more", OpenDescriptors() - descriptors, "", 0);
     Row("  threads more", Threads() - threads, "", 0);
-    Row("  udev handles more", FakeController::LiveUdevObjects(), "", 0);
+    Row("  udev handles more", FakeController::live_udev_objects, "", 0);
     Row("  slowest unmap", slowest, "ms");
 }
 

@@ -3,12 +3,12 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <libudev.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -25,21 +25,10 @@ constexpr int kFree = 4;         // VDEV_ST_NULL
 constexpr int kNotAssigned = 5;  // VDEV_ST_NOTASSIGNED
 constexpr std::string_view kRecordDirectory = "/var/run/vhci_hcd";
 
-constexpr int kPatienceMilliseconds = static_cast<int>(kPatience.count()) * 1000;
-
 fs::path make_root() {
     std::string name = (fs::temp_directory_path() / "fake-vhci.XXXXXX").string();
     if (mkdtemp(name.data()) == nullptr) std::abort();
     return name;
-}
-
-// Waits for bytes or the end; false when patience has run out. A signal does not end the wait.
-bool wait_readable(int socket) {
-    pollfd readable{socket, POLLIN, 0};
-    while (true) {
-        const int ready = poll(&readable, 1, kPatienceMilliseconds);
-        if (ready >= 0 || errno != EINTR) return ready > 0;
-    }
 }
 
 // The path itself, or where one under the record directory leads. Without a controller the way
@@ -59,7 +48,10 @@ std::string redirected(const char* path) {
 
 KernelEnd::KernelEnd(FakeController& controller, unsigned the_port, int socket,
                      std::string the_request)
-    : port(the_port), request(std::move(the_request)), controller_(controller), socket_(socket) {}
+    : port(the_port), request(std::move(the_request)), controller_(controller), socket_(socket) {
+    const timeval patience{kPatience.count(), 0};
+    setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+}
 
 void KernelEnd::Close() {
     if (socket_ < 0) return;
@@ -78,32 +70,30 @@ bool KernelEnd::Send(std::string_view bytes) {
     return true;
 }
 
+// Not recv(), which a test may have replaced. A signal does not end the wait.
+ssize_t KernelEnd::Read(char* to, std::size_t size) {
+    ssize_t got = 0;
+    do
+        got = read(socket_, to, size);
+    while (got < 0 && errno == EINTR);
+    return got;
+}
+
 std::string KernelEnd::Receive(std::size_t size) {
     std::string bytes(size, '\0');
     std::size_t got = 0;
-    while (got < size && wait_readable(socket_)) {
-        const ssize_t count = read(socket_, bytes.data() + got, size - got);
-        if (count <= 0) break;
-        got += static_cast<std::size_t>(count);
-    }
+    for (ssize_t count = 1; got < size && count > 0; got += static_cast<std::size_t>(count))
+        count = std::max<ssize_t>(Read(bytes.data() + got, size - got), 0);
     bytes.resize(got);
     return bytes;
 }
 
 bool KernelEnd::WaitForEnd() {
     char scrap[4096];
-    while (wait_readable(socket_)) {
-        if (read(socket_, scrap, sizeof scrap) <= 0) return true;
-    }
-    return false;
-}
-
-void KernelEnd::StopReading() {
-    shutdown(socket_, SHUT_RD);
-}
-
-void KernelEnd::StopSending() {
-    shutdown(socket_, SHUT_WR);
+    ssize_t count = 1;
+    while (count > 0)
+        count = Read(scrap, sizeof scrap);
+    return count == 0 || errno != EAGAIN;
 }
 
 // --- FakeController ---
@@ -131,28 +121,15 @@ FakeController::~FakeController() {
 
 std::unique_ptr<KernelEnd> FakeController::WaitForAttach() {
     std::unique_lock lock(mutex_);
-    if (!attached_.wait_for(lock, kPatience, [&] { return !attaches_.empty(); })) return nullptr;
+    if (!changed_.wait_for(lock, kPatience, [&] { return !attaches_.empty(); })) return nullptr;
     std::unique_ptr<KernelEnd> end = std::move(attaches_.front());
     attaches_.pop_front();
     return end;
 }
 
-void FakeController::Occupy(unsigned port, int state, std::string local_busid) {
-    const std::lock_guard lock(mutex_);
-    ports_.at(port) = {state, std::move(local_busid)};
-}
-
-void FakeController::SetAttribute(const std::string& device, const std::string& name,
-                                  std::string text) {
-    const std::lock_guard lock(mutex_);
-    attributes_[device + '/' + name] = std::move(text);
-}
-
-void FakeController::AddUsbDevice(const std::string& busid,
-                                  const std::map<std::string, std::string>& attributes) {
-    fs::create_directories(root / "usb" / busid);
-    for (auto& [name, text] : attributes)
-        SetAttribute(busid, name, text);
+bool FakeController::WaitForRequests(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, kPatience, [&] { return requests_.size() >= count; });
 }
 
 std::optional<std::string> FakeController::Attribute(const std::string& device,
@@ -160,7 +137,7 @@ std::optional<std::string> FakeController::Attribute(const std::string& device,
     const std::lock_guard lock(mutex_);
     const auto found = attributes_.find(device + '/' + name);
     if (found == attributes_.end()) return std::nullopt;
-    if (!found->second.empty() || !name.starts_with("status")) return found->second;
+    if (found->second != "" || !name.starts_with("status")) return found->second;
     return status_text(name == "status" ? 0 : std::stoi(name.substr(sizeof "status")));
 }
 
@@ -189,9 +166,10 @@ bool FakeController::IsAttachFile(int fd) const {
 
 // The checks of the driver's attach_store, in its order.
 int FakeController::Attach(std::string_view request_bytes) {
-    const std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     std::string request(request_bytes);
     requests_.push_back(request);
+    changed_.notify_all();
     if (refusal_ != 0) return refusal_;
     unsigned port = 0, devid = 0, speed = 0;
     int fd = -1, type = 0;
@@ -201,11 +179,12 @@ int FakeController::Attach(std::string_view request_bytes) {
         getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_STREAM) {
         return EINVAL;
     }
+    changed_.wait(lock, [&] { return held_port_ != port; });
     if (ports_[port].state != kFree) return EBUSY;
     ports_[port].state = kNotAssigned;
     const int socket = fcntl(fd, F_DUPFD_CLOEXEC, 0);
     attaches_.push_back(std::make_unique<KernelEnd>(*this, port, socket, std::move(request)));
-    attached_.notify_all();
+    changed_.notify_all();
     return 0;
 }
 

@@ -7,6 +7,8 @@
 // into the temporary directory; without a controller nothing is found and nothing is touched.
 #pragma once
 
+#include <sys/socket.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <ctime>
@@ -29,22 +31,25 @@ class FakeController;
 // Used by one thread; must not outlive its controller.
 class KernelEnd {
   public:
-    KernelEnd(FakeController& controller, unsigned port, int socket, std::string request);
+    KernelEnd(FakeController& controller, unsigned the_port, int socket, std::string the_request);
     ~KernelEnd() { Close(); }
     KernelEnd(const KernelEnd&) = delete;
 
     void Close();
     bool Send(std::string_view bytes);  // false when the client's end is gone
-    std::string Receive(
-        std::size_t size);  // exactly `size` bytes; fewer at the end or out of patience
-    bool WaitForEnd();      // reads until the client's end is closed
-    void StopReading();     // later writes of the client fail
-    void StopSending();     // the client sees the end behind what was sent
+    // Exactly `size` bytes; fewer at the end or out of patience.
+    std::string Receive(std::size_t size);
+    bool WaitForEnd();                                  // reads until the client's end is closed
+    void StopReading() { shutdown(socket_, SHUT_RD); }  // later writes of the client fail
+    // The client sees the end behind what was sent.
+    void StopSending() { shutdown(socket_, SHUT_WR); }
 
     const unsigned port;
     const std::string request;  // what was written to the attach file
 
   private:
+    ssize_t Read(char* to, std::size_t size);
+
     FakeController& controller_;
     int socket_;
 };
@@ -60,25 +65,35 @@ class FakeController {
     std::list<std::unique_ptr<KernelEnd>> Attached() {  // those that no test has taken yet
         return Under(mutex_, [&] { return std::exchange(attaches_, {}); });
     }
-    void RefuseAttaches(int error) { refusal_ = error; }
-    // Every attach request so far, refused ones too.
+    void RefuseAttaches(int error) {
+        Under(mutex_, [&] { refusal_ = error; });
+    }
+    // An attach of this port takes until another one is named, or none.
+    void HoldAttach(std::optional<unsigned> port) {
+        Under(mutex_, [&] { held_port_ = port; });
+        changed_.notify_all();
+    }
+    // Every attach request so far, those that were refused or are held too.
     std::vector<std::string> Requests() const { return CopiedUnder(mutex_, requests_); }
 
-    void Occupy(unsigned port, int state, std::string local_busid);
+    bool WaitForRequests(std::size_t count);
+
+    void Occupy(unsigned port, int state, std::string local_busid) {
+        Under(mutex_, [&] { ports_.at(port) = {state, std::move(local_busid)}; });
+    }
     void Free(unsigned port) { Occupy(port, Port().state, Port().local_busid); }
 
-    // Attributes of "vhci_hcd.0" or of a local USB device, in place of the generated ones.
-    void SetAttribute(const std::string& device, const std::string& name, std::string text);
-    void RemoveAttribute(const std::string& device, const std::string& name) {
-        Under(mutex_, [&] { attributes_.erase(device + '/' + name); });
+    // An attribute of "vhci_hcd.0", in place of the generated one, or of a local USB device. None:
+    // it is missing.
+    void SetAttribute(const std::string& device, const std::string& name,
+                      std::optional<std::string> text) {
+        Under(mutex_, [&] { attributes_[device + '/' + name] = std::move(text); });
     }
     void RemoveDevice(const std::string& device) { remove_all(root / "platform" / device); }
-    void AddUsbDevice(const std::string& busid,
-                      const std::map<std::string, std::string>& attributes);
+    void AddUsbDevice(const std::string& busid) { create_directories(root / "usb" / busid); }
 
-    static int LiveUdevObjects() {
-        return live_udev_objects;
-    }  // contexts and devices not yet given back
+    // Contexts and devices of libudev that were not yet given back.
+    static inline std::atomic<int> live_udev_objects{0};
 
     // How long a status takes to read. As slow as on a busy machine, so that clients that read the
     // port table at once find it the same. Set before there are clients.
@@ -89,7 +104,6 @@ class FakeController {
 
     // For the stand-ins; see FakeController.cpp.
     static FakeController* Current() { return current_; }
-    static inline std::atomic<int> live_udev_objects{0};
     std::optional<std::string> Attribute(const std::string& device, const std::string& name) const;
     bool IsAttachFile(int fd) const;
     int Attach(std::string_view request);  // 0 or an error number
@@ -105,10 +119,11 @@ class FakeController {
 
     const int ports_each_;
     mutable std::mutex mutex_;  // guards everything below
-    std::condition_variable attached_;
+    std::condition_variable changed_;
     int refusal_ = 0;
+    std::optional<unsigned> held_port_;
     std::vector<Port> ports_;
     std::vector<std::string> requests_;
-    std::list<std::unique_ptr<KernelEnd>> attaches_;  // not yet taken by the test
-    std::map<std::string, std::string> attributes_;   // by device/name
+    std::list<std::unique_ptr<KernelEnd>> attaches_;                // not yet taken by the test
+    std::map<std::string, std::optional<std::string>> attributes_;  // by device/name
 };

@@ -93,7 +93,6 @@ std::string FakeStream::WaitForMessage() {
 FakeHost::FakeHost(xjmod_entrypoint* module) : module_(module) {
     module_->init(static_cast<IXJModRuntime*>(&runtime));
     plugin = Create(module_);
-    runtime.Forget();
 }
 
 CRefObj<IClientUsbipPlugin> FakeHost::Create(xjmod_entrypoint* module) {

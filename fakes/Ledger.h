@@ -1,8 +1,7 @@
-// What a test must give back: descriptors, threads and the handles of the fake libudev.
+// What has to be given back: descriptors, threads and the handles of the fake libudev.
 #pragma once
 
-#include <gtest/gtest.h>
-
+#include <array>
 #include <thread>
 
 #include "fakes/FakeController.h"
@@ -11,29 +10,27 @@
 class Ledger {
   public:
     // A thread that was joined may be seen for a moment longer, hence the patience.
-    ::testing::AssertionResult Balanced() const {
-        if (Eventually([this] {
-                return OpenDescriptors() == descriptors_ && Threads() == threads_ &&
-                       FakeController::LiveUdevObjects() == handles_;
-            })) {
-            return ::testing::AssertionSuccess();
-        }
-        return ::testing::AssertionFailure()
-               << "descriptors " << descriptors_ << " -> " << OpenDescriptors() << ", threads "
-               << threads_ << " -> " << Threads() << ", udev handles " << handles_ << " -> "
-               << FakeController::LiveUdevObjects();
+    bool Balanced() const {
+        if (Eventually([this] { return Held() == held_; })) return true;
+        const Counts now = Held();
+        dprintf(kReport, "descriptors %ld -> %ld, threads %ld -> %ld, udev handles %ld -> %ld\n",
+                held_[0], now[0], held_[1], now[1], held_[2], now[2]);
+        return false;
     }
 
   private:
+    using Counts = std::array<long, 3>;
+
+    static Counts Held() {
+        return {OpenDescriptors(), Threads(), FakeController::live_udev_objects};
+    }
     // A sanitizer adds a thread of its own to the first one.
-    static long SettledThreads() {
+    static Counts Settled() {
         static const bool started = [] { return std::thread([] {}).join(), true; }();
-        long threads = 0;
-        Eventually([&] { return started && std::exchange(threads, Threads()) == threads; });
-        return threads;
+        Counts held{};
+        Eventually([&] { return started && std::exchange(held, Held()) == held; });
+        return held;
     }
 
-    const long descriptors_ = OpenDescriptors();
-    const long threads_ = SettledThreads();
-    const int handles_ = FakeController::LiveUdevObjects();
+    const Counts held_ = Settled();
 };

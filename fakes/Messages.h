@@ -44,6 +44,10 @@ inline std::string VersionRequest(std::uint8_t flags) {
     return Message(kUsbipVersionReq, std::string{static_cast<char>(flags), 0, 0, 0});
 }
 
+inline std::string VersionResponse() {
+    return Message(kUsbipVersionRsp, Bytes(kUsbipProtocolVersion));
+}
+
 inline _USBIP_DEV DeviceInfo(std::uint32_t speed = 3) {
     return {"disk", {}, {}, {}, /*busid=*/1, /*portid=*/4, speed, 0x1D6B, 0x0104, {}};
 }

@@ -1,9 +1,12 @@
-// How long tests wait, and what they measure about their own process.
+// How long tests wait, what they cannot go on without, and what they measure about their own
+// process.
 #pragma once
 
-#include <sys/resource.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <iterator>
@@ -30,6 +33,17 @@ bool Eventually(Condition condition) {
         nanosleep(&pause, nullptr);
     }
     return true;
+}
+
+// Standard error as the process found it: fuzz/run closes it to the product's own lines.
+inline const int kReport = dup(STDERR_FILENO);
+
+// What must hold for anything else to mean something. Ends the process, which a fuzzer takes for a
+// finding and CTest for a failure.
+inline void Require(bool holds, const char* what) {
+    if (holds) return;
+    dprintf(kReport, "does not hold: %s\n", what);
+    std::abort();
 }
 
 template <typename Operation>
@@ -59,12 +73,6 @@ inline long CpuMilliseconds(clockid_t clock) {
     timespec now{};
     clock_gettime(clock, &now);
     return now.tv_sec * 1000 + now.tv_nsec / 1'000'000;
-}
-
-inline long PeakResidentKilobytes() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_maxrss;
 }
 
 inline long OpenDescriptors() {

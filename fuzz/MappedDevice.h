@@ -1,71 +1,43 @@
-// A device client that is attached to the fake controller, with a listener that records.
+// Device 5 of a plug-in, mapped and attached to the fake controller for one input.
 #pragma once
 
-#include <condition_variable>
-#include <memory>
-#include <mutex>
-#include <string>
-
-#include "client/IClientUsbipListenter.h"
-#include "client/USBIPClientLinux.h"
-#include "fakes/FakeController.h"
-#include "fakes/Messages.h"
+#include "fakes/Rig.h"
+#include "fakes/Traffic.h"
 #include "fuzz/Target.h"
 
-// References are not counted: it outlives the client. All operations may be called from any thread.
-class Listener : public IClientUsbipListenter {
-  public:
-    long AddRef() override { return 1; }
-    long Release() override { return 1; }
-    void OnUsbipPacket(unsigned int, const char* data, unsigned long len) override {
-        const std::lock_guard lock(mutex_);
-        bytes_.append(data, len);
-        changed_.notify_all();
-    }
-    void OnUsbipDeviceError(unsigned int) override {
-        const std::lock_guard lock(mutex_);
-        ended_ = true;
-        changed_.notify_all();
-    }
-
-    bool WaitForBytes(std::size_t size) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kPatience, [&] { return bytes_.size() >= size; });
-    }
-    bool WaitForEnd() {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kPatience, [&] { return ended_; });
-    }
-    std::string Bytes() const {  // of all PDUs, one after the other
-        const std::lock_guard lock(mutex_);
-        return bytes_;
-    }
-
-  private:
-    mutable std::mutex mutex_;  // guards everything below
-    std::condition_variable changed_;
-    std::string bytes_;
-    bool ended_ = false;
-};
+// One plug-in for all inputs, since starting and ending one takes its time.
+inline Rig& ThePlugin() {
+    static Rig rig{2};
+    static const bool started = [] {
+        rig.controller.status_pause = {};
+        rig.host.Start();
+        rig.Handle("");
+        return true;
+    }();
+    Require(started, "the plug-in runs");
+    return rig;
+}
 
 struct MappedDevice {
-    static constexpr unsigned int kDevId = 5;
+    static constexpr std::uint32_t kDevId = 5;
 
-    MappedDevice() {
-        controller.status_pause = {};
-        client->SetListener(&listener);
-        client->SetDevId(kDevId);
-        client->SetDevInfo(DeviceInfo());
-        client->Run();
-        kernel = controller.WaitForAttach();
-        Require(kernel != nullptr, "the device is attached");
+    MappedDevice() : rig(ThePlugin()) {
+        rig.host.runtime.Forget();
+        kernel = rig.Map(kDevId);
     }
-    ~MappedDevice() { client->Stop(); }
     MappedDevice(const MappedDevice&) = delete;
     MappedDevice& operator=(const MappedDevice&) = delete;
 
-    FakeController controller{1, 2};
-    Listener listener;
-    CRefObj<IUsbipClient> client{new CUsbipClientLinux};
+    // Of all PDUs up to the device's end, one after the other.
+    std::string SentUntilTheEnd() {
+        std::string bytes, message;
+        while ((message = rig.NextMessage()) != UnmapMessage(kDevId)) {
+            Require(!message.empty(), "the device's end is reported");
+            bytes += CarriedPdu(message);
+        }
+        return bytes;
+    }
+
+    Rig& rig;
     std::unique_ptr<KernelEnd> kernel;
 };

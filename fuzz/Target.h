@@ -3,30 +3,15 @@
 // has started has ended when it returns, so that a finding needs no other input before it.
 #pragma once
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
-#include "base/BaseThread.h"
-#include "fakes/Patience.h"
+#include "fakes/Ledger.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
-// Standard error as the process found it: fuzz/run closes it to the product's own lines.
-inline const int kReport = dup(STDERR_FILENO);
-
-// What must hold for every input. Ends the process, which makes the input a finding.
-inline void Require(bool holds, const char* what) {
-    if (holds) return;
-    dprintf(kReport, "fuzz: does not hold: %s\n", what);
-    std::abort();
-}
 
 // The bytes of one input, taken from the front.
 class Input {
@@ -63,17 +48,10 @@ class Input {
 class NothingLeftBehind {
   public:
     NothingLeftBehind() = default;
-    ~NothingLeftBehind() {
-        Require(OpenDescriptors() == descriptors_, "every descriptor is closed");
-        Require(ThreadObjects() == threads_, "every thread has ended");
-    }
+    ~NothingLeftBehind() { Require(ledger_.Balanced(), "everything is given back"); }
     NothingLeftBehind(const NothingLeftBehind&) = delete;
     NothingLeftBehind& operator=(const NothingLeftBehind&) = delete;
 
   private:
-    static std::int64_t ThreadObjects() {
-        return OBJECT_MONITOR<CBaseThread>::_new - OBJECT_MONITOR<CBaseThread>::_delete;
-    }
-    const long descriptors_ = OpenDescriptors();
-    const std::int64_t threads_ = ThreadObjects();
+    const Ledger ledger_;
 };

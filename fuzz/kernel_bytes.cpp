@@ -1,5 +1,5 @@
-// Bytes from the kernel's end of the socket into the work thread: the listener gets the whole PDUs
-// at their front, and nothing else.
+// Bytes from the kernel's end of the socket into the work thread: the peer gets the whole PDUs at
+// their front, and nothing else.
 #include "fuzz/MappedDevice.h"
 
 namespace {
@@ -29,6 +29,7 @@ std::size_t whole_pdus(std::string_view bytes, std::uint64_t& room) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    Rig& rig = ThePlugin();
     const NothingLeftBehind check;
     const std::string_view bytes = Input(data, size).Rest();
     std::uint64_t room = 0;
@@ -37,7 +38,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     MappedDevice device;
     device.kernel->Send(bytes);
     device.kernel->Close();
-    Require(device.listener.WaitForEnd(), "the end of the kernel's end is noticed");
-    Require(device.listener.Bytes() == bytes.substr(0, whole), "PDUs arrive whole");
+    Require(device.SentUntilTheEnd() == bytes.substr(0, whole), "PDUs arrive whole");
+    rig.Handle(UnmapMessage(MappedDevice::kDevId));
     return 0;
 }

@@ -2,9 +2,7 @@
 // PDU has its length before it. The kernel gets those before the first that is refused.
 #include <set>
 
-#include "fakes/FakeHost.h"
 #include "fuzz/MappedDevice.h"
-#include "module/runtime/XJModRuntime.h"
 
 namespace {
 
@@ -21,34 +19,29 @@ bool accepted(std::string_view pdu, std::set<std::uint32_t>& out_commands) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    Rig& rig = ThePlugin();
     const NothingLeftBehind check;
-    FakeRuntime runtime;
-    CXJModRuntime::Instance()->SetRuntime(&runtime);
-    {
-        MappedDevice device;
-        std::set<std::uint32_t> out_commands{1, 2, 3, 4};
-        std::string commands;
-        for (const std::uint32_t seqnum : out_commands)
-            commands += SubmitOut(seqnum, "data");
-        device.kernel->Send(commands);
-        Require(device.listener.WaitForBytes(commands.size()), "commands reach the peer");
-
-        bool refused = false;
-        std::string expected;
-        for (Input input(data, size); !input.Empty() && !refused;) {
-            const std::string_view pdu = input.Block();
-            device.client->Forward(pdu.data(), pdu.size());
-            refused = !accepted(pdu, out_commands);
-            if (!refused) expected += pdu;
-        }
-        Require(device.kernel->Receive(expected.size()) == expected, "replies arrive in order");
-        if (refused) {
-            const LogLine quit{1, "[CUsbipClientLinux] 5 write thread prepare quit"};
-            Require(runtime.WaitForLine(quit), "a refused PDU ends the writing");
-        }
-        device.client->Stop();
-        Require(device.kernel->Receive(1).empty(), "nothing but accepted PDUs arrives");
+    MappedDevice device;
+    std::set<std::uint32_t> out_commands{1, 2, 3, 4};
+    for (const std::uint32_t seqnum : out_commands) {
+        device.kernel->Send(SubmitOut(seqnum, "data"));
+        Require(!rig.NextMessage().empty(), "commands reach the peer");
     }
-    CXJModRuntime::Instance()->SetRuntime(nullptr);
+    bool refused = false;
+    std::string expected;
+    for (Input input(data, size); !input.Empty() && !refused;) {
+        const std::string_view pdu = input.Block();
+        rig.host.Receive(ForwardMessage(MappedDevice::kDevId, pdu));
+        refused = !accepted(pdu, out_commands);
+        if (!refused) expected += pdu;
+    }
+    Require(device.kernel->Receive(expected.size()) == expected, "replies arrive in order");
+    if (refused) {
+        const LogLine quit{1, "[CUsbipClientLinux] 5 write thread prepare quit"};
+        Require(rig.host.runtime.WaitForLine(quit), "a refused PDU ends the writing");
+    }
+    rig.Handle(UnmapMessage(MappedDevice::kDevId));
+    Require(device.SentUntilTheEnd().empty(), "replies are not answered");
+    Require(device.kernel->Receive(1).empty(), "nothing but accepted PDUs arrives");
     return 0;
 }

@@ -1,211 +1,135 @@
-// One device client between a fake kernel and a listener: attach, both directions, and its ends.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <condition_variable>
+// Mapped devices between the fake kernel and the remote side: attach, both directions, and ends.
 #include <csignal>
-#include <deque>
-#include <mutex>
-#include <thread>
 
-#include "client/IClientUsbipListenter.h"
-#include "client/USBIPClientLinux.h"
-#include "fakes/FakeController.h"
-#include "fakes/FakeHost.h"
-#include "fakes/Messages.h"
-#include "module/runtime/XJModRuntime.h"
+#include "plugin/PluginTest.h"
 
 namespace {
 
-// Takes what the client reports. References are not counted: it outlives the client.
-class Listener : public IClientUsbipListenter {
-  public:
-    long AddRef() override { return 1; }
-    long Release() override { return 1; }
-    void OnUsbipPacket(unsigned int devid, const char* data, unsigned long len) override {
-        EXPECT_EQ(devid, 5U);
-        Under(mutex_, [&] { packets_.emplace_back(data, len); });
-        changed_.notify_all();
-    }
-    void OnUsbipDeviceError(unsigned int devid) override {
-        EXPECT_EQ(devid, 5U);
-        ++ends;
-    }
-    std::string WaitForPacket() {  // empty: none came
-        std::unique_lock lock(mutex_);
-        if (!changed_.wait_for(lock, kPatience, [&] { return !packets_.empty(); })) return {};
-        std::string packet = std::move(packets_.front());
-        packets_.pop_front();
-        return packet;
-    }
-    std::size_t Packets() { return CopiedUnder(mutex_, packets_).size(); }
-
-    std::atomic<int> ends{0};
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<std::string> packets_;  // guarded by mutex_
-};
-
-class ClientTest : public ::testing::Test {
+class ClientTest : public PluginTest {
   protected:
     ClientTest() {
-        CXJModRuntime::Instance()->SetRuntime(&runtime);
-        client->SetListener(&listener);
-        client->SetDevId(5);
-        client->SetDevInfo(DeviceInfo());
-    }
-    ~ClientTest() override {
-        client->Stop();
-        EXPECT_EQ(OpenDescriptors(), descriptors) << "not given back";
-        CXJModRuntime::Instance()->SetRuntime(nullptr);
+        host.Start();
+        Handle("");  // until all its threads are there
     }
 
-    std::unique_ptr<KernelEnd> Attach() {
-        EXPECT_TRUE(client->Run());
-        auto kernel = controller.WaitForAttach();
-        EXPECT_TRUE(kernel) << "not attached";
-        return kernel;
-    }
-    void ExpectLog(int level, const std::string& text, int times = 1) {
-        EXPECT_TRUE(runtime.WaitForLine({level, text}, times)) << text;
-    }
-    void StopsPromptly() {
+    // Milliseconds until the device is gone.
+    long Unmap(std::uint32_t devid) {
         const Stopwatch watch;
-        client->Stop();
-        EXPECT_LT(watch.Milliseconds(), 300) << "below one poll period";
+        Handle(UnmapMessage(devid));
+        return watch.Milliseconds();
     }
-    void Reply(const std::string& pdu) { client->Forward(pdu.data(), pdu.size()); }
+    void Reply(const std::string& pdu, std::uint32_t devid = 5) {
+        host.Receive(ForwardMessage(devid, pdu));
+    }
 
-    FakeRuntime runtime;
-    FakeController controller;
-    Listener listener;
     // The last ten words of a dumped header.
     const std::string zeroes =
         " 00000000 00000000 00000000 00000000 00000000 00000000 00000000 00000000 00000000 "
         "00000000";
-    CRefObj<IUsbipClient> client{new CUsbipClientLinux};
-    const long descriptors = OpenDescriptors();
 };
 
 // --- start and end ---
 
-TEST_F(ClientTest, AttachesWithItsDescription) {
-    const auto kernel = Attach();
-    ExpectLog(1, "start forward data loop");
-    const std::string fd = kernel->request.substr(2, kernel->request.find(' ', 2) - 2);
-    EXPECT_EQ(kernel->request, "0 " + fd + " 65540 3");
-    std::string log;
-    for (const LogLine& line : runtime.Lines(1)) {
-        if (!line.text.starts_with("[linuxvhci]")) log += line.text + '\n';
+TEST_F(ClientTest, AnUnmapIsPromptAndGivesEverythingBack) {
+    for (const std::size_t read : {0, 48}) {  // of what the peer has sent: 4 MiB, if any
+        long fastest = LONG_MAX;
+        for (int run = 1; run <= 3; ++run) {
+            const Ledger ledger;
+            const auto kernel = Map(5);
+            ExpectLog(1, "start forward data loop", run);
+            for (int i = 0; i < 4 && read != 0; ++i)
+                Reply(SubmitReply(1, 1 << 20, std::string(1 << 20, 'x')));
+            EXPECT_EQ(kernel->Receive(read).size(), read) << "writing has begun";
+            fastest = std::min(fastest, Unmap(5));
+            EXPECT_TRUE(kernel->WaitForEnd());
+            EXPECT_EQ(NextMessage(), UnmapMessage(5));
+            kernel->Close();
+            EXPECT_TRUE(ledger.Balanced());
+        }
+        EXPECT_LT(fastest, 300) << "below one poll period";
+        host.runtime.Forget();
     }
-    EXPECT_EQ(log,
-              "[CUsbipClientLinux] start attach vhci device\n"
-              "[CUsbipClientLinux] attach vid: 1d6b, pid: 0104\n"
-              "[CUsbipClientLinux] attach sucess\n"
-              "start forward data loop\n");
-    EXPECT_TRUE(client->Run()) << "already running";
-    EXPECT_EQ(controller.Requests().size(), 1U);
-    EXPECT_EQ(client->GetDevId(), 5U);
-    EXPECT_EQ(client->GetDevInfo()->pid, 0x0104);
 }
 
-TEST_F(ClientTest, StopGivesEverythingBackPromptlyAndCanBeRepeated) {
-    using Monitor = OBJECT_MONITOR<CBaseThread>;
-    const auto threads = Monitor::_new - Monitor::_delete;
-    StopsPromptly();
-    for (int run = 1; run <= 3; ++run) {
-        auto kernel = Attach();
-        ExpectLog(1, "start forward data loop", run);
-        StopsPromptly();
-        EXPECT_TRUE(kernel->WaitForEnd());
-        kernel.reset();
-        EXPECT_EQ(listener.ends, run);
-        client->Stop();
-        EXPECT_EQ(OpenDescriptors(), descriptors);
-        EXPECT_EQ(Monitor::_new - Monitor::_delete, threads);
-    }
-    ExpectLog(1, "[CUsbipClientLinux] work loop exit", 3);
-}
-
-TEST_F(ClientTest, TheKernelsEndEndsIt) {
-    const auto kernel = Attach();
+TEST_F(ClientTest, TheKernelsEndEndsItOnce) {
+    const Ledger ledger;
+    const auto kernel = Map(12);
+    const long with_device = OpenDescriptors();
     const long cpu = CpuMilliseconds(CLOCK_PROCESS_CPUTIME_ID);
     kernel->Close();
     ExpectLog(4, "read dev fail");
-    EXPECT_TRUE(Eventually([&] { return OpenDescriptors() == descriptors; }))
-        << "the client's end is closed without Stop";
+    EXPECT_EQ(NextMessage(), UnmapMessage(12));
+    EXPECT_TRUE(Eventually([&] { return OpenDescriptors() == with_device - 2; }))
+        << "the client's end is closed before the unmap";
+    Reply(UnlinkReply(1), 12);  // goes nowhere
+    Handle(UnmapMessage(12));
     EXPECT_LT(CpuMilliseconds(CLOCK_PROCESS_CPUTIME_ID) - cpu, 1000) << "it does not spin";
-    EXPECT_EQ(listener.ends, 1);
-    Reply(UnlinkReply(1));  // goes nowhere
-    StopsPromptly();
-    EXPECT_EQ(listener.ends, 1);
-}
-
-TEST_F(ClientTest, StopIsPromptWhenTheKernelNoLongerReads) {
-    const auto kernel = Attach();
-    for (int i = 0; i < 4; ++i)
-        Reply(SubmitReply(1, 1 << 20, std::string(1 << 20, 'x')));
-    EXPECT_EQ(kernel->Receive(48).size(), 48U) << "the write thread is at work";
-    StopsPromptly();
+    EXPECT_TRUE(ledger.Balanced());
+    EXPECT_TRUE(Silent());
 }
 
 TEST_F(ClientTest, AWriteAfterTheKernelLetGoRaisesNoSignal) {
     std::signal(SIGPIPE, SIG_DFL);  // would end the test program
-    const auto kernel = Attach();
+    const auto kernel = Map(5);
     kernel->StopReading();
     Reply(UnlinkReply(1));
     ExpectLog(4, "[CUsbipClientLinux] write device fail");
-    EXPECT_TRUE(Eventually([&] { return listener.ends != 0; }));
+    EXPECT_EQ(NextMessage(), UnmapMessage(5));
 }
 
-// --- failing to attach ---
+// --- attach ---
 
 TEST_F(ClientTest, FailsToAttachWithoutReportingAnEnd) {
     for (const std::string what : {"attach", "open"}) {
         controller.RefuseAttaches(EBUSY);
         if (what == "open") controller.RemoveDevice("vhci_hcd.0");
-        EXPECT_TRUE(client->Run()) << what;
+        host.runtime.Forget();
+        host.Receive(MapMessage(5));
         ExpectLog(4, "[CUsbipClientLinux]  vhci " + what + " fail");
-        ExpectLog(1, "[CUsbipClientLinux] 5 work thread prepare quit", what == "open" ? 2 : 1);
+        ExpectLog(1, "[CUsbipClientLinux] 5 work thread prepare quit");
         Reply(UnlinkReply(1));
-        StopsPromptly();
-        EXPECT_EQ(listener.ends, 0) << what;
+        Handle(UnmapMessage(5));
     }
+    EXPECT_TRUE(Silent());
+}
+
+TEST_F(ClientTest, AnAttachThatOutlivesItsDeviceIsTakenBack) {
+    controller.HoldAttach(0);
+    host.Receive(MapMessage(5));
+    EXPECT_TRUE(controller.WaitForRequests(1));
+    host.Receive(UnmapMessage(5));
+    ExpectLog(1, "[usbipclient] unmap device 5");
+    controller.HoldAttach({});
+    EXPECT_TRUE(controller.WaitForAttach()->WaitForEnd());
+    EXPECT_EQ(NextMessage(), UnmapMessage(5));
 }
 
 TEST_F(ClientTest, WaitsForADeviceThatIsBeingEnumerated) {
     controller.Occupy(0, 6, "1-1");
-    client->Run();
-    ExpectLog(4, "[linuxvhci] open refresh imported list fail");
-    StopsPromptly();
-    EXPECT_TRUE(controller.Requests().empty());
-    EXPECT_EQ(listener.ends, 0) << "Stop ends the wait";
-    runtime.Forget();
-    client->Run();
-    ExpectLog(4, "[linuxvhci] open refresh imported list fail");
-    controller.AddUsbDevice("1-1", {});
-    const auto kernel = controller.WaitForAttach();
-    ASSERT_TRUE(kernel);
-    EXPECT_EQ(kernel->port, 1U);
-    EXPECT_EQ(runtime.Count({4, "[CUsbipClientLinux]  vhci open fail"}), 0);
+    for (const bool settles : {false, true}) {
+        host.runtime.Forget();
+        host.Receive(MapMessage(5));
+        ExpectLog(4, "[linuxvhci] open refresh imported list fail");
+        if (settles) {
+            controller.AddUsbDevice("1-1");
+        } else {
+            EXPECT_LT(Unmap(5), 4000) << "an unmap ends the wait";
+        }
+    }
+    EXPECT_EQ(controller.WaitForAttach()->port, 1U);
+    EXPECT_EQ(host.runtime.Count({4, "[CUsbipClientLinux]  vhci open fail"}), 0);
 }
 
 TEST_F(ClientTest, ManyAtOnceGetPortsOfTheirOwn) {
-    std::vector<CRefObj<IUsbipClient>> clients;
-    for (int i = 0; i < 8; ++i) {
-        clients.emplace_back(new CUsbipClientLinux);
-        clients.back()->SetDevInfo(DeviceInfo());
-    }
-    for (const auto& one : clients)
-        one->Run();
+    std::string maps;
+    for (std::uint32_t devid = 0; devid < 8; ++devid)
+        maps += MapMessage(devid);
+    host.Receive(maps);
     unsigned ports = 0;
-    std::vector<std::unique_ptr<KernelEnd>> kernels;
-    while (kernels.size() < clients.size()) {
-        kernels.push_back(controller.WaitForAttach());
-        ASSERT_TRUE(kernels.back());
-        ports |= 1U << kernels.back()->port;
+    std::vector<std::unique_ptr<KernelEnd>> kernels(8);
+    for (auto& kernel : kernels) {
+        ASSERT_TRUE(kernel = controller.WaitForAttach());
+        ports |= 1U << kernel->port;
     }
     EXPECT_EQ(ports, 0xFFU) << "all eight high-speed ports, each once";
     EXPECT_EQ(controller.Requests().size(), 8U) << "and nobody was refused";
@@ -214,7 +138,7 @@ TEST_F(ClientTest, ManyAtOnceGetPortsOfTheirOwn) {
 // --- kernel to peer ---
 
 TEST_F(ClientTest, CutsTheKernelsBytesIntoPdus) {
-    const auto kernel = Attach();
+    const auto kernel = Map(5);
     usbip_header not_iso = PduHeader(USBIP_CMD_SUBMIT, 7);
     not_iso.u.cmd_submit.number_of_packets = kUsbipNotIso;
     // One is longer than the buffer.
@@ -229,15 +153,14 @@ TEST_F(ClientTest, CutsTheKernelsBytesIntoPdus) {
     for (const std::string& pdu : pdus)
         all += pdu;
     for (const std::size_t piece : {all.size(), std::size_t{7}, std::size_t{1000}}) {
-        std::thread writer([&] {
+        const std::jthread writer([&] {
             for (std::size_t at = 0; at < all.size(); at += piece)
                 kernel->Send(all.substr(at, piece));
         });
         for (const std::string& pdu : pdus)
-            EXPECT_TRUE(listener.WaitForPacket() == pdu) << pdu.size() << " in pieces of " << piece;
-        writer.join();
+            ExpectForwarded(5, pdu);
     }
-    EXPECT_EQ(listener.Packets(), 0U);
+    EXPECT_TRUE(Silent());
 }
 
 TEST_F(ClientTest, RefusesWhatTheKernelWouldNeverSend) {
@@ -251,25 +174,24 @@ TEST_F(ClientTest, RefusesWhatTheKernelWouldNeverSend) {
                  zeroes.substr(0, 4 * 9) + " FFFFFFF0 00000000 10000000" +
                  zeroes.substr(0, 3 * 9)}},
     };
+    int ends = 0;
     for (const auto& [bytes, line] : cases) {
-        runtime.Forget();
-        const auto kernel = Attach();
+        const auto kernel = Map(5);
         kernel->Send(bytes);
         ExpectLog(line.level, "[CUsbipClientLinux] dev " + line.text);
-        ExpectLog(4, "read dev fail");
+        ExpectLog(4, "read dev fail", ++ends);
         EXPECT_TRUE(kernel->WaitForEnd()) << line;
-        client->Stop();
+        EXPECT_EQ(NextMessage(), UnmapMessage(5));
     }
-    EXPECT_EQ(listener.ends, 2);
 }
 
 TEST_F(ClientTest, WarnsAboveManyUnansweredOutTransfers) {
-    const auto kernel = Attach();
+    const auto kernel = Map(5);
     const LogLine warning{4, "[CUsbipClientLinux] out seq list overflow"};
     for (std::uint32_t i = 0; i < 258; ++i) {
         kernel->Send(SubmitOut(i, ""));
-        EXPECT_EQ(listener.WaitForPacket(), SubmitOut(i, ""));
-        EXPECT_EQ(runtime.Count(warning), i < 257 ? 0 : 1) << i << " were unanswered before";
+        ExpectForwarded(5, SubmitOut(i, ""));
+        EXPECT_EQ(host.runtime.Count(warning), i < 257 ? 0 : 1) << i << " were unanswered before";
     }
     Reply(SubmitReply(257, 64));  // recorded all the same: 48 bytes, no data
     EXPECT_EQ(kernel->Receive(48), SubmitReply(257, 64));
@@ -278,11 +200,11 @@ TEST_F(ClientTest, WarnsAboveManyUnansweredOutTransfers) {
 // --- peer to kernel ---
 
 TEST_F(ClientTest, PassesRepliesWhoseLengthFitsTheirCommand) {
-    const auto kernel = Attach();
-    kernel->Send(SubmitOut(10, "data"));
-    kernel->Send(SubmitOut(11, "data", 3));
-    listener.WaitForPacket();
-    listener.WaitForPacket();
+    const auto kernel = Map(5);
+    for (const std::string& command : {SubmitOut(10, "data"), SubmitOut(11, "data", 3)}) {
+        kernel->Send(command);
+        ExpectForwarded(5, command);
+    }
     const std::string replies[] = {
         SubmitReply(10, 4),                         // answers OUT: no data
         SubmitReply(11, 4, "", 3),                  // answers OUT, isochronous
@@ -308,16 +230,19 @@ TEST_F(ClientTest, InvalidRepliesEndTheWriteThreadOnly) {
         {SubmitReply(1, 64, std::string(52, 'x')), {4, "CheckNetRecv invalid"}},
         {SubmitReply(1, 0, "", 2).substr(0, 79), {4, "CheckNetRecv invalid"}},
     };
+    std::uint32_t devid = 0;
     for (const auto& [reply, line] : cases) {
-        runtime.Forget();
-        const auto kernel = Attach();
-        Reply(reply);
+        host.runtime.Forget();
+        const auto kernel = Map(++devid);
+        Reply(reply, devid);
         ExpectLog(line.level, "[CUsbipClientLinux] " + line.text);
-        ExpectLog(1, "[CUsbipClientLinux] 5 write thread prepare quit");
+        const std::string id = std::to_string(devid);
+        ExpectLog(1, "[CUsbipClientLinux] " + id + " write thread prepare quit");
         kernel->Send(Unlink(77));
-        EXPECT_EQ(listener.WaitForPacket(), Unlink(77)) << "the kernel's commands still pass";
-        EXPECT_EQ(runtime.Count({1, "[CUsbipClientLinux] work loop exit"}), 0);
-        client->Stop();
+        ExpectForwarded(devid, Unlink(77));
+        EXPECT_EQ(host.runtime.Count({1, "[CUsbipClientLinux] work loop exit"}), 0);
+        host.Receive(UnmapMessage(devid));
+        EXPECT_EQ(NextMessage(), UnmapMessage(devid));
     }
 }
 

@@ -123,6 +123,8 @@ TEST_F(ModuleTest, FactoryReadsTheProperties) {
         {Props("", 0), false, "", "0", 4},
         {Props(), false, "", "0", 4},
     };
+    const CRefObj<IXJModData> text(new CXJModData("7")), number(new CXJModData(7));
+    EXPECT_TRUE(text->asInt() == 0 && number->asString() == nullptr) << "only for their type";
     for (const auto& row : rows) {
         const std::string create = "[file_client] file_client_create ";
         std::vector<LogLine> lines{
@@ -137,13 +139,6 @@ TEST_F(ModuleTest, FactoryReadsTheProperties) {
         EXPECT_EQ(out != this, row.made);
         EXPECT_TRUE(!row.made || static_cast<IClientUsbipPlugin*>(out)->Release() == 0);
     }
-}
-
-TEST(Value, AnswersOnlyForItsType) {
-    const CRefObj<IXJModData> text(new CXJModData("7"));
-    EXPECT_EQ(text->asInt(), 0);
-    const CRefObj<IXJModData> number(new CXJModData(7));
-    EXPECT_EQ(number->asString(), nullptr);
 }
 
 }  // namespace

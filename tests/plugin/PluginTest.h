@@ -1,33 +1,29 @@
-// A plug-in in a host, between a fake kernel and the test as the remote side.
+// A rig for each test, and a look at what it holds when the test is over.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include "client/IClientUsbipListenter.h"
-#include "fakes/FakeController.h"
-#include "fakes/FakeHost.h"
-#include "fakes/Messages.h"
+#include "fakes/Ledger.h"
+#include "fakes/Rig.h"
+#include "fakes/Traffic.h"
 
-class PluginTest : public ::testing::Test {
+class PluginTest : public ::testing::Test, public Rig {
   protected:
-    // The remote side maps `devid`, and the kernel has its socket.
-    std::unique_ptr<KernelEnd> Map(std::uint32_t devid) {
-        host.Receive(MapMessage(devid));
-        auto kernel = controller.WaitForAttach();
-        EXPECT_TRUE(kernel) << "device " << devid << " was not attached";
-        return kernel;
+    ~PluginTest() override {
+        host.DropPlugin();
+        controller.Attached();  // ends of devices that the test did not look at
+        EXPECT_TRUE(ledger_.Balanced());
     }
-    std::string NextMessage() { return host.stream->WaitForMessage(); }
-    void ExpectLog(int level, const std::string& text) {
-        EXPECT_TRUE(host.runtime.WaitForLine({level, "[usbipclient] " + text})) << text;
-    }
-    // A device with nothing pending answers this; what was sent before it has been handled then.
-    void ExpectAlive(KernelEnd& kernel, std::uint32_t devid) {
-        host.Receive(ForwardMessage(devid, UnlinkReply(99)));
-        EXPECT_EQ(kernel.Receive(48), UnlinkReply(99)) << "device " << devid;
-    }
-    IClientUsbipListenter& Listener() { return dynamic_cast<IClientUsbipListenter&>(*host.plugin); }
 
-    FakeController controller;
-    FakeHost host;
+    void ExpectLog(int level, const std::string& text, int times = 1) {
+        EXPECT_TRUE(host.runtime.WaitForLine({level, text}, times)) << text;
+    }
+    // The next message of the module carries this PDU, plain.
+    void ExpectForwarded(std::uint32_t devid, const std::string& pdu) {
+        EXPECT_TRUE(NextMessage() == ForwardMessage(devid, pdu))
+            << "device " << devid << ", PDU of " << pdu.size() << " bytes";
+    }
+
+  private:
+    const Ledger ledger_;
 };

@@ -4,18 +4,20 @@
 // its seed and its steps as they come, so that they are there whatever ends it. A seed fixes the
 // steps; the module's own threads add what no seed can fix.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
+#include <csignal>
 #include <iostream>
 #include <random>
 #include <stdexcept>
 
-#include "fakes/FakeHost.h"
 #include "fakes/Ledger.h"
+#include "fakes/Rig.h"
 #include "fakes/Traffic.h"
 
 namespace {
 
-constexpr std::uint32_t kIds = 4;         // those of the model
+constexpr std::uint32_t kIds = 8;         // those of the model
 constexpr std::uint32_t kBurstSpeed = 2;  // tells attaches of bursts from others
 
 void Check(bool good, const char* expected) {
@@ -33,24 +35,36 @@ struct Device {
     std::uint32_t command = 0;          // the last one that the peer has got and not answered
 };
 
-class Life {
+void interrupt_everybody(const std::stop_token& stop) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};  // and no SA_RESTART
+    sigaction(SIGUSR1, &action, nullptr);
+    for (; !stop.stop_requested(); usleep(1000))
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+            tgkill(getpid(), std::stoi(task.path().filename()), SIGUSR1);
+}
+
+class Life : Rig {
   public:
-    explicit Life(unsigned long seed) : random_(static_cast<std::mt19937::result_type>(seed)) {}
+    explicit Life(unsigned long seed)
+        : Rig(128), random_(static_cast<std::mt19937::result_type>(seed)) {}
 
     void Play() {
+        std::jthread pest;
+        if (Pick(0, 1) == 0) pest = std::jthread(interrupt_everybody);
         for (auto sessions = Pick(1, 3); sessions > 0; --sessions) {
-            host_.stream = new FakeStream;
-            host_.stream->SetReadBlock(PickSize());
-            host_.stream->SetWriteBlock(PickSize());
-            host_.Start();
+            host.stream = new FakeStream;
+            host.stream->SetReadBlock(PickSize());
+            host.stream->SetWriteBlock(PickSize());
+            host.Start();
             for (auto steps = Pick(0, 400); steps > 0; --steps)
                 Step();
             End(sessions == 1);
         }
         std::size_t ends = 0;
-        for (const LogLine& line : host_.runtime.Lines(1))
+        for (const LogLine& line : host.runtime.Lines(1))
             if (line.text.starts_with("[usbipclient] device end")) ++ends;
-        Check(ends == controller_.Requests().size(), "each attached device reports its end once");
+        Check(ends == controller.Requests().size(), "each attached device reports its end once");
     }
 
   private:
@@ -62,30 +76,30 @@ class Life {
 
     void Step() {
         static constexpr std::pair<const char*, void (Life::*)(std::uint32_t devid)> kKinds[] = {
-            {"map", &Life::Map},    {"forward", &Life::Forward}, {"send", &Life::KernelSends},
-            {"map", &Life::Map},    {"forward", &Life::Forward}, {"send", &Life::KernelSends},
-            {"end", &Life::Unplug}, {"burst", &Life::Burst},     {"settle", &Life::Settle},
-            {"rerun", &Life::Rerun}};
+            {"map", &Life::Plug},    {"forward", &Life::Forward}, {"send", &Life::KernelSends},
+            {"map", &Life::Plug},    {"forward", &Life::Forward}, {"send", &Life::KernelSends},
+            {"end", &Life::Unplug},  {"burst", &Life::Burst},     {"settle", &Life::Settle},
+            {"rerun", &Life::Rerun}, {"storm", &Life::Storm}};
         const auto& [name, play] = kKinds[Pick(0, std::size(kKinds) - 1)];
         const auto devid = static_cast<std::uint32_t>(Pick(1, kIds));
         std::cerr << ' ' << name << devid;
         (this->*play)(devid);
     }
 
-    void Map(std::uint32_t devid) {
-        host_.Receive(MapMessage(devid));
+    void Plug(std::uint32_t devid) {
+        host.Receive(MapMessage(devid));
         Device& device = devices_[devid];
         if (device.kernel) Ends(device, true);
         do {
-            device.kernel = controller_.WaitForAttach();
+            device.kernel = controller.WaitForAttach();
             Check(device.kernel != nullptr, "a mapped device is attached");
         } while (device.kernel->request.ends_with(std::to_string(kBurstSpeed)));
     }
     // Outside the model: comes and goes, perhaps before it is attached, and has no traffic.
     void Burst(std::uint32_t devid) {
         for (auto i = Pick(1, 4); i > 0; --i)
-            host_.Receive(Pick(0, 1) == 0 ? MapMessage(kIds + devid, DeviceInfo(kBurstSpeed))
-                                          : UnmapMessage(kIds + devid));
+            host.Receive(Pick(0, 1) == 0 ? MapMessage(kIds + devid, DeviceInfo(kBurstSpeed))
+                                         : UnmapMessage(kIds + devid));
     }
     // By the peer, by the kernel's closing in the middle of a PDU, or by what no kernel sends.
     void Unplug(std::uint32_t devid) {
@@ -93,7 +107,7 @@ class Life {
         const auto way = Pick(0, 2);
         const std::string part = KernelPdu(next_++, 500).substr(0, PickSize() % 500);
         if (Pick(0, 1) == 0) Read(device);
-        if (way == 0) host_.Receive(UnmapMessage(devid));
+        if (way == 0) host.Receive(UnmapMessage(devid));
         if (!device.kernel) return;
         if (way != 0) device.kernel->Send(way == 1 ? part : UnlinkReply(1));
         if (way == 1) device.kernel.reset();
@@ -108,8 +122,8 @@ class Life {
             if (Pick(0, 3) == 0 && device.command != 0)
                 pdu = SubmitReply(std::exchange(device.command, 0), 500);
             if (device.kernel) device.owed += pdu;
-            host_.Receive(Pick(0, 1) == 0 ? ForwardMessage(devid, pdu)
-                                          : CompressedForward(devid, pdu));
+            host.Receive(Pick(0, 1) == 0 ? ForwardMessage(devid, pdu)
+                                         : CompressedForward(devid, pdu));
         }
     }
     void KernelSends(std::uint32_t devid) {
@@ -120,13 +134,46 @@ class Life {
         }
     }
 
+    // Everybody at once, both ways, with a large PDU now and then. Rare, since it takes its time.
+    void Storm(std::uint32_t) {
+        if (Pick(0, 9) != 0) return;
+        Settle();
+        const auto size = [this] { return Pick(0, 200) == 0 ? std::size_t{4} << 20 : PickSize(); };
+        std::vector<std::string> commands(kIds + 1), replies(kIds + 1);
+        for (auto rounds = Pick(1, 20); rounds > 0; --rounds)
+            for (auto& [devid, device] : devices_) {
+                if (!device.kernel) continue;
+                commands[devid] += device.awaited.emplace_back(KernelPdu(next_++, size()));
+                const std::string reply = PeerPdu(kPeerSeq + next_++, size());
+                replies[devid] += reply;
+                host.Receive(rounds % 3 == 0 ? CompressedForward(devid, reply)
+                                             : ForwardMessage(devid, reply));
+            }
+        std::atomic<bool> good{true};
+        std::vector<std::jthread> threads;
+        const auto start = [&](auto operation) {
+            threads.emplace_back([&good, operation] { good = operation() && good; });
+        };
+        for (auto& [id, device] : devices_) {
+            if (!device.kernel) continue;
+            start([&, devid = id, kernel = device.kernel.get()] {
+                return kernel->Send(commands[devid]);
+            });
+            start([&, devid = id, kernel = device.kernel.get()] {
+                return kernel->Receive(replies[devid].size()) == replies[devid];
+            });
+        }
+        Settle();
+        threads.clear();
+        Check(good, "no byte is lost");
+    }
     // A second Run drops what is queued, and the devices live on. Rare, since it takes 100 ms.
     void Rerun(std::uint32_t devid) {
         if (Pick(0, 14) != 0) return;
         Settle();
         KernelSends(devid);
-        host_.RunAgain();
-        Check(host_.stream->WaitUntilDrained(), "Run reads");
+        host.RunAgain();
+        Check(host.stream->WaitUntilDrained(), "Run reads");
         devices_[devid].lossy = true;
         KernelSends(devid);
     }
@@ -134,19 +181,19 @@ class Life {
     // By ExitInstance or Release, perhaps inside Run, or after the stream has failed.
     void End(bool release) {
         Burst(1);
-        if (Pick(0, 1) == 0) host_.stream->FailWrites(1'000'000);
-        if (Pick(0, 1) == 0) host_.EndRun();
+        if (Pick(0, 1) == 0) host.stream->FailWrites(1'000'000);
+        if (Pick(0, 1) == 0) host.EndRun();
         const Stopwatch watch;
-        if (!release || Pick(0, 1) == 0) host_.plugin->ExitInstance();
+        if (!release || Pick(0, 1) == 0) host.plugin->ExitInstance();
         Check(watch.Milliseconds() < (kSanitized ? 10'000 : 2000), "ExitInstance takes below 2 s");
-        host_.EndRun();
-        if (release) host_.plugin = nullptr;
-        if (!release) host_.plugin->ExitInstance();  // of what was mapped meanwhile
-        Check(!host_.stream->WritesOverlapped(), "one thread writes at a time");
+        host.EndRun();
+        if (release) host.plugin = nullptr;
+        if (!release) host.plugin->ExitInstance();  // of what was mapped meanwhile
+        Check(!host.stream->WritesOverlapped(), "one thread writes at a time");
         for (auto& [devid, device] : devices_)
             if (device.kernel) CheckClosed(device);
         devices_.clear();
-        for (const auto& kernel : controller_.Attached())
+        for (const auto& kernel : controller.Attached())
             Check(kernel->WaitForEnd(), "every socket is closed");
     }
 
@@ -173,10 +220,10 @@ class Life {
     }
     // Everything that has to come out has come.
     void Settle(std::uint32_t = 0) {
-        host_.Receive(VersionRequest(Pick(0, 1) == 0 ? kVersionFlagCompress : 0));
+        host.Receive(VersionRequest(Pick(0, 1) == 0 ? kVersionFlagCompress : 0));
         for (auto& [devid, device] : devices_) {
             while (!device.awaited.empty())
-                Match(host_.stream->WaitForMessage());
+                Match(NextMessage());
             device.lossy = false;
             Read(device);
         }
@@ -197,11 +244,23 @@ class Life {
     }
 
     std::mt19937 random_;
-    FakeController controller_{1, 128};
-    FakeHost host_;
     std::map<std::uint32_t, Device> devices_;  // by id
     std::uint32_t next_ = 1;                   // sequence number
 };
+
+}  // namespace
+
+// In place of the C library's: the module and the kernel move parts at a time, as often as not.
+static std::size_t part(std::size_t size) {
+    thread_local std::minstd_rand random{std::random_device{}()};
+    return random() % 2 == 0 ? size : 1 + random() % size;
+}
+extern "C" ssize_t send(int socket, const void* data, std::size_t size, int flags) {
+    return sendto(socket, data, part(size), flags, nullptr, 0);
+}
+extern "C" ssize_t recv(int socket, void* buffer, std::size_t size, int flags) {
+    return recvfrom(socket, buffer, part(size), flags, nullptr, nullptr);
+}
 
 TEST(State, LivesAsTheModelSays) {
     const auto given = FromEnvironment("XJ_STRESS_SEED", 0);
@@ -217,5 +276,3 @@ TEST(State, LivesAsTheModelSays) {
     } while (given == 0 && watch.Milliseconds() < seconds * 1000);
     std::cerr << '\n' << seed - first << " lives in " << watch.Milliseconds() / 1000 << " s\n";
 }
-
-}  // namespace
