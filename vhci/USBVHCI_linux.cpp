@@ -41,9 +41,7 @@ int read_attr_value(udev_device* device, const char* name, const char* format) {
         return 0;
     }
     int value = 0;
-    // A device that is not configured has these two attributes empty.
-    if (std::sscanf(text, format, &value) <= 0 && std::strcmp(name, "bConfigurationValue") != 0 &&
-        std::strcmp(name, "bNumInterfaces") != 0) {
+    if (std::sscanf(text, format, &value) <= 0) {
         XJModLog(4, "[linuxvhci] read_attr_value sscanf failed for attribute %s", name);
         return 0;
     }
@@ -224,9 +222,7 @@ bool CLinuxVHCI::InitImportedDevice(usbip_imported_device* imported, const char*
     info.idVendor = read16("idVendor");
     info.idProduct = read16("idProduct");
     info.bcdDevice = read16("bcdDevice");
-    info.bConfigurationValue = read8("bConfigurationValue");
     info.bNumConfigurations = read8("bNumConfigurations");
-    info.bNumInterfaces = read8("bNumInterfaces");
     info.devnum = read8("devnum", "%d\n");
     info.speed = read_attr_speed(device.get());
     copy_text(info.path, udev_device_get_syspath(device.get()));

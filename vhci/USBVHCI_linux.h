@@ -24,6 +24,9 @@ struct __attribute__((packed)) usbip_usb_device {
     std::uint8_t bDeviceClass;
     std::uint8_t bDeviceSubClass;
     std::uint8_t bDeviceProtocol;
+    // bConfigurationValue and bNumInterfaces stay 0. Reading them waits while the kernel configures
+    // the device, which may be for ever when its remote side does not answer: no other device could
+    // be attached.
     std::uint8_t bConfigurationValue;
     std::uint8_t bNumConfigurations;
     std::uint8_t bNumInterfaces;
