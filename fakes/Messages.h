@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "wire/ChannelMessages.h"
 #include "wire/UsbipPdu.h"
@@ -91,8 +92,10 @@ inline std::string SubmitIn(std::uint32_t seqnum, std::uint32_t length) {
     return Bytes(header);
 }
 
-inline std::string Unlink(std::uint32_t seqnum) {
-    return Bytes(PduHeader(USBIP_CMD_UNLINK, seqnum));
+inline std::string Unlink(std::uint32_t seqnum, std::uint32_t target = 0) {
+    usbip_header header = PduHeader(USBIP_CMD_UNLINK, seqnum);
+    header.u.cmd_unlink.seqnum = htobe32(target);
+    return Bytes(header);
 }
 
 // `actual_length` as the device reports it; data follows only when an IN command is answered.
@@ -105,6 +108,24 @@ inline std::string SubmitReply(std::uint32_t seqnum, std::uint32_t actual_length
            std::string(iso * sizeof(usbip_iso_packet_descriptor), 'i');
 }
 
-inline std::string UnlinkReply(std::uint32_t seqnum) {
-    return Bytes(PduHeader(USBIP_RET_UNLINK, seqnum));
+inline std::string UnlinkReply(std::uint32_t seqnum, int status = 0) {
+    usbip_header header = PduHeader(USBIP_RET_UNLINK, seqnum);
+    header.u.ret_unlink.status = htobe32(static_cast<std::uint32_t>(status));
+    return Bytes(header);
+}
+
+struct IsoPacket {
+    std::uint32_t offset, length, actual_length;
+};
+
+// A PDU without packets, with these.
+inline std::string WithPackets(const std::string& pdu, const std::vector<IsoPacket>& packets) {
+    auto header = Parse<usbip_header>(pdu);
+    // At the same place in commands and replies.
+    header.u.cmd_submit.number_of_packets = htobe32(static_cast<std::uint32_t>(packets.size()));
+    std::string bytes = Bytes(header) + pdu.substr(sizeof header);
+    for (const auto& [offset, length, actual_length] : packets)
+        bytes += Bytes(usbip_iso_packet_descriptor{htobe32(offset), htobe32(length),
+                                                   htobe32(actual_length), 0});
+    return bytes;
 }

@@ -41,6 +41,7 @@ TEST_F(ClientTest, AnUnmapIsPromptAndGivesEverythingBack) {
                 Reply(SubmitReply(1, 1 << 20, std::string(1 << 20, 'x')));
             EXPECT_EQ(kernel->Receive(read).size(), read) << "writing has begun";
             fastest = std::min(fastest, Unmap(5));
+            EXPECT_TRUE(host.runtime.Lines(4).empty()) << "an orderly end is no failure";
             EXPECT_TRUE(kernel->WaitForEnd());
             EXPECT_EQ(NextMessage(), UnmapMessage(5));
             kernel->Close();
@@ -54,6 +55,7 @@ TEST_F(ClientTest, AnUnmapIsPromptAndGivesEverythingBack) {
 TEST_F(ClientTest, TheKernelsEndEndsItOnce) {
     const Ledger ledger;
     const auto kernel = Map(12);
+    ExpectLog(1, "start forward data loop");  // until the attach has given back what it opened
     const long with_device = OpenDescriptors();
     const long cpu = CpuMilliseconds(CLOCK_PROCESS_CPUTIME_ID);
     kernel->Close();
@@ -80,13 +82,14 @@ TEST_F(ClientTest, AWriteAfterTheKernelLetGoRaisesNoSignal) {
 // --- attach ---
 
 TEST_F(ClientTest, FailsToAttachWithoutReportingAnEnd) {
+    const Ledger ledger;
     for (const std::string what : {"attach", "open"}) {
         controller.RefuseAttaches(EBUSY);
         if (what == "open") controller.RemoveDevice("vhci_hcd.0");
         host.runtime.Forget();
         host.Receive(MapMessage(5));
         ExpectLog(4, "[CUsbipClientLinux]  vhci " + what + " fail");
-        ExpectLog(1, "[CUsbipClientLinux] 5 work thread prepare quit");
+        EXPECT_TRUE(ledger.Balanced()) << "what it does not need is given back";
         Reply(UnlinkReply(1));
         Handle(UnmapMessage(5));
     }
@@ -104,20 +107,29 @@ TEST_F(ClientTest, AnAttachThatOutlivesItsDeviceIsTakenBack) {
     EXPECT_EQ(NextMessage(), UnmapMessage(5));
 }
 
-TEST_F(ClientTest, WaitsForADeviceThatIsBeingEnumerated) {
+TEST_F(ClientTest, ADeviceThatStallsInEnumerationDeniesNoOther) {
     controller.Occupy(0, 6, "1-1");
-    for (const bool settles : {false, true}) {
-        host.runtime.Forget();
-        host.Receive(MapMessage(5));
-        ExpectLog(4, "[linuxvhci] open refresh imported list fail");
-        if (settles) {
-            controller.AddUsbDevice("1-1");
-        } else {
-            EXPECT_LT(Unmap(5), 4000) << "an unmap ends the wait";
-        }
-    }
-    EXPECT_EQ(controller.WaitForAttach()->port, 1U);
-    EXPECT_EQ(host.runtime.Count({4, "[CUsbipClientLinux]  vhci open fail"}), 0);
+    const auto kernel = Map(5);
+    EXPECT_EQ(kernel->port, 1U);
+    ExpectLog(1, "start forward data loop");
+    const std::string busid = "fail busid 1-1";
+    const std::vector<LogLine> lines = {
+        {4, "[linuxvhci] InitImportedDevice udev_device_new_from_subsystem_sysname " + busid},
+        {4, "[linuxvhci] ParseStatus InitImportedDevice " + busid}};
+    EXPECT_EQ(host.runtime.Lines(4), lines);
+}
+
+// The kernel still deals with the first request when the others come, and go.
+TEST_F(ClientTest, ASlowAttachHoldsUpNobody) {
+    controller.HoldAttach(0);
+    host.Receive(MapMessage(5));
+    EXPECT_TRUE(controller.WaitForRequests(1));
+    const auto other = Map(6);
+    EXPECT_EQ(other->port, 1U) << "the first one's port is taken";
+    EXPECT_TRUE(Works(6, *other));
+    Handle(UnmapMessage(6));
+    controller.HoldAttach({});
+    EXPECT_TRUE(Works(5, *controller.WaitForAttach()));
 }
 
 TEST_F(ClientTest, ManyAtOnceGetPortsOfTheirOwn) {
@@ -187,32 +199,45 @@ TEST_F(ClientTest, RefusesWhatTheKernelWouldNeverSend) {
 
 TEST_F(ClientTest, WarnsAboveManyUnansweredOutTransfers) {
     const auto kernel = Map(5);
-    const LogLine warning{4, "[CUsbipClientLinux] out seq list overflow"};
-    for (std::uint32_t i = 0; i < 258; ++i) {
-        kernel->Send(SubmitOut(i, ""));
-        ExpectForwarded(5, SubmitOut(i, ""));
-        EXPECT_EQ(host.runtime.Count(warning), i < 257 ? 0 : 1) << i << " were unanswered before";
-    }
-    Reply(SubmitReply(257, 64));  // recorded all the same: 48 bytes, no data
-    EXPECT_EQ(kernel->Receive(48), SubmitReply(257, 64));
+    const auto command = [&](const std::string& pdu) {
+        kernel->Send(pdu);
+        ExpectForwarded(5, pdu);
+        return host.runtime.Count({4, "[CUsbipClientLinux] out seq list overflow"});
+    };
+    const auto answer = [&](const std::string& pdu) {
+        Reply(pdu);
+        EXPECT_EQ(kernel->Receive(pdu.size()), pdu);
+    };
+    for (std::uint32_t i = 0; i < 258; ++i)
+        EXPECT_EQ(command(SubmitOut(i, "x")), i < 257 ? 0 : 1) << i << " were unanswered before";
+    answer(SubmitReply(257, 1));  // recorded all the same: 48 bytes, no data
+    command(Unlink(1000, 256));
+    command(Unlink(1001, 255));
+    answer(UnlinkReply(1000, -104));
+    EXPECT_EQ(command(SubmitOut(258, "x")), 1) << "an unlinked one is not waited for";
+    answer(UnlinkReply(1001));
+    EXPECT_EQ(command(SubmitOut(259, "x")), 2) << "one that had won may still be answered";
 }
 
 // --- peer to kernel ---
 
-TEST_F(ClientTest, PassesRepliesWhoseLengthFitsTheirCommand) {
+TEST_F(ClientTest, PassesRepliesThatFitTheirCommand) {
     const auto kernel = Map(5);
-    for (const std::string& command : {SubmitOut(10, "data"), SubmitOut(11, "data", 3)}) {
+    const std::vector<IsoPacket> asked = {{0, 64, 0}, {64, 64, 0}};
+    const std::vector<IsoPacket> packed = {{0, 64, 10}, {10, 64, 20}};
+    for (const std::string& command :
+         {SubmitOut(10, "data"), WithPackets(SubmitOut(11, std::string(128, 'x')), asked),
+          WithPackets(SubmitIn(12, 128), asked), SubmitIn(13, 1 << 20)}) {
         kernel->Send(command);
         ExpectForwarded(5, command);
     }
     const std::string replies[] = {
-        SubmitReply(10, 4),                         // answers OUT: no data
-        SubmitReply(11, 4, "", 3),                  // answers OUT, isochronous
-        SubmitReply(10, 4, "data"),                 // a second one is taken for an IN reply
-        SubmitReply(12, 64, std::string(64, 'x')),  // answers IN
-        SubmitReply(13, 64, std::string(64, 'x'), 2),
-        UnlinkReply(14) + "and more",  // surplus is passed on
-        SubmitReply(15, 1 << 20, std::string(1 << 20, 'y')),
+        SubmitReply(10, 4),                        // answers OUT: no data
+        WithPackets(SubmitReply(11, 30), packed),  // answers OUT, isochronous
+        WithPackets(SubmitReply(12, 30, std::string(30, 'x')), packed) +
+            SubmitReply(13, 1 << 20, std::string(1 << 20, 'y')) +
+            UnlinkReply(14),         // in one message
+        SubmitReply(10, 4, "data"),  // a second one is taken for an IN reply
     };
     for (const std::string& reply : replies)
         Reply(reply);
@@ -220,6 +245,59 @@ TEST_F(ClientTest, PassesRepliesWhoseLengthFitsTheirCommand) {
         EXPECT_TRUE(kernel->Receive(reply.size()) == reply) << reply.substr(0, 48);
     Reply(SubmitReply(11, 4));  // its command has been answered: data is missing now
     ExpectLog(4, "[CUsbipClientLinux] CheckNetRecv invalid");
+}
+
+// Behind a whole PDU what is none is left out, and the device goes on.
+TEST_F(ClientTest, WritesNothingThatIsNotAWholePdu) {
+    const auto kernel = Map(5);
+    const std::string rests[] = {"and more", UnlinkReply(2).substr(0, 47), Unlink(2),
+                                 SubmitReply(2, 64, std::string(52, 'x'))};
+    int refused = 0;
+    for (const std::string& rest : rests) {
+        Reply(UnlinkReply(1) + rest);
+        EXPECT_EQ(kernel->Receive(48), UnlinkReply(1));
+        ExpectLog(4, "[CUsbipClientLinux] CheckNetRecv invalid", ++refused);
+        EXPECT_TRUE(Works(5, *kernel)) << "and nothing was in between";
+    }
+}
+
+TEST_F(ClientTest, ALieEndsItsDeviceAlone) {
+    const auto other = Map(1);
+    const std::string packets = WithPackets(SubmitReply(7, 8, "12345678"), {{250, 8, 8}});
+    const std::string lies[] = {SubmitReply(7, 257, std::string(257, 'x')),
+                                UnlinkReply(1) + packets,
+                                WithPackets(SubmitReply(8, 0), {{0, 0, 0}}),  // not submitted yet
+                                SubmitReply(8, 48, UnlinkReply(1))};
+    for (const std::string& lie : lies) {
+        host.runtime.Forget();
+        const auto kernel = Map(5);
+        const std::string command = WithPackets(SubmitIn(7, 256), {{0, 256, 0}});
+        kernel->Send(command);
+        ExpectForwarded(5, command);
+        Reply(lie + UnlinkReply(2));
+        ExpectLog(4, "[CUsbipClientLinux] CheckNetRecv invalid");
+        EXPECT_EQ(kernel->Receive(1000), lie.ends_with(packets) ? UnlinkReply(1) : "")
+            << "nothing of it is written, nor what comes after it";
+        EXPECT_EQ(NextMessage(), UnmapMessage(5));
+        EXPECT_EQ(host.runtime.Lines(4).size(), 1U);
+        EXPECT_TRUE(Works(1, *other));
+    }
+}
+
+TEST_F(ClientTest, WhatTheKernelDoesNotTakeIsBounded) {
+    const auto kernel = Map(5);
+    const std::string pdu = SubmitReply(1, 40 << 20, std::string(40 << 20, 'x'));
+    const LogLine line{
+        4, "[CUsbipClientLinux] 5 more than 67108864 bytes wait for the kernel, device ends"};
+    // One may be as large as it likes, and room counts by what it inflates to.
+    Handle(ForwardMessage(5, pdu));
+    Handle(ForwardMessage(5, UnlinkReply(1)));
+    EXPECT_EQ(host.runtime.Count(line), 0);
+    Handle(ForwardMessage(5, "not a stream", static_cast<std::uint32_t>(pdu.size())));
+    EXPECT_EQ(host.runtime.Count(line), 1);
+    EXPECT_EQ(NextMessage(), UnmapMessage(5));
+    Handle(ForwardMessage(5, pdu));  // dropped
+    EXPECT_EQ(host.runtime.Lines(4), std::vector{line});
 }
 
 TEST_F(ClientTest, InvalidRepliesEndTheWriteThreadOnly) {

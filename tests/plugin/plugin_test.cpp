@@ -1,5 +1,8 @@
 // What travels, the plug-in's lifecycle, the send thread and the device registry.
 #include <algorithm>
+#include <climits>
+#include <fstream>
+#include <set>
 
 #include "client/IClientUsbipListenter.h"
 #include "plugin/PluginTest.h"
@@ -45,10 +48,13 @@ TEST(Wire, BytesOfEachKind) {
 TEST_F(PluginTest, EachExitStopsWhatThereIsInOrder) {
     host.Start();
     const std::unique_ptr<KernelEnd> kernels[] = {Map(7), Map(3), Map(5)};
+    ExpectLog(1, "start forward data loop", 3);
     host.EndRun();
+    host.stream->FailWrites(3);  // as that of a stream that has ended
     for (const std::string ends : {"device end 3\ndevice end 5\ndevice end 7\n", ""}) {
         host.runtime.Forget();
         EXPECT_EQ(host.plugin->ExitInstance(), 0);
+        EXPECT_TRUE(host.runtime.Lines(4).empty()) << "an orderly end is no failure";
         std::string log;
         for (const LogLine& line : host.runtime.Lines())
             if (line.text.starts_with("[usbipclient] ")) log += line.text.substr(14) + '\n';
@@ -58,6 +64,40 @@ TEST_F(PluginTest, EachExitStopsWhatThereIsInOrder) {
     }
     for (const auto& kernel : kernels)
         EXPECT_TRUE(kernel->WaitForEnd());
+}
+
+TEST_F(PluginTest, RunReadsAndExitInstanceEndsAtOnce) {
+    long fastest = LONG_MAX;
+    for (int run = 0; run < 3; ++run) {
+        const Stopwatch watch;
+        host.Start();
+        Handle(VersionRequest(0));
+        host.plugin->ExitInstance();  // also while the stream is read
+        fastest = std::min(fastest, watch.Milliseconds());
+        host.EndRun();
+        host.stream = new FakeStream;
+    }
+    EXPECT_LT(fastest, 90) << "below any pause or time-out";
+}
+
+TEST_F(PluginTest, ThreadsHaveNamesOfTheirOwn) {
+    host.Start();
+    const std::unique_ptr<KernelEnd> kernels[] = {Map(7), Map(0xFFFFFFFF)};
+    std::multiset<std::string> names;
+    const auto running = [&](const std::string& name) {
+        return Eventually([&] {
+            names.clear();
+            for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+                std::string comm;
+                std::getline(std::ifstream(task.path() / "comm"), comm);
+                names.insert(comm);
+            }
+            return names.count(name) == 1;
+        });
+    };
+    for (const char* name :
+         {"usbip-send", "usbip-work-7", "usbip-write-7", "usbip-work", "usbip-write"})
+        EXPECT_TRUE(running(name)) << name;
 }
 
 TEST_F(PluginTest, RunsAgainWithANewStream) {
@@ -137,6 +177,22 @@ TEST_F(PluginTest, AMapOfTheSameIdReplacesTheDevice) {
         EXPECT_NE(std::find(end, lines.end(), start), lines.end()) << "it started before the end";
         EXPECT_TRUE(Works(5, *current));
     }
+}
+
+// Those that could not be attached count, too.
+TEST_F(PluginTest, MapsNoMoreDevicesThanAnybodyPlugsIn) {
+    host.Start();
+    controller.RemoveDevice("vhci_hcd.0");
+    std::string maps;
+    for (std::uint32_t devid = 0; devid <= 256; ++devid)
+        maps += MapMessage(devid);
+    host.Receive(maps);
+    EXPECT_EQ(NextMessage(), UnmapMessage(256));
+    const LogLine line{4, "[usbipclient] map device 256 refused, 256 are mapped"};
+    EXPECT_EQ(host.runtime.Count(line), 1);
+    Handle(MapMessage(3) + UnmapMessage(0) + MapMessage(256));
+    EXPECT_EQ(host.runtime.Count(line), 1) << "there is room for it now";
+    EXPECT_TRUE(Silent());
 }
 
 TEST_F(PluginTest, AnInstanceIdWithoutItsNulEndsWithItsField) {

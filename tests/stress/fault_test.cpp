@@ -136,9 +136,10 @@ TEST_F(FaultTest, EachAllocationMayFail) {
 }
 
 TEST_F(FaultTest, WhatTheSystemGivesMayBeRefused) {
-    for (const unsigned threads : {0b01U, 0b10U, 0b11U})
+    for (const auto& [threads, name] : {std::pair{0b01U, "write"}, std::pair{0b10U, "work"}})
         Survive(
-            "threads", [=] { failing_threads = threads; }, map_two, "");
+            name, [threads = threads] { failing_threads = threads; }, map_two,
+            "[CUsbipClientLinux] thread usbipclientlinux-" + std::string(name) + " cannot be made");
     const auto descriptor = [&] {
         const rlimit none{1, descriptors.rlim_max};
         setrlimit(RLIMIT_NOFILE, &none);
@@ -156,11 +157,15 @@ TEST_F(FaultTest, WhatTheSystemGivesMayBeRefused) {
             "[usbipclient] invalid usbip_version_req package size 19");
 }
 
-TEST_F(FaultTest, WithoutASendThreadTheReadingWorks) {
+TEST_F(FaultTest, WithoutASendThreadNothingIsAttached) {
     host.EndRun();
     host.plugin->ExitInstance();
+    host.runtime.Forget();
     failing_threads = 0b10;  // the first one is the host's own, for Run
     host.RunAgain();
-    host.Receive(VersionRequest(0));
-    EXPECT_TRUE(Eventually([&] { return host.stream->Written().ends_with(VersionResponse()); }));
+    host.Receive(MapMessage(2));
+    EXPECT_TRUE(host.runtime.WaitForLine({1, "[usbipclient] Run return"}));
+    EXPECT_EQ(host.runtime.Lines(4),
+              (std::vector{LogLine{4, "[usbipclient] thread usbipclient-send cannot be made"}}));
+    EXPECT_TRUE(controller.Attached().empty());
 }

@@ -32,7 +32,7 @@ struct Device {
     std::string owed;                   // what the peer sent and the kernel has not read
     std::deque<std::string> awaited;    // PDUs that the kernel sent; "" for the device's end
     bool lossy = false;                 // all of them but the last may have been dropped
-    std::uint32_t command = 0;          // the last one that the peer has got and not answered
+    usbip_header command = {};          // the last one that the peer has got and not answered
 };
 
 void interrupt_everybody(const std::stop_token& stop) {
@@ -119,8 +119,11 @@ class Life : Rig {
         for (auto i = Pick(1, 4); i > 0; --i) {
             std::string pdu = PeerPdu(kPeerSeq + next_++, PickSize());
             // An OUT command is answered without data.
-            if (Pick(0, 3) == 0 && device.command != 0)
-                pdu = SubmitReply(std::exchange(device.command, 0), 500);
+            if (Pick(0, 3) == 0 && device.command.seqnum != 0) {
+                const auto command = std::exchange(device.command, {});
+                pdu = SubmitReply(be32toh(command.seqnum),
+                                  be32toh(command.u.cmd_submit.transfer_buffer_length));
+            }
             if (device.kernel) device.owed += pdu;
             host.Receive(Pick(0, 1) == 0 ? ForwardMessage(devid, pdu)
                                          : CompressedForward(devid, pdu));
@@ -167,7 +170,7 @@ class Life : Rig {
         threads.clear();
         Check(good, "no byte is lost");
     }
-    // A second Run drops what is queued, and the devices live on. Rare, since it takes 100 ms.
+    // A second Run drops what is queued, and the devices live on. Rare, since it settles.
     void Rerun(std::uint32_t devid) {
         if (Pick(0, 14) != 0) return;
         Settle();
@@ -240,7 +243,7 @@ class Life : Rig {
         Check(!device.awaited.empty() && device.awaited.front() == pdu,
               "what comes is whole, once and in order");
         device.awaited.pop_front();
-        device.command = be32toh(Parse<usbip_header>(pdu).seqnum);
+        device.command = Parse<usbip_header>(pdu);
     }
 
     std::mt19937 random_;

@@ -49,7 +49,7 @@ class VhciTest : public testing::Test {
         const bool attached = vhci.Attach(ends[1], busnum, devnum, speed, &port);
         const std::string request = std::to_string(port) + ' ' + std::to_string(ends[1]) + ' ' +
                                     std::to_string(busnum * 65536U + devnum) + ' ' +
-                                    std::to_string(speed);
+                                    std::to_string(std::min(speed, 5U));  // as super speed
         EXPECT_TRUE(!attached || controller_.Requests().back() == request) << request;
         // The kernel holds one more descriptor of an attached socket, in place of ours.
         EXPECT_EQ(OpenDescriptors(), descriptors);
@@ -75,6 +75,10 @@ TEST_F(VhciTest, StatusTexts) {
         {"hs  0002 004 000", "sscanf fail 4"},
         {"hs  port", "sscanf fail 1"},
         {port2 + "\n\x01", "sscanf fail 1"},
+        {"hs  0002 004\n000 00000000 000000 0-0", "sscanf fail 3"},
+        {port2 + "\n\n" + port2, "sscanf fail -1"},
+        {"hs  4294967298 004 000 00000000", "sscanf fail 1"},
+        {"hs  0002 004 000 100000000", "sscanf fail 4"},
         {"hs  16 004 000 00000000", "port 16 outside the table of 16"},
         {"hs  -1 004 000 00000000", "port -1 outside the table of 16"},
         {"hs  -2147483648 004 000 00000000", "port -2147483648 outside the table of 16"},
@@ -95,15 +99,13 @@ TEST_F(VhciTest, DeviceOfAPortInUse) {
     std::string missing =
         "read_attr_value sscanf failed for attribute bDeviceClass\n"
         "read_attr_value sscanf failed for attribute bDeviceSubClass\n";
-    for (int i = 0; i < 8; ++i)
+    for (int i = 0; i < 6; ++i)
         missing += "read_attr_value udev_device_get_sysattr_value fail\n";
     EXPECT_EQ(Failures(), missing + "read_attr_speed udev_device_get_sysattr_value fail\n");
 
     for (const char* name : {"bDeviceClass", "bDeviceSubClass", "bDeviceProtocol", "idVendor",
                              "idProduct", "bcdDevice", "bNumConfigurations", "devnum", "speed"})
         controller_.SetAttribute("3-1", name, "1");
-    for (const char* name : {"bConfigurationValue", "bNumInterfaces"})  // not configured
-        controller_.SetAttribute("3-1", name, "");
     EXPECT_TRUE(OpenWithStatus(in_use));
     EXPECT_EQ(Failures(), "");
 }
@@ -120,10 +122,6 @@ TEST_F(VhciTest, OpenFailures) {
         {"status.1",
          {},
          "RefreshImportedDeviceList udev_device_get_sysattr_value fail\n" + kNoList},
-        {"status", kHeader + "hs  0002 006 003 00010002 000005 9-9",
-         "InitImportedDevice udev_device_new_from_subsystem_sysname fail busid 9-9\nParseStatus "
-         "InitImportedDevice fail busid 9-9\n" +
-             kNoList},
         {"nports", "0", no_port},
         {"nports", "-1", no_port},
         {"nports", "3841", no_port},
@@ -143,8 +141,8 @@ TEST_F(VhciTest, OpenFailures) {
 
 TEST_F(VhciTest, AttachTakesTheFirstFreePortThatSuits) {
     controller_.Occupy(9, 5, "0-0");
-    const std::pair<unsigned, int> rows[] = {{5, 4}, {1, 0},  {2, 1}, {4, 2}, {5, 5}, {3, 3},
-                                             {3, 8}, {3, 10}, {5, 6}, {5, 7}, {5, 12}};
+    const std::pair<unsigned, int> rows[] = {{5, 4}, {1, 0},  {2, 1}, {4, 2}, {6, 5}, {3, 3},
+                                             {3, 8}, {3, 10}, {5, 6}, {6, 7}, {5, 12}};
     for (const auto& [speed, port] : rows)
         EXPECT_EQ(Attach(speed), port);
     for (unsigned port : {13U, 14U, 15U})
