@@ -24,15 +24,16 @@ extern "C" int fdatasync(int) {
     return sync_result;
 }
 
-void* operator new(std::size_t size) {
+// Not inlined: the compiler would see one half of a pair.
+[[gnu::noinline]] void* operator new(std::size_t size) {
     void* const memory = size <= largest_allocation ? std::malloc(size) : nullptr;
     if (memory == nullptr) throw std::bad_alloc();
     return memory;
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
     std::free(memory);
 }
 
