@@ -31,7 +31,7 @@ inline usbip_iso_packet_descriptor UsbipPacketAt(std::string_view pdu, const Usb
 // passes: packets that are packed or left out, short ones, errors.
 inline const char* UsbipLieIn(const UsbipSubmitted& command, std::string_view reply) {
     usbip_header header;
-    reply.copy(reinterpret_cast<char*>(&header), sizeof header);
+    std::memcpy(&header, reply.data(), sizeof header);
     const std::uint32_t actual_length = be32toh(header.u.ret_submit.actual_length);
     if (actual_length > command.length) return "more data than the transfer holds";
     if (header.u.ret_submit.number_of_packets == kUsbipNotIso) {
@@ -61,7 +61,7 @@ inline const char* UsbipLieIn(const UsbipSubmitted& command, std::string_view re
 // data, what is data here must not be taken for the next reply.
 inline const char* UsbipLieInStray(std::string_view reply) {
     usbip_header header;
-    reply.copy(reinterpret_cast<char*>(&header), sizeof header);
+    std::memcpy(&header, reply.data(), sizeof header);
     if (header.u.ret_submit.number_of_packets != 0) return "packets that nobody asked for";
     const std::string_view data = reply.substr(sizeof header).substr(0, sizeof header.command);
     for (const std::uint32_t command : {USBIP_RET_SUBMIT, USBIP_RET_UNLINK}) {
