@@ -143,15 +143,17 @@ void Server::OnDevices(std::span<const pollfd> fds) {
 }
 
 int Server::PollTimeout() const {
-    auto deadline = session_ ? session_->Deadline() : std::nullopt;
+    auto next = Clock::time_point::max();
+    const auto consider = [&next](std::optional<Clock::time_point> deadline) {
+        next = std::min(next, deadline.value_or(next));
+    };
+    if (session_) consider(session_->Deadline());
     if (!Congested()) {
-        for (const Slot& slot : slots_) {
-            const auto other = slot.device->Deadline();
-            if (other && (!deadline || *other < *deadline)) deadline = other;
-        }
+        for (const Slot& slot : slots_)
+            consider(slot.device->Deadline());
     }
-    if (!deadline) return -1;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now());
+    if (next == Clock::time_point::max()) return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
     return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
 }
 
