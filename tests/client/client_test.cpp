@@ -52,19 +52,17 @@ TEST_F(ClientTest, AnUnmapIsPromptAndGivesEverythingBack) {
 }
 
 TEST_F(ClientTest, TheKernelsEndEndsItOnce) {
-    const Ledger ledger;
+    const long descriptors = OpenDescriptors();
     const auto kernel = Map(12);
-    const long with_device = OpenDescriptors();
     const long cpu = CpuMilliseconds(CLOCK_PROCESS_CPUTIME_ID);
     kernel->Close();
     ExpectLog(4, "read dev fail");
     EXPECT_EQ(NextMessage(), UnmapMessage(12));
-    EXPECT_TRUE(Eventually([&] { return OpenDescriptors() == with_device - 2; }))
+    EXPECT_TRUE(Eventually([&] { return OpenDescriptors() == descriptors; }))
         << "the client's end is closed before the unmap";
     Reply(UnlinkReply(1), 12);  // goes nowhere
     Handle(UnmapMessage(12));
     EXPECT_LT(CpuMilliseconds(CLOCK_PROCESS_CPUTIME_ID) - cpu, 1000) << "it does not spin";
-    EXPECT_TRUE(ledger.Balanced());
     EXPECT_TRUE(Silent());
 }
 
@@ -80,16 +78,18 @@ TEST_F(ClientTest, AWriteAfterTheKernelLetGoRaisesNoSignal) {
 // --- attach ---
 
 TEST_F(ClientTest, FailsToAttachWithoutReportingAnEnd) {
-    for (const std::string what : {"attach", "open"}) {
-        controller.RefuseAttaches(EBUSY);
+    controller.RefuseAttaches(EBUSY);
+    long fastest = LONG_MAX;
+    for (const std::string what : {"attach", "attach", "open", "open"}) {
         if (what == "open") controller.RemoveDevice("vhci_hcd.0");
         host.runtime.Forget();
         host.Receive(MapMessage(5));
         ExpectLog(4, "[CUsbipClientLinux]  vhci " + what + " fail");
         ExpectLog(1, "[CUsbipClientLinux] 5 work thread prepare quit");
         Reply(UnlinkReply(1));
-        Handle(UnmapMessage(5));
+        fastest = std::min(fastest, Unmap(5));
     }
+    EXPECT_LT(fastest, 300) << "below one wait of the write thread";
     EXPECT_TRUE(Silent());
 }
 
