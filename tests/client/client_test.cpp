@@ -31,7 +31,7 @@ class ClientTest : public PluginTest {
 // --- start and end ---
 
 TEST_F(ClientTest, AnUnmapIsPromptAndGivesEverythingBack) {
-    for (const std::size_t read : {0, 48}) {  // of what the peer has sent: 4 MiB, if any
+    for (const std::size_t read : {0UL, 48UL}) {  // of what the peer has sent: 4 MiB, if any
         long fastest = LONG_MAX;
         for (int run = 1; run <= 3; ++run) {
             const Ledger ledger;
@@ -53,20 +53,17 @@ TEST_F(ClientTest, AnUnmapIsPromptAndGivesEverythingBack) {
 }
 
 TEST_F(ClientTest, TheKernelsEndEndsItOnce) {
-    const Ledger ledger;
+    const long descriptors = OpenDescriptors();
     const auto kernel = Map(12);
-    ExpectLog(1, "start forward data loop");  // until the attach has given back what it opened
-    const long with_device = OpenDescriptors();
     const long cpu = CpuMilliseconds(CLOCK_PROCESS_CPUTIME_ID);
     kernel->Close();
     ExpectLog(4, "read dev fail");
     EXPECT_EQ(NextMessage(), UnmapMessage(12));
-    EXPECT_TRUE(Eventually([&] { return OpenDescriptors() == with_device - 2; }))
+    EXPECT_TRUE(Eventually([&] { return OpenDescriptors() == descriptors; }))
         << "the client's end is closed before the unmap";
     Reply(UnlinkReply(1), 12);  // goes nowhere
     Handle(UnmapMessage(12));
     EXPECT_LT(CpuMilliseconds(CLOCK_PROCESS_CPUTIME_ID) - cpu, 1000) << "it does not spin";
-    EXPECT_TRUE(ledger.Balanced());
     EXPECT_TRUE(Silent());
 }
 
@@ -83,16 +80,18 @@ TEST_F(ClientTest, AWriteAfterTheKernelLetGoRaisesNoSignal) {
 
 TEST_F(ClientTest, FailsToAttachWithoutReportingAnEnd) {
     const Ledger ledger;
-    for (const std::string what : {"attach", "open"}) {
-        controller.RefuseAttaches(EBUSY);
+    controller.RefuseAttaches(EBUSY);
+    long fastest = LONG_MAX;
+    for (const std::string what : {"attach", "attach", "open", "open"}) {
         if (what == "open") controller.RemoveDevice("vhci_hcd.0");
         host.runtime.Forget();
         host.Receive(MapMessage(5));
         ExpectLog(4, "[CUsbipClientLinux]  vhci " + what + " fail");
         EXPECT_TRUE(ledger.Balanced()) << "what it does not need is given back";
         Reply(UnlinkReply(1));
-        Handle(UnmapMessage(5));
+        fastest = std::min(fastest, Unmap(5));
     }
+    EXPECT_LT(fastest, 300) << "below one wait of the write thread";
     EXPECT_TRUE(Silent());
 }
 
