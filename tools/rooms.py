@@ -29,7 +29,7 @@ ROOMS = {
     "remote/device": ["remote/io/", "wire/"],
     "remote/io": ["posix/"],
     "posix": [],
-    "vm/microphone": ["remote/device/", "remote/io/", "posix/", "wire/"],
+    "vm/microphone": ["remote/", "posix/", "wire/"],
     "fakes": ["wire/", "include/"],
     "fuzz": ["fakes/", "module/", "plugin/", "client/", "vhci/", "base/", "remote/", "posix/",
              "wire/", "include/"],
