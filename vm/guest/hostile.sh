@@ -58,7 +58,7 @@ withdraw() {
 # refusals WAY: how often who is to see through lies has said that it does.
 refusals() {
     if [ "$1" = bridge ]; then
-        grep -c 'device has left: the server answers' "$LOG_DIR/remote.log" || true
+        grep -c 'device has left' "$LOG_DIR/remote.log" || true
     else
         grep -c 'CheckNetRecv invalid' "$LOG_DIR/host.log" || true
     fi
