@@ -46,7 +46,7 @@ offer() {
 
 # withdraw WAY
 withdraw() {
-    expect_same "what the microphone says" "the first lie" "$(grep lie "$LOG_DIR/microphone.log")"
+    grep -qx "the first lie" "$LOG_DIR/microphone.log" || fail "the microphone has not lied"
     stop_host
     [ "$1" = channel ] || stop_remote_here
     kill -TERM "$liar_pid"
@@ -58,7 +58,7 @@ withdraw() {
 # refusals WAY: how often who is to see through lies has said that it does.
 refusals() {
     if [ "$1" = bridge ]; then
-        grep -c 'device has left: the server answers' "$LOG_DIR/remote.log" || true
+        grep -c 'device has left' "$LOG_DIR/remote.log" || true
     else
         grep -c 'CheckNetRecv invalid' "$LOG_DIR/host.log" || true
     fi
@@ -79,7 +79,7 @@ expect_end() {
     timeout 60 arecord -q -N -D "hw:${card%%D*},0" -t raw -f S16_LE -c 1 -r 44100 -d 1 /tmp/recorded \
         >>"$LOG_DIR/arecord.log" 2>&1 8>&- 9<&- &
     recorder=$!
-    wait_until 30 "the lie" grep -q "the first lie" "$LOG_DIR/microphone.log"
+    wait_until 30 "the lie" grep -qx "the first lie" "$LOG_DIR/microphone.log"
     wait_until 10 "the end of the microphone" ports_used_by_us_are 1
     wait_for_end "$recorder" 10 "the recording"
     wait_until 10 "data that still flows" has_read_more "$disk" $(($(sectors_read "$disk") + 8192))

@@ -2,6 +2,7 @@
 # qemu: -smp 1
 # kernel: panic_on_warn=1 oops=panic slub_debug=FZPU log_buf_len=4M loglevel=5
 # limit: 480
+# clock: counted
 # shellcheck source=guest/hostile.sh
 . "$VM_DIR/guest/hostile.sh"
 begin_lying
