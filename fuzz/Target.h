@@ -53,5 +53,5 @@ class NothingLeftBehind {
     NothingLeftBehind& operator=(const NothingLeftBehind&) = delete;
 
   private:
-    const Ledger ledger_;
+    const Ledger ledger_{};
 };
