@@ -8,7 +8,6 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -26,7 +25,7 @@ constexpr int kNotAssigned = 5;  // VDEV_ST_NOTASSIGNED
 constexpr std::string_view kRecordDirectory = "/var/run/vhci_hcd";
 
 fs::path make_root() {
-    std::string name = (fs::temp_directory_path() / "fake-vhci.XXXXXX").string();
+    std::string name = (fs::canonical(fs::temp_directory_path()) / "fake-vhci.XXXXXX").string();
     if (mkdtemp(name.data()) == nullptr) std::abort();
     return name;
 }
@@ -82,8 +81,11 @@ ssize_t KernelEnd::Read(char* to, std::size_t size) {
 std::string KernelEnd::Receive(std::size_t size) {
     std::string bytes(size, '\0');
     std::size_t got = 0;
-    for (ssize_t count = 1; got < size && count > 0; got += static_cast<std::size_t>(count))
-        count = std::max<ssize_t>(Read(bytes.data() + got, size - got), 0);
+    while (got < size) {
+        const ssize_t count = Read(bytes.data() + got, size - got);
+        if (count <= 0) break;
+        got += static_cast<std::size_t>(count);
+    }
     bytes.resize(got);
     return bytes;
 }
@@ -157,11 +159,9 @@ std::string FakeController::status_text(int controller) const {
 }
 
 bool FakeController::IsAttachFile(int fd) const {
-    struct stat here {};
-    struct stat attach {};
-    return fstat(fd, &here) == 0 && S_ISREG(here.st_mode) &&
-           ::stat((root / "platform" / "vhci_hcd.0" / "attach").c_str(), &attach) == 0 &&
-           here.st_ino == attach.st_ino && here.st_dev == attach.st_dev;
+    std::error_code none_open;
+    return fs::read_symlink("/proc/self/fd/" + std::to_string(fd), none_open) ==
+           root / "platform/vhci_hcd.0/attach";
 }
 
 // The checks of the driver's attach_store, in its order.

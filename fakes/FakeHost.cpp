@@ -92,18 +92,13 @@ std::string FakeStream::WaitForMessage() {
 
 FakeHost::FakeHost(xjmod_entrypoint* module) : module_(module) {
     module_->init(static_cast<IXJModRuntime*>(&runtime));
-    plugin = Create(module_);
-}
-
-CRefObj<IClientUsbipPlugin> FakeHost::Create(xjmod_entrypoint* module) {
     const CRefObj<FakePropertySet> props(new FakePropertySet);
     props->Set(kPropertyInterfaceName, std::string_view(kInterfaceClientUsbipPlugin));
     props->Set(kPropertyVersion, static_cast<std::int64_t>(kModuleVersion));
     void* created = nullptr;
-    if (!module->create(static_cast<IXJModPropertySet*>(props.Get()), &created)) std::abort();
-    CRefObj<IClientUsbipPlugin> result(static_cast<IClientUsbipPlugin*>(created));
-    result->Release();  // `result` holds the one reference now
-    return result;
+    Require(module_->create(static_cast<IXJModPropertySet*>(props.Get()), &created), "a plug-in");
+    plugin = static_cast<IClientUsbipPlugin*>(created);
+    plugin->Release();  // `plugin` holds the one reference now
 }
 
 FakeHost::~FakeHost() {

@@ -145,9 +145,6 @@ class FakeHost {
     void RunAgain();    // EndRun, then Run with the same stream, without ExitInstance
     void DropPlugin();  // EndRun, ExitInstance, Release
 
-    // One more plug-in of the same module.
-    static CRefObj<IClientUsbipPlugin> Create(xjmod_entrypoint* module);
-
     // Several messages, one after the other.
     void Receive(const std::string& messages) { stream->Feed(messages); }
 

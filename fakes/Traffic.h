@@ -3,8 +3,6 @@
 
 #include <zlib.h>
 
-#include <cstdlib>
-
 #include "fakes/Messages.h"
 
 // Zlib makes a body smaller, but never to nothing.
@@ -47,8 +45,4 @@ inline std::string CarriedPdu(std::string_view message) {
     if (message.size() != forward.datasize + kForwardOverhead) return {};
     const std::string_view data = message.substr(sizeof forward, forward.datasize);
     return forward.rawsize == 0 ? std::string(data) : Zlib(uncompress, data, forward.rawsize);
-}
-
-inline unsigned long FromEnvironment(const char* name, unsigned long otherwise) {
-    return std::getenv(name) != nullptr ? std::strtoul(std::getenv(name), nullptr, 10) : otherwise;
 }

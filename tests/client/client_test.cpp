@@ -31,7 +31,7 @@ class ClientTest : public PluginTest {
 // --- start and end ---
 
 TEST_F(ClientTest, AnUnmapIsPromptAndGivesEverythingBack) {
-    for (const std::size_t read : {0, 48}) {  // of what the peer has sent: 4 MiB, if any
+    for (const std::size_t read : {0UL, 48UL}) {  // of what the peer has sent: 4 MiB, if any
         long fastest = LONG_MAX;
         for (int run = 1; run <= 3; ++run) {
             const Ledger ledger;

@@ -123,7 +123,7 @@ TEST_F(ModuleTest, FactoryReadsTheProperties) {
         {Props("", 0), false, "", "0", 4},
         {Props(), false, "", "0", 4},
     };
-    const CRefObj<IXJModData> text(new CXJModData("7")), number(new CXJModData(7));
+    const CRefObj<IXJModData> text(new CXJModData("12345678")), number(new CXJModData(7));
     EXPECT_TRUE(text->asInt() == 0 && number->asString() == nullptr) << "only for their type";
     for (const auto& row : rows) {
         const std::string create = "[file_client] file_client_create ";

@@ -25,5 +25,5 @@ class PluginTest : public ::testing::Test, public Rig {
     }
 
   private:
-    const Ledger ledger_;
+    const Ledger ledger_{};
 };

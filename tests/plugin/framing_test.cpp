@@ -48,7 +48,7 @@ TEST_F(FramingTest, ReadsExactlyWhatIsMissing) {
 }
 
 TEST_F(FramingTest, AStreamThatEndsWithinAMessageLeavesNothing) {
-    for (const std::size_t length : {0, 7, 8, 15, 16, 19}) {
+    for (const std::size_t length : {0UL, 7UL, 8UL, 15UL, 16UL, 19UL}) {
         EXPECT_EQ(Probes(probe.substr(0, length)), 0) << length;
         host.RunAgain();
         EXPECT_EQ(Probes(probe), 1) << length;

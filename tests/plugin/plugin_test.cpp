@@ -211,9 +211,9 @@ TEST_F(PluginTest, RefusesMalformedMessagesAndGoesOn) {
     host.Start();
     const auto kernel = Map(7);
     const auto cut = [](std::string message) {  // to a body one byte short
-        const int type = message[12];
+        const auto head = Parse<usbip_message_head>(message);
         message.pop_back();
-        return Message(type, message.substr(sizeof(usbip_message_head)));
+        return Message(head.inner.type, message.substr(sizeof(usbip_message_head)));
     };
     const auto with_datasize = [](std::uint32_t datasize) {
         return Message(kUsbipForward, Bytes(7U) + Bytes(datasize) + Bytes(0U) + "1234");

@@ -266,8 +266,12 @@ extern "C" ssize_t recv(int socket, void* buffer, std::size_t size, int flags) {
 }
 
 TEST(State, LivesAsTheModelSays) {
-    const auto given = FromEnvironment("XJ_STRESS_SEED", 0);
-    const auto seconds = static_cast<long>(FromEnvironment("XJ_STRESS_SECONDS", XJ_STRESS_SECONDS));
+    const auto number = [](const char* name, unsigned long otherwise) {
+        const char* text = std::getenv(name);
+        return text != nullptr ? std::strtoul(text, nullptr, 10) : otherwise;
+    };
+    const auto given = number("XJ_STRESS_SEED", 0);
+    const auto seconds = static_cast<long>(number("XJ_STRESS_SECONDS", XJ_STRESS_SECONDS));
     const auto first = given != 0 ? given : std::random_device{}();
     auto seed = first;
     const Stopwatch watch;

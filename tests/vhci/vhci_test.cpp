@@ -59,7 +59,7 @@ class VhciTest : public testing::Test {
         return attached ? port : -1;
     }
 
-    const Ledger ledger_;
+    const Ledger ledger_{};
     FakeRuntime runtime_;
     FakeController controller_{2, 8};  // hs 0-3 and 8-11, ss 4-7 and 12-15
 };
