@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <string_view>
 #include <utility>
 
 #include "remote/device/Reply.h"
 #include "wire/UsbipPdu.h"
+#include "wire/UsbipReplyGuard.h"
 
 namespace remote {
 namespace {
@@ -16,6 +19,15 @@ std::string number_text(const char* what, std::uint32_t number) {
 
 Bytes copy(ByteView pdu) {
     return {pdu.begin(), pdu.end()};
+}
+
+std::vector<std::uint32_t> packet_lengths(const Command& command) {
+    std::vector<std::uint32_t> lengths(command.PacketCount());
+    for (std::size_t i = 0; i < lengths.size(); ++i) {
+        lengths[i] = LoadBe32(&command.packets[i * sizeof(usbip_iso_packet_descriptor) +
+                                               offsetof(usbip_iso_packet_descriptor, length)]);
+    }
+    return lengths;
 }
 
 }  // namespace
@@ -51,9 +63,10 @@ std::string UsbipTraffic::TakeCommand(const Command& command, ReplySink& sink) {
 
 std::string UsbipTraffic::Submit(const Command& command) {
     if (urbs_.size() >= kMaxUrbs) return "the server leaves too many URBs unanswered";
-    const Urb urb{.in = command.in, .length = command.length, .packets = command.PacketCount()};
-    const auto [place, added] = urbs_.try_emplace(command.seqnum, urb);
-    if (!added && !std::exchange(place->second, urb).given_back) {
+    Urb urb{.out = !command.in, .length = command.length, .packets = packet_lengths(command)};
+    const auto [place, added] = urbs_.try_emplace(command.seqnum, std::move(urb));
+    // Untouched when there is one of this number.
+    if (!added && !std::exchange(place->second, std::move(urb)).given_back) {
         return number_text("the host repeats the sequence number", command.seqnum);
     }
     submitted_.Add(command.seqnum);
@@ -81,15 +94,20 @@ std::string UsbipTraffic::TakeReplies(InputBuffer& input, ReplySink& sink) {
         const auto found = urbs_.find(seqnum);
         if (found == urbs_.end()) return number_text("the server answers unknown URB", seqnum);
         const Urb& urb = found->second;
-        const UsbipPduLength length = UsbipRetSubmitLength(header, !urb.in);
-        // The kernel of the host trusts these: they must fit what it has made room for.
+        const UsbipPduLength length = UsbipRetSubmitLength(header, urb.out);
+        // No more is waited for than was asked for.
         if (be32toh(header.u.ret_submit.actual_length) > urb.length ||
-            length.iso > urb.packets * sizeof(usbip_iso_packet_descriptor) ||
+            length.iso > urb.packets.size() * sizeof(usbip_iso_packet_descriptor) ||
             !length.Acceptable()) {
             return number_text("the server answers with more than was asked for in URB", seqnum);
         }
         if (input.Unread().size() < length.Total()) break;
         Bytes pdu = copy(input.Take(length.Total()));
+        // The host's kernel believes the rest.
+        const std::string_view reply(reinterpret_cast<const char*>(pdu.data()), pdu.size());
+        if (const char* lie = UsbipLieIn({urb.out, urb.length, urb.packets}, reply)) {
+            return number_text("the server's answer to URB", seqnum) + " has " + lie;
+        }
         if (!urb.given_back) sink.Reply(std::move(pdu));
         if (urb.unlink) {
             sink.Reply(RetUnlink(*urb.unlink, 0));

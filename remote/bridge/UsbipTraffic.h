@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "remote/device/Command.h"
 #include "remote/device/Device.h"
@@ -54,9 +55,9 @@ class UsbipTraffic {
 
   private:
     struct Urb {  // what its command said
-        bool in;
+        bool out;
         std::uint32_t length;
-        std::size_t packets;
+        std::vector<std::uint32_t> packets;  // length of each
         bool given_back = false;  // RET_UNLINK was passed on: a reply that still comes is dropped
         std::optional<std::uint32_t> unlink = {};  // sequence number of the unlink under way
     };

@@ -72,10 +72,10 @@ TEST_F(UsbipTrafficTest, UnlinksAreAnsweredOnceAndLiesEndTheDevice) {
           SubmitOut(6, std::string(1152, 'x'), 6), SubmitIn(7, 8), SubmitIn(8, 1 << 20),
           SubmitReply(1, 512, std::string(512, 'x')) + SubmitReply(2, 5, "short") +
               With(kStatus, -EPIPE, SubmitReply(3, 0)) + SubmitReply(4, 4) +
-              SubmitReply(5, 3, "iso", 3) + SubmitReply(6, 1152, {}, 6) +
+              SubmitReply(5, 0, {}, 3) + SubmitReply(6, 1152, {}, 6) +
               With(kPackets, kUsbipNotIso, SubmitReply(7, 0)) +
               SubmitReply(8, 600'000, std::string(600'000, 'x'))},
-         " >1 >2 >3 >4 >5 >6 >7 >8 <1+512 <2+5 <3+0 <4+0 <5+51 <6+96 <7+0 <8+600000"},
+         " >1 >2 >3 >4 >5 >6 >7 >8 <1+512 <2+5 <3+0 <4+0 <5+48 <6+96 <7+0 <8+600000"},
         {"unlink succeeds", {urb, unlink, gone}, " >5 >6 <6=-104"},
         {"and nothing may follow", {urb, unlink, gone, reply}, " >5 >6 <6=-104 END"},
         {"the URB wins, no RET_UNLINK", {urb, unlink, reply}, " >5 >6 <5+9 <6=0"},
@@ -90,6 +90,9 @@ TEST_F(UsbipTrafficTest, UnlinksAreAnsweredOnceAndLiesEndTheDevice) {
         {"too long, IN", {urb, SubmitReply(5, 65)}, " >5 END"},
         {"too long, OUT", {SubmitOut(5, "data"), SubmitReply(5, 65)}, " >5 END"},
         {"packets nobody asked for", {urb, SubmitReply(5, 0, {}, 1)}, " >5 END"},
+        {"packets of another sum",
+         {With(kPackets, 1, SubmitIn(5, 9) + std::string(16, 'i')), SubmitReply(5, 3, "iso", 1)},
+         " >5 END"},
         {"4G packets", {urb, With(kPackets, 0xFFFFFFFE, reply)}, " >5 END"},
         {"4 GiB", {SubmitIn(5, 0xFFFFFFFF), SubmitReply(5, 0xFFFFFFFF)}, " >5 END"},
         {"unknown URB", {urb, SubmitReply(7, 0)}, " >5 END"},
