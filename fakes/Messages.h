@@ -105,7 +105,7 @@ inline std::string SubmitReply(std::uint32_t seqnum, std::uint32_t actual_length
     header.u.ret_submit.actual_length = htobe32(actual_length);
     header.u.ret_submit.number_of_packets = htobe32(iso);
     return Bytes(header) + std::string(data) +
-           std::string(iso * sizeof(usbip_iso_packet_descriptor), 'i');
+           std::string(iso * sizeof(usbip_iso_packet_descriptor), '\0');
 }
 
 inline std::string UnlinkReply(std::uint32_t seqnum, int status = 0) {
