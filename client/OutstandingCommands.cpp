@@ -30,8 +30,7 @@ void COutstandingCommands::Clear() {
 }
 
 bool COutstandingCommands::Record(std::string_view pdu) {
-    usbip_header header;
-    pdu.copy(reinterpret_cast<char*>(&header), sizeof header);
+    const usbip_header header = UsbipHeaderOf(pdu);
     const std::uint32_t seqnum = be32toh(header.seqnum);
     if (be32toh(header.command) == USBIP_CMD_UNLINK) {
         CLockGuard guard(m_lock);

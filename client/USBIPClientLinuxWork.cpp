@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstring>
 #include <new>
 
 #include "client/IClientUsbipListenter.h"
@@ -109,10 +108,8 @@ bool CUsbipClientLinux::CheckDevRead() try {
 
 // Of the PDU being assembled; until its header is there, of the header.
 bool CUsbipClientLinux::DevBufLength(UsbipPduLength& length) {
-    usbip_header header;
-    if (m_devBufLen < sizeof header) return true;
-    std::memcpy(&header, m_devBuf.data(), sizeof header);
-    return CalcLen(header, true, false, length);
+    if (m_devBufLen < sizeof(usbip_header)) return true;
+    return CalcLen(UsbipHeaderOf({m_devBuf.data(), m_devBufLen}), true, false, length);
 }
 
 // Remembered before the peer sees the command, so that its reply finds the entry.

@@ -129,11 +129,10 @@ CUsbipClientLinux::Verdict CUsbipClientLinux::CheckNetRecv(std::string_view byte
         XJModLog(4, "[CUsbipClientLinux] CheckNetRecv invalid%s", what);
         return verdict;
     };
-    usbip_header header;
+    const usbip_header header = UsbipHeaderOf(bytes);
     if (bytes.size() < sizeof header) {
         return invalid(Verdict::kNotWhole, first ? " packet" : "");
     }
-    bytes.copy(reinterpret_cast<char*>(&header), sizeof header);
     const std::uint32_t seqnum = be32toh(header.seqnum);
     const bool submit = be32toh(header.command) == USBIP_RET_SUBMIT;
 

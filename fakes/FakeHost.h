@@ -30,10 +30,13 @@ std::ostream& operator<<(std::ostream& out, const LogLine& line);
 class FakeRuntime : public IXJModRuntime {
   public:
     void Log(int level, const char* text) override;
-    bool GetConfig(bool, const char*, const char*, IXJModData**, const char*) override {
-        return true;
+    // True for these arguments.
+    bool GetConfig(bool, const char* b, const char* c, IXJModData**, const char* e) override {
+        return b + std::string(c) + e == "bce";
     }
-    bool SaveConfig(bool, const char*, const char*, const char*) override { return true; }
+    bool SaveConfig(bool, const char* b, const char* c, const char* d) override {
+        return b + std::string(c) + d == "bcd";
+    }
     void* GetEnv(const char*) override { return this; }
 
     // Waits for the nth line with this level and text.

@@ -26,10 +26,13 @@ class Ledger {
     }
     // A sanitizer adds a thread of its own to the first one.
     static Counts Settled() {
-        static const bool started = [] { return std::thread([] {}).join(), true; }();
-        Counts held{};
-        Eventually([&] { return started && std::exchange(held, Held()) == held; });
-        return held;
+        static const bool settled = [] {
+            std::thread([] {}).join();
+            Counts held{};
+            return Eventually([&] { return std::exchange(held, Held()) == held; });
+        }();
+        Require(settled, "nothing comes and goes");
+        return Held();
     }
 
     const Counts held_ = Settled();

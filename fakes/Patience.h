@@ -2,8 +2,10 @@
 // process.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +13,7 @@
 #include <filesystem>
 #include <iterator>
 #include <mutex>
+#include <string>
 
 // The bound of every wait for something that has to happen. Only a failing test ever waits so
 // long, so it is sized for the slowest setting: emulated, sanitized, on a busy machine.
@@ -75,8 +78,12 @@ inline long CpuMilliseconds(clockid_t clock) {
     return now.tv_sec * 1000 + now.tv_nsec / 1'000'000;
 }
 
-inline long OpenDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+// But for those with this descriptor flag.
+inline long OpenDescriptors(int without = 0) {
+    return std::ranges::count_if(
+        std::filesystem::directory_iterator("/proc/self/fd"), [&](const auto& entry) {
+            return (fcntl(std::stoi(entry.path().filename()), F_GETFD) & without) == 0;
+        });
 }
 
 inline long Threads() {

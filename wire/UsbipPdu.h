@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string_view>
 
 enum UsbipCommand : std::uint32_t {
     USBIP_CMD_SUBMIT = 1,  // kernel to device
@@ -94,6 +95,13 @@ inline UsbipPduLength UsbipCmdSubmitLength(const usbip_header& header) {
 inline UsbipPduLength UsbipRetSubmitLength(const usbip_header& header, bool answers_out) {
     return {answers_out ? 0 : be32toh(header.u.ret_submit.actual_length),
             UsbipIsoBytes(header.u.ret_submit.number_of_packets)};
+}
+
+// The header at the front of `bytes`; zero where they end early.
+inline usbip_header UsbipHeaderOf(std::string_view bytes) {
+    usbip_header header{};
+    bytes.copy(reinterpret_cast<char*>(&header), sizeof header);
+    return header;
 }
 
 // What follows the header of a command, or of a reply; none when the header is of neither.

@@ -20,7 +20,7 @@ struct UsbipSubmitted {
 // Packet `index` of a whole PDU of `length`, in host byte order.
 inline usbip_iso_packet_descriptor UsbipPacketAt(std::string_view pdu, const UsbipPduLength& length,
                                                  std::size_t index) {
-    usbip_iso_packet_descriptor packet;
+    usbip_iso_packet_descriptor packet{};
     pdu.copy(reinterpret_cast<char*>(&packet), sizeof packet,
              sizeof(usbip_header) + length.data + index * sizeof packet);
     return {be32toh(packet.offset), be32toh(packet.length), be32toh(packet.actual_length),
@@ -30,8 +30,7 @@ inline usbip_iso_packet_descriptor UsbipPacketAt(std::string_view pdu, const Usb
 // What is wrong with the whole RET_SUBMIT `reply` to `command`; null: nothing. What is only unusual
 // passes: packets that are packed or left out, short ones, errors.
 inline const char* UsbipLieIn(const UsbipSubmitted& command, std::string_view reply) {
-    usbip_header header;
-    std::memcpy(&header, reply.data(), sizeof header);
+    const usbip_header header = UsbipHeaderOf(reply);
     const std::uint32_t actual_length = be32toh(header.u.ret_submit.actual_length);
     if (actual_length > command.length) return "more data than the transfer holds";
     if (header.u.ret_submit.number_of_packets == kUsbipNotIso) {
@@ -60,8 +59,7 @@ inline const char* UsbipLieIn(const UsbipSubmitted& command, std::string_view re
 // must be harmless whatever the kernel's URB is: it has no packets, and should the kernel expect no
 // data, what is data here must not be taken for the next reply.
 inline const char* UsbipLieInStray(std::string_view reply) {
-    usbip_header header;
-    std::memcpy(&header, reply.data(), sizeof header);
+    const usbip_header header = UsbipHeaderOf(reply);
     if (header.u.ret_submit.number_of_packets != 0) return "packets that nobody asked for";
     const std::string_view data = reply.substr(sizeof header).substr(0, sizeof header.command);
     for (const std::uint32_t command : {USBIP_RET_SUBMIT, USBIP_RET_UNLINK}) {

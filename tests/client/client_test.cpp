@@ -54,7 +54,9 @@ TEST_F(ClientTest, AnUnmapIsPromptAndGivesEverythingBack) {
 
 TEST_F(ClientTest, TheKernelsEndEndsItOnce) {
     const long descriptors = OpenDescriptors();
+    const long inherited = OpenDescriptors(FD_CLOEXEC);
     const auto kernel = Map(12);
+    EXPECT_EQ(OpenDescriptors(FD_CLOEXEC), inherited) << "a child of the host would keep it open";
     const long cpu = CpuMilliseconds(CLOCK_PROCESS_CPUTIME_ID);
     kernel->Close();
     ExpectLog(4, "read dev fail");
@@ -74,6 +76,22 @@ TEST_F(ClientTest, AWriteAfterTheKernelLetGoRaisesNoSignal) {
     Reply(UnlinkReply(1));
     ExpectLog(4, "[CUsbipClientLinux] write device fail");
     EXPECT_EQ(NextMessage(), UnmapMessage(5));
+}
+
+TEST_F(ClientTest, SignalsEndNothing) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};  // and no SA_RESTART
+    sigaction(SIGUSR1, &action, nullptr);
+    const auto kernel = Map(5);
+    const std::string reply = PeerPdu(1, 4 << 20);
+    Reply(reply);
+    EXPECT_EQ(kernel->Receive(48), reply.substr(0, 48)) << "writing has begun, and waits";
+    for (int i = 0; i < 20; ++i, usleep(1000))
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+            tgkill(getpid(), std::stoi(task.path().filename()), SIGUSR1);
+    EXPECT_TRUE(kernel->Receive(reply.size() - 48) == reply.substr(48));
+    EXPECT_TRUE(Works(5, *kernel));
+    EXPECT_EQ(host.runtime.Lines(4), std::vector<LogLine>());
 }
 
 // --- attach ---

@@ -39,8 +39,9 @@ TEST_F(ModuleTest, RuntimeOperationsAreForwarded) {
     IXJModRuntime* runtime = CXJModRuntime::Instance();
     for (const bool set : {false, true}) {
         if (set) Init();
-        EXPECT_EQ(runtime->GetConfig(false, "", "", nullptr, ""), set);
-        EXPECT_EQ(runtime->SaveConfig(false, "", "", ""), set);
+        EXPECT_EQ(runtime->GetConfig(false, "b", "c", nullptr, "e"), set);
+        EXPECT_EQ(runtime->SaveConfig(false, "b", "c", "d"), set);
+        EXPECT_FALSE(runtime->SaveConfig(false, "", "", ""));
         EXPECT_EQ(runtime->GetEnv("x"), set ? &runtime_ : nullptr);
     }
     EXPECT_TRUE(module_->init(runtime));

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <csignal>
 #include <iostream>
 #include <random>
 #include <stdexcept>
@@ -35,23 +34,12 @@ struct Device {
     usbip_header command = {};          // the last one that the peer has got and not answered
 };
 
-void interrupt_everybody(const std::stop_token& stop) {
-    struct sigaction action {};
-    action.sa_handler = [](int) {};  // and no SA_RESTART
-    sigaction(SIGUSR1, &action, nullptr);
-    for (; !stop.stop_requested(); usleep(1000))
-        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
-            tgkill(getpid(), std::stoi(task.path().filename()), SIGUSR1);
-}
-
 class Life : Rig {
   public:
     explicit Life(unsigned long seed)
         : Rig(128), random_(static_cast<std::mt19937::result_type>(seed)) {}
 
     void Play() {
-        std::jthread pest;
-        if (Pick(0, 1) == 0) pest = std::jthread(interrupt_everybody);
         for (auto sessions = Pick(1, 3); sessions > 0; --sessions) {
             host.stream = new FakeStream;
             host.stream->SetReadBlock(PickSize());
