@@ -71,6 +71,7 @@ class EagerDevice : public Device {
     const DeviceInfo& Info() const override { return info_; }
     void Attach(ReplySink& sink) override { sink_ = &sink; }
     void Detach() override { sink_ = nullptr; }
+    bool DataSafe() const override { return data_safe; }
     void TakeCommand(const Command& command) override {
         taken += Text(command.pdu);
         if (command.unlinks) return sink_->Reply(RetUnlink(command.seqnum, 0));
@@ -83,6 +84,7 @@ class EagerDevice : public Device {
         return SubmitReply(seqnum, length, std::string(length, 'x'));
     }
 
+    static inline bool data_safe = true;
     std::string taken;  // the PDUs of all commands
 
   private:

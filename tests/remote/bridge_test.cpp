@@ -23,17 +23,6 @@ struct FakeServer : posix::test::Port {
     }
 };
 
-// Writes until nobody has read for a while. Returns what is left.
-std::string_view WriteUntilStuck(const Peer& peer, std::string_view bytes) {
-    pollfd writable{peer.Get(), POLLOUT, 0};
-    while (!bytes.empty() && poll(&writable, 1, 500) == 1) {
-        const ssize_t count = send(peer.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
-        if (count <= 0) break;
-        bytes.remove_prefix(static_cast<std::size_t>(count));
-    }
-    return bytes;
-}
-
 struct Lent {
     Peer server;
     std::uint32_t devid;
@@ -144,9 +133,9 @@ TEST_F(BridgeTest, WhatEndsADeviceLeavesTheOtherAloneAndWithWaitItComesBack) {
     }
 }
 
-// While the host does not read, replies stay with the server and commands with the host: neither
-// are they gathered without bound, nor does one get lost.
-TEST_F(BridgeTest, HostThatStopsReadingIsHeldBackAndHoldsTheServerBack) {
+// While the host does not read, replies stay with the server: neither are they gathered without
+// bound, nor does one get lost.
+TEST_F(BridgeTest, HostThatStopsReadingHoldsTheServerBack) {
     Start(1);
     const Lent device = Lend(fake_);
     std::string replies;
@@ -155,18 +144,16 @@ TEST_F(BridgeTest, HostThatStopsReadingIsHeldBackAndHoldsTheServerBack) {
         replies += SubmitReply(seqnum, 1 << 20, kMegabyte);
     }
     device.server.Read(64 * sizeof(usbip_header));
-    const std::string_view late_replies = WriteUntilStuck(device.server, replies);
-    EXPECT_GT(late_replies.size(), replies.size() / 2) << "the server is read from";
-    const std::string command = SubmitOut(65, std::string(8 << 20, 'x'));
-    const std::string message = ForwardMessage(device.devid, command);
-    const std::string_view late_command = WriteUntilStuck(host_, message);
-    EXPECT_GT(late_command.size(), message.size() / 2) << "the host is read from";
-
-    const std::jthread server([&] { device.server.Write(late_replies); });
+    std::string_view late = replies;
+    pollfd writable{device.server.Get(), POLLOUT, 0};
+    while (!late.empty() && poll(&writable, 1, 500) == 1) {
+        const ssize_t count = send(writable.fd, late.data(), late.size(), MSG_DONTWAIT);
+        late.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+    EXPECT_GT(late.size(), replies.size() / 2) << "the server is read from";
+    const std::jthread server([&] { device.server.Write(late); });
     for (std::uint32_t seqnum = 1; seqnum <= 64; ++seqnum)
         EXPECT_TRUE(host_.Reply(device.devid) == SubmitReply(seqnum, 1 << 20, kMegabyte)) << seqnum;
-    const std::jthread host([&] { host_.Write(late_command); });
-    EXPECT_TRUE(device.server.Read(command.size()) == command);
 }
 
 // Driven by hand: nobody waits for the deadline.
