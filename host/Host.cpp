@@ -60,7 +60,7 @@ int RunHost(const Options& options, int stop) {
     const std::string where = Describe(options.target);
     Backoff backoff;
     for (;;) {
-        auto link = Open(options.target, stop, error);
+        auto link = posix::IsStopped(stop) ? std::nullopt : Open(options.target, stop, error);
         if (link) {
             runtime.Say("connected to " + where);
             serve(*plugin, *link->stream, stop);

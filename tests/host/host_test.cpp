@@ -4,23 +4,21 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
 
-#include "fakes/Patience.h"
+#include "fakes/Messages.h"
 #include "host/Doctor.h"
-#include "host/Keeper.h"
+#include "posix/Peer.h"
 
 namespace host {
 namespace {
+
+using posix::test::Peer;
 
 TEST(BackoffTest, PausesDoubleUpToALimitAndStartAgainBehindARemoteSide) {
     Backoff backoff;
@@ -65,13 +63,6 @@ TEST(DoctorTest, SaysWhatItFoundAndWhatStandsInTheWay) {
 // The stream under test and its peer.
 class StreamTest : public testing::Test {
   protected:
-    StreamTest() {
-        int pair[2];
-        EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
-        stream_ = new SocketStream(socket_ = pair[0]);
-        peer_ = posix::UniqueFd(pair[1]);
-    }
-
     // What one Read yields; "failed" for a failure.
     std::string Read(std::size_t len) {
         std::string bytes(len, '\0');
@@ -80,13 +71,14 @@ class StreamTest : public testing::Test {
         return bytes.substr(0, got);
     }
 
-    int socket_ = -1;  // the stream's
-    CRefObj<SocketStream> stream_;
-    posix::UniqueFd peer_;
+    std::pair<Peer, posix::UniqueFd> pair_ = posix::test::ConnectedPair();
+    Peer& peer_ = pair_.first;
+    const int socket_ = pair_.second.Release();  // the stream's
+    const CRefObj<SocketStream> stream_ = new SocketStream(socket_);
 };
 
 TEST_F(StreamTest, ReadsAheadAndTheEndDropsThat) {
-    ASSERT_EQ(4, ::send(peer_.Get(), "0123", 4, 0));
+    peer_.Write("0123");
     EXPECT_EQ("01", Read(2));
     char next = 0;
     EXPECT_EQ(-1, ::recv(socket_, &next, 1, MSG_PEEK | MSG_DONTWAIT)) << "not read ahead";
@@ -95,76 +87,54 @@ TEST_F(StreamTest, ReadsAheadAndTheEndDropsThat) {
 }
 
 TEST_F(StreamTest, WhatThePeerSentBeforeItLeftIsDeliveredAndThenTheStreamHasEnded) {
-    ASSERT_EQ(10, ::send(peer_.Get(), "last words", 10, 0));
+    peer_.Write("last words");
     ::shutdown(peer_.Get(), SHUT_WR);
     EXPECT_EQ("last", Read(4));
     EXPECT_EQ(" words", Read(100));
     EXPECT_EQ("failed", Read(100));
-    char next = 0;
-    EXPECT_EQ(0, ::recv(peer_.Get(), &next, 1, MSG_DONTWAIT)) << "not for both directions";
+    EXPECT_EQ("", peer_.ReadToEnd()) << "not for both directions";
 }
 
 TEST_F(StreamTest, WritingToAPeerThatLeftFailsWithoutASignal) {
-    peer_ = {};
+    peer_ = Peer();
     unsigned long written = 0;
     EXPECT_NE(0, stream_->Write("x", 1, &written, 0));
     EXPECT_EQ(EPIPE, stream_->Error());
 }
 
-constexpr int kPromptMs = 3'000;  // less than the pause and the connect that a signal cuts short
+constexpr int kPromptMs = 8'000;  // less than the connect that a signal cuts short
 const std::string kStatus = "the command ended with status ";
-constexpr timeval kPatient{kPatience.count(), 0};
-
-// Fewer than `size` bytes at the end of the stream, or when they do not come in time.
-std::string receive(const posix::UniqueFd& socket, std::size_t size) {
-    ::setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatient, sizeof kPatient);
-    std::string bytes(size, '\0');
-    const ssize_t count = ::recv(socket.Get(), bytes.data(), size, MSG_WAITALL);
-    return bytes.substr(0, static_cast<std::size_t>(std::max(count, ssize_t{0})));
-}
-
 const std::string kContent(4096, 'x');  // of the image
 
 class ProgramTest : public testing::Test {
   protected:
     ProgramTest() {
         std::ofstream(image_) << kContent;
-        EXPECT_EQ(0, ::listen(listener_.Get(), 0));  // at any port, with a backlog of one
-        ::setsockopt(listener_.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatient, sizeof kPatient);
-        sockaddr_in address{};
-        socklen_t size = sizeof address;
-        ::getsockname(listener_.Get(), reinterpret_cast<sockaddr*>(&address), &size);
-        port_ = ntohs(address.sin_port);
-        target_ = "localhost:" + std::to_string(port_);
+        port_.Listen(0);
     }
-
     ~ProgramTest() override { std::filesystem::remove(image_); }
-
-    posix::UniqueFd Accept() const {
-        return posix::UniqueFd(::accept(listener_.Get(), nullptr, nullptr));
-    }
 
     // All three of the program's standard streams are ours.
     void Run(const std::string& command) {
-        program_ = Child::Start("exec " + command + " 2>&1", output_, seen_);
+        posix::UniqueFd output;
+        program_ = Child::Start("exec " + command + " 2>&1", output, seen_);
+        output_ = Peer(std::move(output));
     }
     void Start(const std::string& arguments) { Run(COMMAND " " + arguments); }
 
     // Reads on until the output holds `text`, and splits the output there.
     void ExpectOutput(const std::string& text) {
         for (std::string next; seen_.find(text) == std::string::npos; seen_ += next) {
-            next = receive(output_, 1);
+            next = output_.ReadSome();
             ASSERT_FALSE(next.empty()) << text << " is not in " << seen_;
         }
         before_ = seen_.substr(0, seen_.find(text));
         seen_.erase(0, before_.size() + text.size());
     }
 
-    static void ExchangeVersions(const posix::UniqueFd& peer) {
-        const char request[] = "\x0C\0\0\0\x0B\0\0\0\4\0\0\0\1\0\0\0\0\0\0\0";
-        const std::string response("\x0C\0\0\0\x0B\0\0\0\4\0\0\0\2\0\0\0\3\0\0\0", 20);
-        EXPECT_EQ(20, ::send(peer.Get(), request, 20, MSG_NOSIGNAL));
-        EXPECT_EQ(response, receive(peer, 20));
+    static void ExchangeVersions(const Peer& peer) {
+        peer.Write(VersionRequest(0));
+        EXPECT_EQ(VersionResponse(), peer.Read(20));
     }
 
     // How the program ended, after `signal` unless that is 0.
@@ -174,11 +144,10 @@ class ProgramTest : public testing::Test {
     }
 
     const std::string image_ = testing::TempDir() + "host-" + std::to_string(::getpid()) + ".img";
-    const posix::UniqueFd listener_{::socket(AF_INET, SOCK_STREAM, 0)};
-    unsigned port_ = 0;
-    std::string target_;  // names it
+    const posix::test::Port port_;
+    const std::string target_ = "localhost:" + std::to_string(port_.address.port);
     std::unique_ptr<Child> program_;
-    posix::UniqueFd output_;
+    Peer output_;
     std::string before_;  // of the output, what came before the text waited for last
     std::string seen_;    // and behind it
 };
@@ -186,24 +155,24 @@ class ProgramTest : public testing::Test {
 TEST_F(ProgramTest, TheModuleAnswersOverTheStreamAndOverTheNextUntilSigterm) {
     Start("--reconnect --connect " + target_);
     for (int i = 0; i < 2; ++i) {
-        ExchangeVersions(Accept());
+        ExchangeVersions(port_.Accept());
         ExpectOutput("] ExitInstance");
         ExpectOutput(": the remote side ended it");
         ExpectOutput("trying again in 1 s");
     }
-    const posix::UniqueFd peer = Accept();
+    const Peer peer = port_.Accept();
     for (int i = 0; i < 2; ++i)
         ExchangeVersions(peer);
     EXPECT_EQ(kStatus + "0", Exit(SIGTERM));
-    EXPECT_EQ("", receive(peer, 1)) << "the peer sees the end of the stream";
+    EXPECT_EQ("", peer.ReadToEnd());
 }
 
 TEST_F(ProgramTest, ASignalCutsAPauseShortThoughNobodyReadsTheLogAnyMore) {
-    Start("--reconnect --connect no.such.host.invalid:9");
-    ExpectOutput("cannot resolve no.such.host.invalid: ");
+    Start("--reconnect --exec 'echo >>" + image_ + "'");
     ExpectOutput("trying again in 4 s");
-    output_ = {};
+    output_ = Peer();
     EXPECT_EQ(kStatus + "0", Exit(SIGTERM));
+    EXPECT_EQ(kContent.size() + 3, std::filesystem::file_size(image_)) << "tried again";
 }
 
 TEST_F(ProgramTest, ASignalEndsAConnectThatNobodyAnswers) {
@@ -212,13 +181,13 @@ TEST_F(ProgramTest, ASignalEndsAConnectThatNobodyAnswers) {
     const auto queued = std::move(program_);
     Start("--connect " + target_);
     char connecting[32];  // remote address and state in the kernel's table: SYN_SENT
-    std::snprintf(connecting, sizeof connecting, " 0100007F:%04X 02 ", port_);
+    std::snprintf(connecting, sizeof connecting, " 0100007F:%04X 02 ", port_.address.port);
     ASSERT_TRUE(Eventually([&] {
         std::getline(std::ifstream("/proc/net/tcp"), seen_, '\0');
         return seen_.find(connecting) != std::string::npos;
     })) << seen_;
     EXPECT_EQ(kStatus + "0", Exit(SIGINT));
-    EXPECT_FALSE(queued->Wait(1'000)) << "the first gave up on a peer that is only silent";
+    EXPECT_FALSE(queued->Wait(0)) << "the first gave up on a peer that is only silent";
 }
 
 // The command inherits none of the program's own handling of signals, and its text cannot forge
@@ -227,7 +196,7 @@ TEST_F(ProgramTest, AnEndedCommandIsALostStream) {
     for (const std::string signal : {"PIPE", "TERM"}) {
         Start("--log-level 4 --exec \"kill -" + signal + " \\$\\$\n\"");
         EXPECT_EQ(kStatus + "1", Exit());
-        seen_ = receive(output_, 10'000);
+        seen_ = output_.ReadToEnd();
         EXPECT_EQ(std::string::npos, seen_.find(" 1 [usbipclient]")) << "not asked for: " << seen_;
         ExpectOutput("$$\\x0A\": the remote side ended it; the command was ended by signal");
     }
@@ -240,10 +209,10 @@ TEST_F(ProgramTest, TheHostAndTheRemoteSideEndTogether) {
     ExpectOutput("listening on 0.0.0.0:");
     ExpectOutput("\n");
     const auto remote = std::move(program_);
-    const posix::UniqueFd terminal = std::move(output_);
+    const Peer terminal = std::move(output_);
     Start("--connect localhost:" + before_);
     ExpectOutput("] map device 1, busid 1 portid 1 instanceid disk1 host-");
-    EXPECT_EQ(5, ::send(terminal.Get(), "quit\n", 5, 0));
+    terminal.Write("quit\n");
     EXPECT_EQ(kStatus + "1", Exit());
     ExpectOutput("the remote side ended it");
     EXPECT_TRUE(remote->Wait(kPromptMs));
@@ -257,32 +226,19 @@ TEST_F(ProgramTest, TheHostAndTheRemoteSideEndTogether) {
 }
 
 TEST(CommandTest, IsAskedToEndAndThenMadeTo) {
-    const std::pair<const char*, int> cases[] = {
-        {"cat; exit 3", W_EXITCODE(3, 0)},  // sees the end of its input
-        {"head -c1; exec sleep 60", SIGTERM},
-        {"trap '' TERM; head -c1; exec sleep 60", SIGKILL}};
-    for (const auto& [command, status] : cases) {
-        int stream[2];
-        int control[2];
-        ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, stream));
-        ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, control));
-        posix::UniqueFd ours(stream[0]), theirs(stream[1]), ears(control[0]), keepers(control[1]);
-        const pid_t keeper = ::fork();
-        if (keeper == 0) {
-            Keep(command, theirs.Release(), keepers.Release());
-            std::exit(0);  // after which a measurement knows the lines
-        }
-        theirs = {};
-        keepers = {};
-        EXPECT_EQ(1, ::send(ours.Get(), "x", 1, MSG_NOSIGNAL));
-        EXPECT_EQ("x", receive(ours, 1)) << command;
-        ours = {};
-        ::shutdown(ears.Get(), SHUT_WR);
-        const std::string heard = receive(ears, 2 * sizeof(int));
-        int said[2] = {};
-        std::memcpy(said, heard.data(), heard.size());
-        EXPECT_EQ(status, said[1]) << command;
-        ::waitpid(keeper, nullptr, 0);
+    const std::pair<const char*, std::string> cases[] = {
+        {"cat; exit 3", kStatus + "3"},  // sees the end of its input
+        {"head -c1; exec sleep 60", "the command was ended by signal Terminated"},
+        {"trap '' TERM; head -c1; exec sleep 60", "the command was ended by signal Killed"}};
+    for (const auto& [command, end] : cases) {
+        posix::UniqueFd stream;
+        std::string error;
+        const auto child = Child::Start(command, stream, error);
+        const Peer peer(std::move(stream));
+        peer.Write("x");
+        EXPECT_EQ("x", peer.Read(1));
+        ::shutdown(peer.Get(), SHUT_RDWR);
+        EXPECT_TRUE(Eventually([&] { return child->End() == end; })) << child->End();
     }
 }
 
@@ -312,7 +268,7 @@ TEST(CommandTest, NothingOfItIsLeftBehind) {
 TEST_F(ProgramTest, StandardStreamsMayBeClosed) {
     const std::string closed = " <&- >&- 2>&-";
     Run("sh -c 'exec " COMMAND " --log-level 1,4,8 --connect " + target_ + closed + "'");
-    ExchangeVersions(Accept());
+    ExchangeVersions(port_.Accept());
     EXPECT_EQ(kStatus + "1", Exit());
     Run("sh -c 'exec " REMOTE " --stdio --disk " + image_ + closed + "'");
     EXPECT_EQ(kStatus + "0", Exit());
@@ -331,10 +287,10 @@ TEST_F(ProgramTest, OutputThatNobodyReadsKeepsNobodyFromEnding) {
     const std::string full =
         "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(ends[1]);
     Run("sh -c 'exec " COMMAND " --connect " + target_ + " 2>" + full + "'");
-    ExchangeVersions(Accept());
+    ExchangeVersions(port_.Accept());
     EXPECT_EQ(kStatus + "0", Exit(SIGTERM));
     Run("sh -c 'exec " REMOTE " --list " + target_ + " >" + full + " 2>&1'");
-    Accept();
+    port_.Accept();
     EXPECT_EQ(kStatus + "1", Exit());
 }
 
@@ -345,7 +301,7 @@ TEST_F(ProgramTest, InTheBackgroundOfATerminalAKeyDoesNotStopTheRemoteSide) {
     ExpectOutput(".");
     const pid_t pid = std::stoi(before_);
     ExpectOutput("listening on");
-    EXPECT_EQ(4, ::send(output_.Get(), "key\n", 4, 0));
+    output_.Write("key\n");
     ExpectOutput("key");  // the terminal's echo
     ::kill(pid, SIGTERM);
     ExpectOutput("device 1: URBs in 0");
@@ -353,7 +309,23 @@ TEST_F(ProgramTest, InTheBackgroundOfATerminalAKeyDoesNotStopTheRemoteSide) {
 
 TEST_F(ProgramTest, WhatCannotWorkIsTold) {
     const std::pair<std::string, std::string> cases[] = {
-        {COMMAND, "2: xj-usbip-host: one of"},
+        {COMMAND " --version", "0: 1.0.0\n"},
+        {REMOTE " --help", "0: Exit status: 0"},
+        {COMMAND, "2: xj-usbip-host: one of --connect, --exec is needed\nRun with --help for"},
+        {COMMAND " --conect box:1", "2: unknown option --conect\n"},
+        {COMMAND " nonsense --reconnect", "2: unexpected argument nonsense\n"},
+        {COMMAND " doctor --now", "2: unknown option --now\n"},
+        {COMMAND " --connect box", "2: --connect: expected HOST:PORT or unix:PATH\n"},
+        {COMMAND " --connect box:1 --exec true", "2: only one of --connect, --exec can be given\n"},
+        {COMMAND " --exec ''", "2: --exec: the command is empty\n"},
+        {COMMAND " --exec true --log-level 3", "2: --log-level: 3 not in {1,4,8}\n"},
+        {REMOTE " --listen box:70000", "2: --listen: the port is a number from 0 to 65535\n"},
+        {REMOTE " --list box:usb", "2: --list: the port is a number from 1 to 65535\n"},
+        {REMOTE " --stdio", "2: xj-usbip-remote: --disk, --usbip: one device or more is needed\n"},
+        {REMOTE " --stdio --disk ,ro", "2: --disk: ',ro' names no image\n"},
+        {REMOTE " --stdio --disk a,rw", "2: 'rw' is none of ro, speed=high, speed=super\n"},
+        {REMOTE " --stdio --usbip box", "2: --usbip: 'box' is not HOST[:PORT]/BUSID\n"},
+        {REMOTE " --stdio --usbip /1-1", "2: --usbip: the host is missing\n"},
         {COMMAND " --connect unix:/dev/null", "1: cannot open unix:/dev/null: Connection refused"},
         {REMOTE " --stdio --disk /no/image", "1: xj-usbip-remote: /no/image: No such file"},
         {REMOTE " --stdio --usbip [::1]:1/1-1", "1: there is no device to offer"},

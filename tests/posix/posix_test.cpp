@@ -8,7 +8,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -57,68 +56,11 @@ TEST(AddressTest, IsHostAndPortOrAPath) {
     EXPECT_EQ("box:9", parsed(ParseServer, "box:9", kDefault));
 }
 
-// The exit status, if the program is to end, and what it wrote.
-template <typename Options>
-std::pair<int, std::string> parse(const std::string& line, Options& options) {
-    std::istringstream text("program " + line);
-    std::vector<std::string> words;
-    for (std::string word; text >> word;)
-        words.push_back(word == "''" ? "" : word);
-    std::vector<const char*> arguments;
-    for (const std::string& word : words)
-        arguments.push_back(word.c_str());
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    // Of the program whose options these are.
-    const auto status =
-        ParseCommandLine(static_cast<int>(arguments.size()), arguments.data(), options);
-    const std::string output = testing::internal::GetCapturedStdout();
-    const std::string errors = testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(output.empty() || errors.empty());
-    EXPECT_EQ(status == 2, !errors.empty()) << line;
-    return {status.value_or(-1), output + errors};
-}
-
-template <typename Options>
-void expect_mistakes(const std::string& program,
-                     const std::vector<std::pair<std::string, std::string>>& cases) {
-    for (const auto& [line, mistake] : cases) {
-        Options options;
-        EXPECT_EQ(program + ": " + mistake + "\nRun with --help for more information.\n",
-                  parse(line, options).second);
-    }
-    Options options;
-    EXPECT_EQ(std::pair(0, std::string("1.0.0\n")), parse("--version", options));
-    EXPECT_NE(std::string::npos, parse("--help", options).second.find("Exit status: 0"));
-}
-
-TEST(CommandLineTest, AMistakeIsNamed) {
-    expect_mistakes<host::Options>(
-        "xj-usbip-host",
-        {{"", "one of --connect, --exec is needed"},
-         {"--conect box:1", "unknown option --conect"},
-         {"nonsense --reconnect", "unexpected argument nonsense"},
-         {"doctor --now", "unknown option --now"},
-         {"--connect", "--connect: 1 required ADDRESS missing"},
-         {"--connect ::1:9", "--connect: an IPv6 address stands in brackets: [::1]:9000"},
-         {"--connect box:1 --exec true", "only one of --connect, --exec can be given"},
-         {"--exec ''", "--exec: the command is empty"},
-         {"--exec true --log-level 3", "--log-level: 3 not in {1,4,8}"}});
-    expect_mistakes<remote::Options>(
-        "xj-usbip-remote",
-        {{"--lisen box:1 --disk a", "unknown option --lisen"},
-         {"--listen box:70000 --disk a", "--listen: the port is a number from 0 to 65535"},
-         {"--list box:usb", "--list: the port is a number from 1 to 65535"},
-         {"--stdio", "--disk, --usbip: one device or more is needed"},
-         {"--stdio --disk ,ro", "--disk: ',ro' names no image"},
-         {"--stdio --disk a,rw", "--disk: 'rw' is none of ro, speed=high, speed=super"},
-         {"--stdio --usbip box", "--usbip: 'box' is not HOST[:PORT]/BUSID"},
-         {"--stdio --usbip /1-1", "--usbip: the host is missing"}});
-}
-
 TEST(CommandLineTest, WhatIsGivenArrives) {
     remote::Options remote;
-    parse("--listen [::1]:0 --disk a --disk b,ro,speed=super --usbip box/1-2 --wait", remote);
+    const char* const served[] = {"",       "--listen",         "[::1]:0", "--disk",  "a",
+                                  "--disk", "b,ro,speed=super", "--usbip", "box/1-2", "--wait"};
+    EXPECT_FALSE(ParseCommandLine(std::size(served), served, remote));
     ASSERT_EQ(3U, remote.disks.size() + remote.imports.size());
     const auto& [first, second] = std::tie(remote.disks[0], remote.disks[1]);
     EXPECT_EQ(std::tuple("a", false, remote::UsbSpeed::kHigh),
@@ -129,10 +71,12 @@ TEST(CommandLineTest, WhatIsGivenArrives) {
     EXPECT_EQ("[::1]:0", Describe(remote.listen.value()));
     EXPECT_TRUE(remote.wait && !remote.compress);
     host::Options host;
-    parse("--exec true --log-level 8,1", host);
+    const char* const logged[] = {"", "--exec", "true", "--log-level", "8,1"};
+    EXPECT_FALSE(ParseCommandLine(std::size(logged), logged, host));
     EXPECT_EQ(std::tuple("true", std::set<int>{1, 8}, false),
               std::tie(host.target.command, host.log_levels, host.doctor));
-    parse("doctor", host);
+    const char* const doctor[] = {"", "doctor"};
+    EXPECT_FALSE(ParseCommandLine(std::size(doctor), doctor, host));
     EXPECT_TRUE(host.doctor);
 }
 
@@ -188,12 +132,13 @@ TEST(SocketTest, ABurstOfHostsIsHeldAndWhatCannotBeAcceptedWaits) {
     for (UniqueFd& host : hosts)
         ASSERT_TRUE(host = StartConnect(Resolve(address, -1, error).at(0), kPeerLost)) << errno;
 
+    const int waiting = listener->Fd();
     rlimit before{};
     ::getrlimit(RLIMIT_NOFILE, &before);
     const rlimit none{2, before.rlim_max};  // poll looks at as many
     ::setrlimit(RLIMIT_NOFILE, &none);
     EXPECT_FALSE(listener->Accept()) << "without a descriptor for it";
-    EXPECT_EQ(Wake::TimedOut, WaitFor(listener->Fd(), POLLIN, -1, 50)) << "tried in a circle";
+    EXPECT_NE(waiting, listener->Fd()) << "tried in a circle";
     ::setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ(Wake::Ready, WaitFor(listener->Fd(), POLLIN, -1, 20'000));
     EXPECT_TRUE(listener->Accept());

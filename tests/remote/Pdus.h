@@ -27,6 +27,11 @@ inline Command Decoded(std::string_view pdu) {
     return command;
 }
 
+// `text` says `what`.
+inline void ExpectIn(const std::string& text, const std::string& what) {
+    EXPECT_NE(text.find(what), std::string::npos) << "no '" << what << "' in '" << text << "'";
+}
+
 // Offsets in PDUs.
 inline constexpr std::size_t kEndpoint = offsetof(usbip_header, ep);
 inline constexpr std::size_t kStatus = offsetof(usbip_header, u.ret_submit.status);

@@ -3,67 +3,29 @@
 #pragma once
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/signalfd.h>
-#include <sys/socket.h>
 
 #include <memory>
 #include <thread>
 
 #include "Pdus.h"
-#include "fakes/Patience.h"
+#include "posix/Peer.h"
 #include "remote/Server.h"
+#include "remote/device/Reply.h"
 #include "remote/io/Listener.h"
 
 namespace remote::test {
 
-// A connected socket. Every wait ends with a failure at last.
-class Peer : public posix::UniqueFd {
-  public:
-    explicit Peer(int fd = -1) : posix::UniqueFd(fd) {
-        const timeval patience{kPatience.count(), 0};
-        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-    }
-    std::string Read(std::size_t size) const {
-        std::string bytes(size, '\0');
-        EXPECT_EQ(recv(Get(), bytes.data(), size, MSG_WAITALL), static_cast<ssize_t>(size));
-        return bytes;
-    }
-    void Write(std::string_view bytes) const {
-        EXPECT_EQ(send(Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(bytes.size()));
-    }
-    // Returns what is left when nobody has read for a while.
-    std::string_view WriteUntilStuck(std::string_view bytes) const {
-        pollfd writable{Get(), POLLOUT, 0};
-        while (!bytes.empty() && poll(&writable, 1, 500) == 1) {
-            const ssize_t count = send(Get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
-            if (count <= 0) break;
-            bytes.remove_prefix(static_cast<std::size_t>(count));
-        }
-        return bytes;
-    }
-    // Something to be read, or the end.
-    bool Comes(std::chrono::milliseconds in_time = kPatience) const {
-        pollfd readable{Get(), POLLIN, 0};
-        return poll(&readable, 1, static_cast<int>(in_time.count())) == 1;
-    }
-    bool Closed() const {  // by the other side, now or soon; unread bytes do not count
-        char unread[65536];
-        while (recv(Get(), unread, sizeof unread, 0) > 0)
-            continue;
-        return recv(Get(), unread, sizeof unread, 0) == 0;
-    }
-};
+using posix::test::Peer;
 
-inline const std::string kGreeting = ::Message(kUsbipVersionRsp, ::Bytes(kUsbipProtocolVersion));
+inline const std::string kGreeting = VersionResponse();
 
 // The client's side of the channel, as far as a script needs it.
 class Host : public Peer {
   public:
     using Peer::Peer;
+    Host(Peer&& peer) : Peer(std::move(peer)) {}
 
     // The next message, which must be of this type.
     template <typename T>
@@ -93,14 +55,41 @@ class Host : public Peer {
 // Two connected sockets.
 struct Link {
     Link() {
-        int ends[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-        fcntl(ends[1], F_SETFL, O_NONBLOCK);
-        ours = Host(ends[0]);
-        theirs = posix::UniqueFd(ends[1]);
+        std::tie(ours, theirs) = posix::test::ConnectedPair();
+        fcntl(theirs.Get(), F_SETFL, O_NONBLOCK);
     }
     Host ours;
     posix::UniqueFd theirs;  // does not block
+};
+
+// Answers every URB at once, with as many bytes as there is room for.
+class EagerDevice : public Device {
+  public:
+    static constexpr std::uint32_t kStalled = 15;  // endpoint
+
+    explicit EagerDevice(const std::string& name) : info_{name, UsbSpeed::kHigh, 1, 2} {}
+    const DeviceInfo& Info() const override { return info_; }
+    void Attach(ReplySink& sink) override { sink_ = &sink; }
+    void Detach() override { sink_ = nullptr; }
+    bool DataSafe() const override { return data_safe; }
+    void TakeCommand(const Command& command) override {
+        taken += Text(command.pdu);
+        if (command.unlinks) return sink_->Reply(RetUnlink(command.seqnum, 0));
+        const int status = command.endpoint == kStalled ? -EPIPE : 0;
+        remote::Bytes reply = RoomForReply();
+        reply.resize(reply.size() + command.length, 'x');
+        sink_->Reply(RetSubmit({command.seqnum, status, command.length}, std::move(reply)));
+    }
+    static std::string Answer(std::uint32_t seqnum, std::uint32_t length) {
+        return SubmitReply(seqnum, length, std::string(length, 'x'));
+    }
+
+    static inline bool data_safe = true;
+    std::string taken;  // the PDUs of all commands
+
+  private:
+    const DeviceInfo info_;
+    ReplySink* sink_ = nullptr;
 };
 
 class ServerTest : public testing::Test {

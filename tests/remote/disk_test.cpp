@@ -1,9 +1,23 @@
-// The virtual disk at the level of URBs: control requests, bulk-only transport, SCSI commands.
+// The virtual disk: control requests, bulk-only transport and SCSI commands as URBs, and its image.
+#include <sys/fsuid.h>
+#include <sys/stat.h>
+
 #include <fstream>
 #include <regex>
-#include <tuple>
 
 #include "DiskTest.h"
+#include "remote/disk/DiskSerial.h"
+
+namespace {
+int syncs = 0;
+int sync_result = 0;
+}  // namespace
+
+extern "C" int fdatasync(int) {
+    ++syncs;
+    errno = EIO;
+    return sync_result;
+}
 
 namespace remote::test {
 namespace {
@@ -168,18 +182,68 @@ TEST_F(DiskTest, WaitingAndTransferSizesAreBounded) {
     EXPECT_EQ(fill(), 1) << "the answered one has made room";
 }
 
-TEST_F(DiskTest, OnlyPlainFilesOfWholeBlocksAreImages) {
-    const std::tuple<off_t, std::string, const char*> cases[] = {
-        {512, "/nowhere", "No such file"},
-        {512, "/dev/null", "not a plain file"},
-        {0, path_, "not a multiple"},
-        {513, path_, "not a multiple"}};
-    for (const auto& [size, path, expected] : cases) {
-        EXPECT_EQ(ftruncate(file_.Get(), size), 0);
-        std::string error;
-        EXPECT_FALSE(DiskImage::Open(path, false, error));
-        EXPECT_NE(error.find(expected), std::string::npos) << error;
+// Opens an image. Returns what is wrong with it, or nothing.
+std::string Open(const std::string& path, bool read_only = false) {
+    std::string error;
+    const bool opened = DiskImage::Open(path, read_only, error).has_value();
+    EXPECT_EQ(opened, error.empty());
+    return error;
+}
+
+TEST_F(DiskTest, WhoWritesToAnImageIsAlone) {
+    for (const bool first_reads : {false, true}) {
+        Plug(UsbSpeed::kHigh, first_reads);
+        EXPECT_EQ(Open(path_),
+                  path_ + ": in use, by another program or as another disk of this one");
+        EXPECT_EQ(Open(path_, true),
+                  first_reads ? "" : path_ + ": in use by somebody who writes to it");
     }
+    disk_.reset();
+    EXPECT_EQ(Open(path_), "");
+}
+
+TEST_F(DiskTest, OnlyPlainFilesOfWholeBlocksAreImages) {
+    disk_.reset();
+    EXPECT_EQ(Open("/nowhere"), "/nowhere: No such file or directory");
+    EXPECT_EQ(Open("/dev/null"), "/dev/null: not a plain file");
+    fchmod(file_.Get(), S_IRUSR | S_IRGRP | S_IROTH);
+    const int user = setfsuid(65534);  // root may do everything
+    ExpectIn(Open(path_), "it can be read: offer it with ,ro");
+    setfsuid(static_cast<uid_t>(user));
+    for (const off_t size : {0, 513}) {
+        EXPECT_EQ(ftruncate(file_.Get(), size), 0);
+        ExpectIn(Open(path_, true), "is not a multiple of 512 bytes above 0");
+    }
+}
+
+// A host that stops the unit, and one that just goes.
+TEST_F(DiskTest, DataThatCouldNotBeMadeSafeIsTold) {
+    for (const bool stops : {true, false}) {
+        for (const int result : {0, -1}) {
+            syncs = 0;
+            sync_result = result;
+            Plug();
+            EXPECT_EQ(Run(kOut, 512, Block10(kWrite, 1, 1)), "ok 512, passed 0");
+            if (stops) {
+                EXPECT_EQ(Run(kOut, 0, FromHex("1B 00 00 00 00 00")),
+                          result == 0 ? "passed 0" : "failed 0");
+                EXPECT_EQ(syncs, 1);
+                sync_result = 0;  // the kernel tells of it once
+            }
+            disk_->Detach();
+            EXPECT_EQ(disk_->DataSafe(), result == 0);
+            EXPECT_EQ(syncs, 1);
+        }
+    }
+}
+
+TEST(DiskSerial, TellsImagesAndMachinesApart) {
+    const std::string serial = DiskSerial("/a/disk.img", "one");
+    EXPECT_TRUE(std::regex_match(serial, std::regex("[0-9A-F]{16}"))) << serial;
+    EXPECT_EQ(DiskSerial("/a/../a/disk.img", "one"), serial);
+    EXPECT_NE(DiskSerial("/b/disk.img", "one"), serial);
+    EXPECT_NE(DiskSerial("/a/disk.img", "two"), serial);
+    EXPECT_NE(MachineName(), "");
 }
 
 }  // namespace

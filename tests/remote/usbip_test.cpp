@@ -106,13 +106,9 @@ TEST_F(UsbipTrafficTest, UnlinksAreAnsweredOnceAndLiesEndTheDevice) {
 
 TEST_F(UsbipTrafficTest, WhatWaitsForTheServerIsBounded) {
     std::uint32_t seqnum = 0;
-    while (traffic_.TakeCommand(Decoded(SubmitOut(++seqnum, kMegabyte)), *this).empty())
-        ASSERT_LE(traffic_.Output().Pending(), UsbipTraffic::kMaxQueued);
-    EXPECT_EQ(seqnum, 32U) << "32 MiB, less the headers";
-    traffic_ = {};
-    for (seqnum = 1; seqnum <= UsbipTraffic::kMaxUrbs; ++seqnum)
-        ASSERT_EQ(traffic_.TakeCommand(Decoded(SubmitIn(seqnum, 1)), *this), "");
-    EXPECT_NE(traffic_.TakeCommand(Decoded(SubmitIn(seqnum, 1)), *this), "");
+    while (traffic_.TakeCommand(Decoded(SubmitIn(++seqnum, 1)), *this).empty())
+        ASSERT_LE(seqnum, UsbipTraffic::kMaxUrbs);
+    EXPECT_GT(seqnum, UsbipTraffic::kMaxUrbs);
 }
 
 // What is wrong with the reply to an import of 1-2.3, or how many bytes were taken; 0: more needed.
@@ -147,8 +143,7 @@ TEST(UsbipHandshake, ImportIsReadWhenItIsWholeAndRefusedWhenItLies) {
         {With(offsetof(Reply, device.speed), 7, whole), "speed 7"},
     };
     for (const auto& [reply, error] : cases)
-        EXPECT_NE(Import(View(reply)).find(error), std::string::npos)
-            << "expected: " << error << ", is: " << Import(View(reply));
+        ExpectIn(Import(View(reply)), error);
 }
 
 TEST(UsbipHandshake, ListIsReadPieceByPieceAndShownAsATable) {
