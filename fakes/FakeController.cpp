@@ -170,7 +170,7 @@ int FakeController::Attach(std::string_view request_bytes) {
     std::string request(request_bytes);
     requests_.push_back(request);
     changed_.notify_all();
-    if (refusal_ != 0) return refusal_;
+    if (refusal != 0) return refusal;
     unsigned port = 0, devid = 0, speed = 0;
     int fd = -1, type = 0;
     socklen_t size = sizeof type;

@@ -65,9 +65,7 @@ class FakeController {
     std::list<std::unique_ptr<KernelEnd>> Attached() {  // those that no test has taken yet
         return Under(mutex_, [&] { return std::exchange(attaches_, {}); });
     }
-    void RefuseAttaches(int error) {
-        Under(mutex_, [&] { refusal_ = error; });
-    }
+    std::atomic<int> refusal{0};  // the error that all attaches meet, if any
     // An attach of this port takes until another one is named, or none.
     void HoldAttach(std::optional<unsigned> port) {
         Under(mutex_, [&] { held_port_ = port; });
@@ -120,7 +118,6 @@ class FakeController {
     const int ports_each_;
     mutable std::mutex mutex_;  // guards everything below
     std::condition_variable changed_;
-    int refusal_ = 0;
     std::optional<unsigned> held_port_;
     std::vector<Port> ports_;
     std::vector<std::string> requests_;

@@ -127,7 +127,7 @@ void leave_with_devices(xjmod_entrypoint* module) {
     rig.host.Start();
     const auto kernel = rig.Map(7);
     EXPECT_TRUE(rig.Works(7, *kernel));
-    rig.controller.RefuseAttaches(EBUSY);
+    rig.controller.refusal = EBUSY;
     rig.host.Receive(MapMessage(8));
     EXPECT_TRUE(rig.controller.WaitForRequests(2));
     rig.host.DropPlugin();

@@ -54,8 +54,8 @@ class Life : Rig {
         if (Pick(0, 1) == 0) pest = std::jthread(interrupt_everybody);
         for (auto sessions = Pick(1, 3); sessions > 0; --sessions) {
             host.stream = new FakeStream;
-            host.stream->SetReadBlock(PickSize());
-            host.stream->SetWriteBlock(PickSize());
+            host.stream->read_block = PickSize();
+            host.stream->write_block = PickSize();
             host.Start();
             for (auto steps = Pick(0, 400); steps > 0; --steps)
                 Step();
@@ -184,7 +184,7 @@ class Life : Rig {
     // By ExitInstance or Release, perhaps inside Run, or after the stream has failed.
     void End(bool release) {
         Burst(1);
-        if (Pick(0, 1) == 0) host.stream->FailWrites(1'000'000);
+        if (Pick(0, 1) == 0) host.stream->failing_writes = 1'000'000;
         if (Pick(0, 1) == 0) host.EndRun();
         const Stopwatch watch;
         if (!release || Pick(0, 1) == 0) host.plugin->ExitInstance();
