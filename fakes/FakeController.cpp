@@ -129,11 +129,6 @@ std::unique_ptr<KernelEnd> FakeController::WaitForAttach() {
     return end;
 }
 
-bool FakeController::WaitForRequests(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kPatience, [&] { return requests_.size() >= count; });
-}
-
 std::optional<std::string> FakeController::Attribute(const std::string& device,
                                                      const std::string& name) const {
     const std::lock_guard lock(mutex_);

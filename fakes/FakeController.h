@@ -74,7 +74,9 @@ class FakeController {
     // Every attach request so far, those that were refused or are held too.
     std::vector<std::string> Requests() const { return CopiedUnder(mutex_, requests_); }
 
-    bool WaitForRequests(std::size_t count);
+    bool WaitForRequests(std::size_t count) const {
+        return Eventually([&] { return Requests().size() >= count; });
+    }
 
     void Occupy(unsigned port, int state, std::string local_busid) {
         Under(mutex_, [&] { ports_.at(port) = {state, std::move(local_busid)}; });

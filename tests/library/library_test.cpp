@@ -36,15 +36,6 @@ void WithLibrary(void (*use)(xjmod_entrypoint*)) {
     EXPECT_TRUE(ledger.Balanced());
 }
 
-TEST(Library, UnloadsUnusedAndAfterInit) {
-    WithLibrary([](xjmod_entrypoint*) {});
-    WithLibrary([](xjmod_entrypoint* module) {
-        FakeRuntime runtime;
-        EXPECT_TRUE(module->init(static_cast<IXJModRuntime*>(&runtime)));
-        module->uninit();
-    });
-}
-
 // One line each for the level and the text, without whether a write thread is stopped in the middle
 // of a wait or between two.
 std::string Log(const FakeRuntime& runtime) {
