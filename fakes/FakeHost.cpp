@@ -1,7 +1,5 @@
 #include "fakes/FakeHost.h"
 
-#include <algorithm>
-
 #include "wire/ChannelMessages.h"
 
 std::ostream& operator<<(std::ostream& out, const LogLine& line) {
@@ -47,7 +45,7 @@ int FakeStream::Read(void* buf, unsigned long len, unsigned long* got, unsigned 
 
 int FakeStream::Write(const void* data, unsigned long len, unsigned long* written,
                       unsigned long reserved) {
-    if (writing_.exchange(true)) overlapped_ = true;
+    if (writing_.exchange(true)) overlapped = true;
     std::this_thread::yield();  // a second writer, if there is one, meets `writing_` set
     writing_ = false;
     if (reserved != 0 || (failing_writes > 0 && failing_writes-- > 0)) return 1;

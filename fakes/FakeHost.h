@@ -41,7 +41,9 @@ class FakeRuntime : public IXJModRuntime {
         return Eventually([&] { return Count(line) >= times; });
     }
     long Count(const LogLine& line) const { return std::ranges::count(Lines(), line); }
-    std::vector<LogLine> Lines() const { return CopiedUnder(mutex_, lines_); }
+    std::vector<LogLine> Lines() const {
+        return Under(mutex_, [&] { return lines_; });
+    }
     std::vector<LogLine> Lines(int level) const;
     void Forget() {
         Under(mutex_, [&] { lines_.clear(); });
@@ -105,8 +107,10 @@ class FakeStream : public IPluginStreamRaw, protected CReference {
 
     // Observations.
     // The `len` of every Read so far.
-    std::vector<unsigned long> ReadRequests() const { return CopiedUnder(mutex_, read_requests_); }
-    bool WritesOverlapped() const { return overlapped_; }
+    std::vector<unsigned long> ReadRequests() const {
+        return Under(mutex_, [&] { return read_requests_; });
+    }
+    std::atomic<bool> overlapped{false};  // two Writes at a time
     long References() { return AddRef(), Release(); }
 
   private:
@@ -117,7 +121,6 @@ class FakeStream : public IPluginStreamRaw, protected CReference {
     }
 
     std::atomic<bool> writing_{false};
-    std::atomic<bool> overlapped_{false};
     mutable std::mutex mutex_;  // guards everything below
     std::condition_variable changed_;
     std::deque<char> inbound_;

@@ -51,12 +51,6 @@ auto Under(std::mutex& mutex, Operation operation) {
     const std::lock_guard lock(mutex);
     return operation();
 }
-template <typename Value>
-Value CopiedUnder(std::mutex& mutex, const Value& value) {
-    const std::lock_guard lock(mutex);
-    return value;
-}
-
 class Stopwatch {
   public:
     long Milliseconds() const {

@@ -53,16 +53,6 @@ TEST(Thread, EndsByItselfOrStoppedAndRestarts) {
     EXPECT_EQ(thread.passes, 21) << "detached it runs one pass";
 }
 
-TEST(Thread, StopOvertakesTheNewThread) {
-    EXPECT_TRUE(Eventually([] {
-        CountingThread overtaken;
-        overtaken.Run();
-        overtaken.Stop();
-        EXPECT_EQ(overtaken.exits, 1);
-        return overtaken.passes == 0;
-    }));
-}
-
 // The table belongs to the whole process and is full afterwards.
 TEST(Monitor, TextsCountsAndTheTablesLimit) {
     const CUsbipClientThread counted;

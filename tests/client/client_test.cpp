@@ -100,7 +100,7 @@ TEST_F(ClientTest, FailsToAttachWithoutReportingAnEnd) {
 
 // The kernel still deals with the first request when the others come, and go.
 TEST_F(ClientTest, ASlowAttachHoldsUpNobodyAndMayOutliveItsDevice) {
-    controller.HoldAttach(0);
+    controller.held_port = 0;
     host.Receive(MapMessage(5));
     EXPECT_TRUE(controller.WaitForRequests(1));
     const auto other = Map(6);
@@ -110,7 +110,7 @@ TEST_F(ClientTest, ASlowAttachHoldsUpNobodyAndMayOutliveItsDevice) {
     EXPECT_EQ(NextMessage(), UnmapMessage(6));
     host.Receive(UnmapMessage(5));
     ExpectLog(1, "[usbipclient] unmap device 5");
-    controller.HoldAttach({});
+    controller.held_port = -1;
     EXPECT_TRUE(controller.WaitForAttach()->WaitForEnd());
     EXPECT_EQ(NextMessage(), UnmapMessage(5));
 }
