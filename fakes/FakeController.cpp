@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <libudev.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -13,8 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-
-#include "fakes/Patience.h"
 
 namespace fs = std::filesystem;
 
@@ -129,11 +126,6 @@ std::unique_ptr<KernelEnd> FakeController::WaitForAttach() {
     return end;
 }
 
-bool FakeController::WaitForRequests(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kPatience, [&] { return requests_.size() >= count; });
-}
-
 std::optional<std::string> FakeController::Attribute(const std::string& device,
                                                      const std::string& name) const {
     const std::lock_guard lock(mutex_);
@@ -166,11 +158,9 @@ bool FakeController::IsAttachFile(int fd) const {
 
 // The checks of the driver's attach_store, in its order.
 int FakeController::Attach(std::string_view request_bytes) {
-    std::unique_lock lock(mutex_);
     std::string request(request_bytes);
-    requests_.push_back(request);
-    changed_.notify_all();
-    if (refusal_ != 0) return refusal_;
+    Under(mutex_, [&] { requests_.push_back(request); });
+    if (refusal != 0) return refusal;
     unsigned port = 0, devid = 0, speed = 0;
     int fd = -1, type = 0;
     socklen_t size = sizeof type;
@@ -179,7 +169,8 @@ int FakeController::Attach(std::string_view request_bytes) {
         getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_STREAM) {
         return EINVAL;
     }
-    changed_.wait(lock, [&] { return held_port_ != port; });
+    Eventually([&] { return held_port != static_cast<int>(port); });
+    const std::lock_guard lock(mutex_);
     if (ports_[port].state != kFree) return EBUSY;
     ports_[port].state = kNotAssigned;
     const int socket = fcntl(fd, F_DUPFD_CLOEXEC, 0);
@@ -193,7 +184,7 @@ int FakeController::Attach(std::string_view request_bytes) {
 struct udev {};
 
 struct udev_device {
-    std::string syspath;
+    fs::path syspath;
     std::string sysname;
     std::unique_ptr<udev_device> parent;
     std::map<std::string, std::string> read_attributes;  // as libudev, texts live with the device
@@ -221,12 +212,8 @@ EXPORTED udev_device* udev_device_new_from_subsystem_sysname(udev*, const char* 
     const fs::path path = controller->root / subsystem / sysname;
     if (!fs::is_directory(path)) return nullptr;
     ++FakeController::live_udev_objects;
-    const fs::path parent = path.parent_path();
-    return new udev_device{
-        path,
-        sysname,
-        std::make_unique<udev_device>(udev_device{parent, parent.filename(), {}, {}}),
-        {}};
+    auto parent = std::make_unique<udev_device>(udev_device{path.parent_path(), {}, {}, {}});
+    return new udev_device{path, sysname, std::move(parent), {}};
 }
 
 EXPORTED udev_device* udev_device_unref(udev_device* device) {

@@ -65,18 +65,16 @@ class FakeController {
     std::list<std::unique_ptr<KernelEnd>> Attached() {  // those that no test has taken yet
         return Under(mutex_, [&] { return std::exchange(attaches_, {}); });
     }
-    void RefuseAttaches(int error) {
-        Under(mutex_, [&] { refusal_ = error; });
-    }
-    // An attach of this port takes until another one is named, or none.
-    void HoldAttach(std::optional<unsigned> port) {
-        Under(mutex_, [&] { held_port_ = port; });
-        changed_.notify_all();
-    }
+    std::atomic<int> refusal{0};     // the error that all attaches meet, if any
+    std::atomic<int> held_port{-1};  // an attach of this port takes until it is another one
     // Every attach request so far, those that were refused or are held too.
-    std::vector<std::string> Requests() const { return CopiedUnder(mutex_, requests_); }
+    std::vector<std::string> Requests() const {
+        return Under(mutex_, [&] { return requests_; });
+    }
 
-    bool WaitForRequests(std::size_t count);
+    bool WaitForRequests(std::size_t count) const {
+        return Eventually([&] { return Requests().size() >= count; });
+    }
 
     void Occupy(unsigned port, int state, std::string local_busid) {
         Under(mutex_, [&] { ports_.at(port) = {state, std::move(local_busid)}; });
@@ -120,8 +118,6 @@ class FakeController {
     const int ports_each_;
     mutable std::mutex mutex_;  // guards everything below
     std::condition_variable changed_;
-    int refusal_ = 0;
-    std::optional<unsigned> held_port_;
     std::vector<Port> ports_;
     std::vector<std::string> requests_;
     std::list<std::unique_ptr<KernelEnd>> attaches_;                // not yet taken by the test

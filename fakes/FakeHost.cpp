@@ -1,7 +1,5 @@
 #include "fakes/FakeHost.h"
 
-#include <algorithm>
-
 #include "wire/ChannelMessages.h"
 
 std::ostream& operator<<(std::ostream& out, const LogLine& line) {
@@ -11,18 +9,8 @@ std::ostream& operator<<(std::ostream& out, const LogLine& line) {
 // --- FakeRuntime ---
 
 void FakeRuntime::Log(int level, const char* text) {
-    {
-        const std::lock_guard lock(mutex_);
-        lines_.push_back({level, text});
-        logged_.notify_all();
-    }
+    Under(mutex_, [&] { lines_.push_back({level, text}); });
     if (on_log) on_log();
-}
-
-bool FakeRuntime::WaitForLine(const LogLine& line, int times) {
-    std::unique_lock lock(mutex_);
-    return logged_.wait_for(
-        lock, kPatience, [&] { return std::count(lines_.begin(), lines_.end(), line) >= times; });
 }
 
 std::vector<LogLine> FakeRuntime::Lines(int level) const {
@@ -48,7 +36,7 @@ int FakeStream::Read(void* buf, unsigned long len, unsigned long* got, unsigned 
     changed_.wait(lock, [&] { return !inbound_.empty() || ended_; });
     hungry_ = false;
     if (inbound_.empty() || reserved != 0) return 1;
-    *got = std::min({len, read_block_.load(), static_cast<unsigned long>(inbound_.size())});
+    *got = std::min({len, read_block.load(), static_cast<unsigned long>(inbound_.size())});
     const auto end = inbound_.begin() + static_cast<long>(*got);
     std::copy(inbound_.begin(), end, static_cast<char*>(buf));
     inbound_.erase(inbound_.begin(), end);
@@ -57,11 +45,11 @@ int FakeStream::Read(void* buf, unsigned long len, unsigned long* got, unsigned 
 
 int FakeStream::Write(const void* data, unsigned long len, unsigned long* written,
                       unsigned long reserved) {
-    if (writing_.exchange(true)) overlapped_ = true;
+    if (writing_.exchange(true)) overlapped = true;
     std::this_thread::yield();  // a second writer, if there is one, meets `writing_` set
     writing_ = false;
-    if (reserved != 0 || (failing_writes_ > 0 && failing_writes_-- > 0)) return 1;
-    *written = std::min(len, write_block_.load());
+    if (reserved != 0 || (failing_writes > 0 && failing_writes-- > 0)) return 1;
+    *written = std::min(len, write_block.load());
     const auto* bytes = static_cast<const char*>(data);
     Change([&] { outbound_.insert(outbound_.end(), bytes, bytes + *written); });
     return 0;

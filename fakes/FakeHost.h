@@ -40,9 +40,13 @@ class FakeRuntime : public IXJModRuntime {
     void* GetEnv(const char*) override { return this; }
 
     // Waits for the nth line with this level and text.
-    bool WaitForLine(const LogLine& line, int times = 1);
+    bool WaitForLine(const LogLine& line, int times = 1) const {
+        return Eventually([&] { return Count(line) >= times; });
+    }
     long Count(const LogLine& line) const { return std::ranges::count(Lines(), line); }
-    std::vector<LogLine> Lines() const { return CopiedUnder(mutex_, lines_); }
+    std::vector<LogLine> Lines() const {
+        return Under(mutex_, [&] { return lines_; });
+    }
     std::vector<LogLine> Lines(int level) const;
     void Forget() {
         Under(mutex_, [&] { lines_.clear(); });
@@ -53,7 +57,6 @@ class FakeRuntime : public IXJModRuntime {
 
   private:
     mutable std::mutex mutex_;
-    std::condition_variable logged_;
     std::vector<LogLine> lines_;  // guarded by mutex_
 };
 
@@ -101,21 +104,19 @@ class FakeStream : public IPluginStreamRaw, protected CReference {
         return Under(mutex_, [&] { return std::string(outbound_.begin(), outbound_.end()); });
     }
 
-    // Knobs.
-    void SetReadBlock(unsigned long size) { read_block_ = size; }  // at most so many in one Read
-    // At most so many bytes in one Write; 0: success without.
-    void SetWriteBlock(unsigned long size) { write_block_ = size; }
-    void FailWrites(int count) { failing_writes_ = count; }  // so many Writes from now on fail
+    std::atomic<unsigned long> read_block{~0UL};   // at most so many bytes in one Read
+    std::atomic<unsigned long> write_block{~0UL};  // and in one Write; 0: success without
+    std::atomic<int> failing_writes{0};            // so many Writes from now on fail
 
     // Observations.
     // The `len` of every Read so far.
-    std::vector<unsigned long> ReadRequests() const { return CopiedUnder(mutex_, read_requests_); }
-    bool WritesOverlapped() const { return overlapped_; }
+    std::vector<unsigned long> ReadRequests() const {
+        return Under(mutex_, [&] { return read_requests_; });
+    }
+    std::atomic<bool> overlapped{false};  // two Writes at a time
     long References() { return AddRef(), Release(); }
 
   private:
-    static constexpr unsigned long kUnlimited = ~0UL;
-
     template <typename Operation>
     void Change(Operation operation) {
         Under(mutex_, operation);
@@ -123,10 +124,6 @@ class FakeStream : public IPluginStreamRaw, protected CReference {
     }
 
     std::atomic<bool> writing_{false};
-    std::atomic<bool> overlapped_{false};
-    std::atomic<unsigned long> read_block_{kUnlimited};
-    std::atomic<unsigned long> write_block_{kUnlimited};
-    std::atomic<int> failing_writes_{0};
     mutable std::mutex mutex_;  // guards everything below
     std::condition_variable changed_;
     std::deque<char> inbound_;

@@ -54,12 +54,6 @@ auto Under(std::mutex& mutex, Operation operation) {
     const std::lock_guard lock(mutex);
     return operation();
 }
-template <typename Value>
-Value CopiedUnder(std::mutex& mutex, const Value& value) {
-    const std::lock_guard lock(mutex);
-    return value;
-}
-
 class Stopwatch {
   public:
     long Milliseconds() const {
@@ -71,10 +65,10 @@ class Stopwatch {
     std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
-// Of CLOCK_THREAD_CPUTIME_ID (the calling thread) or CLOCK_PROCESS_CPUTIME_ID.
-inline long CpuMilliseconds(clockid_t clock) {
+// Of the whole process.
+inline long CpuMilliseconds() {
     timespec now{};
-    clock_gettime(clock, &now);
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
     return now.tv_sec * 1000 + now.tv_nsec / 1'000'000;
 }
 

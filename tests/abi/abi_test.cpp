@@ -25,20 +25,16 @@ class Counted : public Interfaces... {
     long references = 1;
 };
 
-void unexpected() {
-    ADD_FAILURE() << "an operation was called that is the host's own";
-}
-
 class Value : public Counted<IXJModData> {
   public:
     explicit Value(const char* text) : text_(text) {}
     explicit Value(std::int64_t number) : number_(number) {}
     std::uint32_t type() override { return text_ != nullptr ? 4 : 2; }
-    void Reserved1() override { unexpected(); }
-    void Reserved2() override { unexpected(); }
+    void Reserved1() override { std::abort(); }
+    void Reserved2() override { std::abort(); }
     const char* asString() override { return text_; }
-    void Reserved3() override { unexpected(); }
-    void Reserved4() override { unexpected(); }
+    void Reserved3() override { std::abort(); }
+    void Reserved4() override { std::abort(); }
     std::int64_t asInt() override { return number_; }
 
   private:
@@ -50,12 +46,10 @@ class Runtime : public IXJModRuntime {
   public:
     void Log(int level, const char* text) override { last = std::to_string(level) + ' ' + text; }
     bool GetConfig(bool, const char*, const char*, IXJModData**, const char*) override {
-        return unexpected(), false;
+        std::abort();
     }
-    bool SaveConfig(bool, const char*, const char*, const char*) override {
-        return unexpected(), false;
-    }
-    void* GetEnv(const char*) override { return unexpected(), nullptr; }
+    bool SaveConfig(bool, const char*, const char*, const char*) override { std::abort(); }
+    void* GetEnv(const char*) override { std::abort(); }
     std::string last;  // the module logs from one thread at a time
 };
 
@@ -67,7 +61,7 @@ class Host : public Counted<IXJModPropertySet, IPluginStreamRaw> {
         EXPECT_STREQ(key, "xj.module.version");
         return &version;
     }
-    void Reserved1() override { unexpected(); }
+    void Reserved1() override { std::abort(); }
     int Read(void* to, unsigned long size, unsigned long* got, unsigned long reserved) override {
         EXPECT_EQ(reserved, 0U);
         *got = inbound.copy(static_cast<char*>(to), size);

@@ -36,15 +36,6 @@ void WithLibrary(void (*use)(xjmod_entrypoint*)) {
     EXPECT_TRUE(ledger.Balanced());
 }
 
-TEST(Library, UnloadsUnusedAndAfterInit) {
-    WithLibrary([](xjmod_entrypoint*) {});
-    WithLibrary([](xjmod_entrypoint* module) {
-        FakeRuntime runtime;
-        EXPECT_TRUE(module->init(static_cast<IXJModRuntime*>(&runtime)));
-        module->uninit();
-    });
-}
-
 // One line each for the level and the text, without whether a write thread is stopped in the middle
 // of a wait or between two.
 std::string Log(const FakeRuntime& runtime) {
@@ -127,7 +118,7 @@ void leave_with_devices(xjmod_entrypoint* module) {
     rig.host.Start();
     const auto kernel = rig.Map(7);
     EXPECT_TRUE(rig.Works(7, *kernel));
-    rig.controller.RefuseAttaches(EBUSY);
+    rig.controller.refusal = EBUSY;
     rig.host.Receive(MapMessage(8));
     EXPECT_TRUE(rig.controller.WaitForRequests(2));
     rig.host.DropPlugin();

@@ -60,7 +60,7 @@ class FaultTest : public ::testing::Test, public Rig {
         EXPECT_TRUE(line.empty() || host.runtime.WaitForLine({4, line}));
         EXPECT_EQ(failing_threads, 0U);
         setrlimit(RLIMIT_NOFILE, &descriptors);
-        controller.RefuseAttaches(0);
+        controller.refusal = 0;
         last = 0;
         too_large = SIZE_MAX;
         if (returned()) host.RunAgain();
@@ -145,7 +145,7 @@ TEST_F(FaultTest, WhatTheSystemGivesMayBeRefused) {
         setrlimit(RLIMIT_NOFILE, &none);
     };
     Survive("descriptor", descriptor, map_two, "[CUsbipClientLinux] socketpair fail, 24");
-    const auto port = [&] { controller.RefuseAttaches(EBUSY); };
+    const auto port = [&] { controller.refusal = EBUSY; };
     Survive("port", port, map_two, "[CUsbipClientLinux]  vhci attach fail");
     if (kSanitized) return;  // allocations are the sanitizer's
     const auto memory = [&] { too_large = 1 << 20; };

@@ -42,8 +42,8 @@ class Life : Rig {
     void Play() {
         for (auto sessions = Pick(1, 3); sessions > 0; --sessions) {
             host.stream = new FakeStream;
-            host.stream->SetReadBlock(PickSize());
-            host.stream->SetWriteBlock(PickSize());
+            host.stream->read_block = PickSize();
+            host.stream->write_block = PickSize();
             host.Start();
             for (auto steps = Pick(0, 400); steps > 0; --steps)
                 Step();
@@ -64,10 +64,10 @@ class Life : Rig {
 
     void Step() {
         static constexpr std::pair<const char*, void (Life::*)(std::uint32_t devid)> kKinds[] = {
-            {"map", &Life::Plug},    {"forward", &Life::Forward}, {"send", &Life::KernelSends},
-            {"map", &Life::Plug},    {"forward", &Life::Forward}, {"send", &Life::KernelSends},
-            {"end", &Life::Unplug},  {"burst", &Life::Burst},     {"settle", &Life::Settle},
-            {"rerun", &Life::Rerun}, {"storm", &Life::Storm}};
+            {"map", &Life::Plug},   {"forward", &Life::Forward}, {"send", &Life::KernelSends},
+            {"map", &Life::Plug},   {"forward", &Life::Forward}, {"send", &Life::KernelSends},
+            {"end", &Life::Unplug}, {"burst", &Life::Burst},     {"settle", &Life::Settle},
+            {"storm", &Life::Storm}};
         const auto& [name, play] = kKinds[Pick(0, std::size(kKinds) - 1)];
         const auto devid = static_cast<std::uint32_t>(Pick(1, kIds));
         std::cerr << ' ' << name << devid;
@@ -142,37 +142,23 @@ class Life : Rig {
             }
         std::atomic<bool> good{true};
         std::vector<std::jthread> threads;
-        const auto start = [&](auto operation) {
-            threads.emplace_back([&good, operation] { good = operation() && good; });
-        };
-        for (auto& [id, device] : devices_) {
+        for (auto& [devid, device] : devices_) {
             if (!device.kernel) continue;
-            start([&, devid = id, kernel = device.kernel.get()] {
-                return kernel->Send(commands[devid]);
+            threads.emplace_back([&good, &kernel = *device.kernel, &all = commands[devid]] {
+                if (!kernel.Send(all)) good = false;
             });
-            start([&, devid = id, kernel = device.kernel.get()] {
-                return kernel->Receive(replies[devid].size()) == replies[devid];
+            threads.emplace_back([&good, &kernel = *device.kernel, &all = replies[devid]] {
+                if (kernel.Receive(all.size()) != all) good = false;
             });
         }
         Settle();
         threads.clear();
         Check(good, "no byte is lost");
     }
-    // A second Run drops what is queued, and the devices live on. Rare, since it settles.
-    void Rerun(std::uint32_t devid) {
-        if (Pick(0, 14) != 0) return;
-        Settle();
-        KernelSends(devid);
-        host.RunAgain();
-        Check(host.stream->WaitUntilDrained(), "Run reads");
-        devices_[devid].lossy = true;
-        KernelSends(devid);
-    }
-
     // By ExitInstance or Release, perhaps inside Run, or after the stream has failed.
     void End(bool release) {
         Burst(1);
-        if (Pick(0, 1) == 0) host.stream->FailWrites(1'000'000);
+        if (Pick(0, 1) == 0) host.stream->failing_writes = 1'000'000;
         if (Pick(0, 1) == 0) host.EndRun();
         const Stopwatch watch;
         if (!release || Pick(0, 1) == 0) host.plugin->ExitInstance();
@@ -180,7 +166,7 @@ class Life : Rig {
         host.EndRun();
         if (release) host.plugin = nullptr;
         if (!release) host.plugin->ExitInstance();  // of what was mapped meanwhile
-        Check(!host.stream->WritesOverlapped(), "one thread writes at a time");
+        Check(!host.stream->overlapped, "one thread writes at a time");
         for (auto& [devid, device] : devices_)
             if (device.kernel) CheckClosed(device);
         devices_.clear();
