@@ -41,7 +41,7 @@ plug() {
 
 # plug_disk PORT FILE
 plug_disk() {
-    outside monitor drive_add 0 "if=none,id=drive$1,format=raw,file=$2"
+    outside add_drive "drive$1" "$2"
     plug "$1" "usb-storage,drive=drive$1"
 }
 

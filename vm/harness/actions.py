@@ -9,7 +9,7 @@ from pathlib import Path
 from harness import guest, processes
 from harness.folders import VM, Builds
 from harness.lines import Lines
-from harness.monitor import Monitor, MonitorError
+from harness.monitor import ANSWER_PATIENCE, Monitor, MonitorError
 from harness.remote import Remote
 
 MIB = 1 << 20
@@ -125,3 +125,15 @@ class Actions:
             self.monitor.type(" ".join(words))
         except (EOFError, TimeoutError):
             raise MonitorError("no answer") from None
+
+    def act_add_drive(self, name: str, file: str) -> None:
+        """A disk image for a device to come. QEMU lets go of one of this name, and of its image, only
+        some time after its device has been pulled out."""
+        deadline = time.monotonic() + ANSWER_PATIENCE
+        while True:
+            try:
+                return self.act_monitor("drive_add", "0", f"if=none,id={name},format=raw,file={file}")
+            except MonitorError:
+                if time.monotonic() > deadline:
+                    raise
+                time.sleep(0.05)
