@@ -58,8 +58,8 @@ void KernelEnd::Close() {
 
 bool KernelEnd::Send(std::string_view bytes) {
     while (!bytes.empty()) {
-        const ssize_t sent = send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (sent < 0 && errno == EINTR) continue;
+        const ssize_t sent =
+            TEMP_FAILURE_RETRY(send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL));
         if (sent < 0) return false;
         bytes.remove_prefix(static_cast<std::size_t>(sent));
     }
@@ -68,21 +68,14 @@ bool KernelEnd::Send(std::string_view bytes) {
 
 // Not recv(), which a test may have replaced. A signal does not end the wait.
 ssize_t KernelEnd::Read(char* to, std::size_t size) {
-    ssize_t got = 0;
-    do
-        got = read(socket_, to, size);
-    while (got < 0 && errno == EINTR);
-    return got;
+    return TEMP_FAILURE_RETRY(read(socket_, to, size));
 }
 
 std::string KernelEnd::Receive(std::size_t size) {
     std::string bytes(size, '\0');
     std::size_t got = 0;
-    while (got < size) {
-        const ssize_t count = Read(bytes.data() + got, size - got);
-        if (count <= 0) break;
-        got += static_cast<std::size_t>(count);
-    }
+    for (ssize_t count = 1; got < size && count > 0; got += static_cast<std::size_t>(count))
+        count = std::max(Read(bytes.data() + got, size - got), ssize_t{0});
     bytes.resize(got);
     return bytes;
 }

@@ -1,6 +1,6 @@
 #include "fakes/FakeHost.h"
 
-#include "wire/ChannelMessages.h"
+#include "fakes/Messages.h"
 
 std::ostream& operator<<(std::ostream& out, const LogLine& line) {
     return out << line.level << " \"" << line.text << '"';
@@ -50,8 +50,7 @@ int FakeStream::Write(const void* data, unsigned long len, unsigned long* writte
     writing_ = false;
     if (reserved != 0 || (failing_writes > 0 && failing_writes-- > 0)) return 1;
     *written = std::min(len, write_block.load());
-    const auto* bytes = static_cast<const char*>(data);
-    Change([&] { outbound_.insert(outbound_.end(), bytes, bytes + *written); });
+    Change([&] { outbound_.append(static_cast<const char*>(data), *written); });
     return 0;
 }
 
@@ -62,17 +61,12 @@ bool FakeStream::WaitUntilDrained() {
 
 std::string FakeStream::WaitForMessage() {
     std::unique_lock lock(mutex_);
-    const auto whole = [&] {
-        _MESSAGE_HEADER outer{};
-        if (outbound_.size() < sizeof outer) return 0L;
-        std::copy_n(outbound_.begin(), sizeof outer, reinterpret_cast<char*>(&outer));
-        const std::size_t size = sizeof outer + outer.length;
-        return outbound_.size() < size ? 0L : static_cast<long>(size);
+    const auto size = [&] {
+        return sizeof(_MESSAGE_HEADER) + Parse<_MESSAGE_HEADER>(outbound_).length;
     };
-    if (!changed_.wait_for(lock, kPatience, [&] { return whole() != 0; })) return {};
-    const auto end = outbound_.begin() + whole();
-    std::string message(outbound_.begin(), end);
-    outbound_.erase(outbound_.begin(), end);
+    if (!changed_.wait_for(lock, kPatience, [&] { return outbound_.size() >= size(); })) return {};
+    std::string message = outbound_.substr(0, size());
+    outbound_.erase(0, message.size());
     return message;
 }
 

@@ -101,7 +101,7 @@ class FakeStream : public IPluginStreamRaw, protected CReference {
     std::string WaitForMessage();  // the next whole message from the module; empty: none came
     // Bytes from the module not yet taken as messages.
     std::string Written() const {
-        return Under(mutex_, [&] { return std::string(outbound_.begin(), outbound_.end()); });
+        return Under(mutex_, [&] { return outbound_; });
     }
 
     std::atomic<unsigned long> read_block{~0UL};   // at most so many bytes in one Read
@@ -127,7 +127,7 @@ class FakeStream : public IPluginStreamRaw, protected CReference {
     mutable std::mutex mutex_;  // guards everything below
     std::condition_variable changed_;
     std::deque<char> inbound_;
-    std::deque<char> outbound_;
+    std::string outbound_;
     bool ended_ = false;
     bool hungry_ = false;  // a Read is waiting
     std::vector<unsigned long> read_requests_;

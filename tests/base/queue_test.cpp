@@ -80,26 +80,4 @@ TEST(Queue, CloseWakesEveryBlockedConsumer) {
     EXPECT_LT(watch.Milliseconds(), 10'000);
 }
 
-TEST(Queue, ReopenedUnderAConsumerItNeitherSpinsNorLosesElements) {
-    Queue queue;
-    std::atomic<int> received{0}, empty{0};
-    const std::jthread consumer([&](const std::stop_token& stop) {
-        while (!stop.stop_requested())
-            ++(Pop(queue, 100) ? received : empty);
-    });
-    const auto pass = [&](int count) {
-        return Eventually([&, end = empty + count] { return empty >= end; });
-    };
-    for (int cycle = 0; cycle < 6; ++cycle) {
-        EXPECT_TRUE(pass(1));  // close meets the consumer inside the next pop
-        queue.close(), queue.open();
-        const Stopwatch watch;
-        EXPECT_TRUE(pass(4));
-        EXPECT_GE(watch.Milliseconds(), 200) << "pops did not wait";
-    }
-    for (int i = 0; i < 1000; ++i)
-        queue.push(std::make_shared<int>(1));
-    EXPECT_TRUE(Eventually([&] { return received == 1000; })) << received;
-}
-
 }  // namespace

@@ -26,9 +26,7 @@ struct CountingThread : CBaseThread {
 
 TEST(Thread, EndsByItselfOrStoppedAndRestarts) {
     CountingThread thread(20), endless;
-    const Stopwatch watch;
-    EXPECT_TRUE(thread.Stop() && thread.WaitForTimeOut(30'000));
-    EXPECT_LT(watch.Milliseconds(), 20'000) << "not started";
+    EXPECT_TRUE(thread.Stop()) << "not started";
     for (int life = 1; life <= 2; ++life) {
         thread.passes = endless.passes = 0;
         ASSERT_TRUE(thread.Run() && endless.Run());

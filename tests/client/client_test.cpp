@@ -133,16 +133,12 @@ TEST_F(ClientTest, ASlowAttachHoldsUpNobodyAndMayOutliveItsDevice) {
 }
 
 TEST_F(ClientTest, ManyAtOnceGetPortsOfTheirOwn) {
-    std::string maps;
     for (std::uint32_t devid = 0; devid < 8; ++devid)
-        maps += MapMessage(devid);
-    host.Receive(maps);
+        host.Receive(MapMessage(devid));
     unsigned ports = 0;
-    std::vector<std::unique_ptr<KernelEnd>> kernels(8);
-    for (auto& kernel : kernels) {
-        ASSERT_TRUE(kernel = controller.WaitForAttach());
-        ports |= 1U << kernel->port;
-    }
+    std::unique_ptr<KernelEnd> kernels[8];
+    for (auto& kernel : kernels)
+        if ((kernel = controller.WaitForAttach())) ports |= 1U << kernel->port;
     EXPECT_EQ(ports, 0xFFU) << "all eight high-speed ports, each once";
     EXPECT_EQ(controller.Requests().size(), 8U) << "and nobody was refused";
 }

@@ -149,8 +149,8 @@ TEST_F(FaultTest, WhatTheSystemGivesMayBeRefused) {
     Survive("port", port, map_two, "[CUsbipClientLinux]  vhci attach fail");
     if (kSanitized) return;  // allocations are the sanitizer's
     const auto memory = [&] { too_large = 1 << 20; };
-    Survive("memory for a rawsize", memory, ForwardMessage(1, "x", kMaxRawSize),
-            "[usbipclient] no scratch area of 268435456 bytes, data dropped");
+    Survive("memory for a rawsize", memory, ForwardMessage(1, "x", 1 << 20),
+            "[usbipclient] no scratch area of 1048576 bytes, data dropped");
     // Only the header is dropped then: what follows is read as messages.
     Survive("memory for an outer length", memory,
             Bytes(_MESSAGE_HEADER{~0U, kUsbipChannel, {}}) + Message(kUsbipVersionReq, "abc"),

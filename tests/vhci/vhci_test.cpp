@@ -125,7 +125,6 @@ TEST_F(VhciTest, OpenFailures) {
         {"status.1",
          {},
          "RefreshImportedDeviceList udev_device_get_sysattr_value fail\n" + kNoList},
-        {"nports", "0", no_port},
         {"nports", "-1", no_port},
         {"nports", "3841", no_port},
         {"nports", {}, "GetAvailablePorts udev_device_get_sysattr_value fail\n" + no_port},
