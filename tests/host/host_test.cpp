@@ -238,7 +238,8 @@ TEST(CommandTest, IsAskedToEndAndThenMadeTo) {
         peer.Write("x");
         EXPECT_EQ("x", peer.Read(1));
         ::shutdown(peer.Get(), SHUT_RDWR);
-        EXPECT_TRUE(Eventually([&, &expected = end] { return child->End() == expected; })) << child->End();
+        EXPECT_TRUE(Eventually([&, &expected = end] { return child->End() == expected; }))
+            << child->End();
     }
 }
 
