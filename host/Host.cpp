@@ -7,6 +7,7 @@
 #include "host/Module.h"
 #include "host/Runtime.h"
 #include "posix/Error.h"
+#include "posix/StandardStreams.h"
 #include "posix/Wait.h"
 
 namespace host {
@@ -43,7 +44,8 @@ std::chrono::seconds Backoff::Next(bool reached) {
 }
 
 int RunHost(const Options& options, int stop) {
-    Runtime runtime(options.log_levels);
+    Runtime runtime(options.log_levels,
+                    [](std::string_view line) { posix::Tell(STDERR_FILENO, line); });
     std::string error;
     const auto module = Module::Load(options.module, runtime, error);
     if (!module) {

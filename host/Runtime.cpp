@@ -1,14 +1,7 @@
 #include "host/Runtime.h"
 
-#include <poll.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <climits>
 #include <cstdio>
 #include <ctime>
-#include <mutex>
-#include <string_view>
 
 namespace host {
 namespace {
@@ -29,22 +22,9 @@ std::string printable(std::string_view text) {
     return result;
 }
 
-// In one piece, cut at 4 KiB. A line is lost when nobody makes room for it within a second, and at
-// once as long as that goes on: whoever does not read the log must not stop the module.
-void write_line(const std::string& line) {
-    static std::mutex mutex;
-    static bool stuck = false;  // guarded by `mutex`
-    const std::lock_guard lock(mutex);
-    pollfd log{STDERR_FILENO, POLLOUT, 0};
-    stuck = ::poll(&log, 1, stuck ? 0 : 1000) != 1;
-    if (stuck) return;
-    // A pipe that is writable takes so much. There is nobody to tell if it fails.
-    const ssize_t count =
-        ::write(STDERR_FILENO, line.data(), std::min<std::size_t>(line.size(), PIPE_BUF));
-    static_cast<void>(count);
-}
+}  // namespace
 
-void show(const std::string& level, std::string_view text) {
+void Runtime::Show(const std::string& level, std::string_view text) const {
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     tm local{};
@@ -54,17 +34,15 @@ void show(const std::string& level, std::string_view text) {
     char milliseconds[sizeof ".mmm"];
     std::snprintf(milliseconds, sizeof milliseconds, ".%03u",
                   static_cast<unsigned>(now.tv_nsec / 1'000'000) % 1000U);
-    write_line(std::string(time) + milliseconds + ' ' + level + ' ' + printable(text) + '\n');
+    write_(std::string(time) + milliseconds + ' ' + level + ' ' + printable(text) + '\n');
 }
 
-}  // namespace
-
 void Runtime::Say(const std::string& text) const {
-    show("host", text);
+    Show("host", text);
 }
 
 void Runtime::Log(int level, const char* text) {
-    if (shown_levels_.count(level) != 0) show(std::to_string(level), text);
+    if (shown_levels_.count(level) != 0) Show(std::to_string(level), text);
 }
 
 }  // namespace host

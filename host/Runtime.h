@@ -3,15 +3,21 @@
 
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "xj-client-usbip/HostAbi.h"
 
 namespace host {
 
-// Shows lines on standard error, each whole, as "HH:MM:SS.mmm LEVEL text". Any thread may call.
+// Shows lines as "HH:MM:SS.mmm LEVEL text". Any thread may call.
 class Runtime : public IXJModRuntime {
   public:
-    explicit Runtime(std::set<int> shown_levels) : shown_levels_(std::move(shown_levels)) {}
+    // Takes one line at a time, its newline included, on any thread. It must not wait for somebody
+    // to read the log: the module would wait, too.
+    using Writer = void (*)(std::string_view line);
+
+    Runtime(std::set<int> shown_levels, Writer write)
+        : shown_levels_(std::move(shown_levels)), write_(write) {}
 
     // A line of the host's own: always shown, with "host" in the place of a level.
     void Say(const std::string& text) const;
@@ -24,7 +30,10 @@ class Runtime : public IXJModRuntime {
     void* GetEnv(const char*) override { return nullptr; }
 
   private:
+    void Show(const std::string& level, std::string_view text) const;
+
     const std::set<int> shown_levels_;
+    const Writer write_;
 };
 
 }  // namespace host
