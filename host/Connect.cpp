@@ -10,14 +10,12 @@ std::string Describe(const Target& target) {
 
 std::optional<Link> Open(const Target& target, int stop, std::string& error) {
     Link link;
-    posix::UniqueFd socket;
     if (target.address) {
-        socket = posix::Connect(*target.address, stop, error);
+        link.socket = posix::Connect(*target.address, stop, error);
     } else {
-        link.child = Child::Start(target.command, socket, error);
+        link.child = Child::Start(target.command, link.socket, error);
     }
-    if (!socket) return std::nullopt;
-    link.stream = new SocketStream(socket.Release());
+    if (!link.socket) return std::nullopt;
     return link;
 }
 

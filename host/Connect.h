@@ -6,7 +6,6 @@
 #include <string>
 
 #include "host/Child.h"
-#include "host/SocketStream.h"
 #include "posix/Address.h"
 
 namespace host {
@@ -20,8 +19,8 @@ struct Target {
 std::string Describe(const Target& target);
 
 struct Link {
-    CRefObj<SocketStream> stream;
-    std::unique_ptr<Child> child;  // the command behind the stream; null for a socket
+    posix::UniqueFd socket;        // blocking
+    std::unique_ptr<Child> child;  // the command behind the socket; null for a connection
 };
 
 // Connects or starts the command. Empty with an `error`; empty soon after `stop` becomes readable

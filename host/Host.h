@@ -20,8 +20,13 @@ class Backoff {
     std::chrono::seconds next_ = kFirst;
 };
 
-// Returns the exit status: 0 after a stop (see Wait.h), 1 when there is no module or no stream.
-// Every device is detached and every thread and child process gone when it returns.
-int RunHost(const Options& options, int stop);
+// How long a peer that accepts the connection may be silent. A command has more time, since it may
+// wait for a password; that it is silent is said as early.
+inline constexpr std::chrono::seconds kLongestSilence{8};
+
+// Returns the exit status: 0 after a stop (see Wait.h), 1 when there is no module or no stream, 3
+// when there is somebody else instead of a remote side. Every device is detached and every thread
+// and child process gone when it returns.
+int RunHost(const Options& options, int stop, std::chrono::milliseconds patience = kLongestSilence);
 
 }  // namespace host

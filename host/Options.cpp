@@ -30,7 +30,9 @@ constexpr char kExamples[] =
     "The stream itself is neither encrypted nor authenticated: --connect is for links you "
     "trust.\n\n"
     "Exit status: 0 after SIGINT or SIGTERM, with every device detached; 1 when the stream could\n"
-    "not be opened or was lost; 2 for a mistake on the command line.";
+    "not be opened or was lost, or the remote side serves another host; 2 for a mistake on the\n"
+    "command line; 3 when what answers there, or keeps silent, is no remote side, also with\n"
+    "--reconnect unless there was one before.";
 
 }  // namespace
 

@@ -52,6 +52,7 @@ int SocketStream::Read(void* buf, unsigned long len, unsigned long* got, unsigne
     message.msg_iovlen = std::size(parts);
     const ssize_t count = retry_interrupted([&] { return ::recvmsg(socket_, &message, 0); });
     if (count <= 0) return Fail(count < 0 ? errno : 0);
+    received_ += static_cast<std::uint64_t>(count);
     *got = std::min(len, static_cast<unsigned long>(count));
     begin_ = 0;
     end_ = static_cast<std::size_t>(count) - *got;
@@ -65,7 +66,6 @@ int SocketStream::Write(const void* data, unsigned long len, unsigned long* writ
     const ssize_t count =
         retry_interrupted([&] { return ::send(socket_, data, len, MSG_NOSIGNAL); });
     if (count <= 0) return Fail(count < 0 ? errno : 0);
-    written_ = true;
     *written = static_cast<unsigned long>(count);
     return kSuccess;
 }

@@ -11,6 +11,7 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 
 #include "xj-client-usbip/PluginAbi.h"
 #include "xj-client-usbip/Reference.h"
@@ -37,8 +38,8 @@ class SocketStream : public IPluginStreamRaw, protected CReference {
     // number of times.
     void End();
 
-    // Whether a Write has succeeded. Any thread.
-    bool Written() const { return written_; }
+    // How many bytes have come. The reading thread, or any once it does not read any more.
+    std::uint64_t Received() const { return received_; }
 
     // The errno value of the failure that ended the stream; 0 for an orderly end or none yet.
     int Error() const { return error_; }
@@ -55,9 +56,9 @@ class SocketStream : public IPluginStreamRaw, protected CReference {
     const int socket_;  // ours to close
     std::atomic<bool> ended_{false};
     std::atomic<int> error_{0};
-    std::atomic<bool> written_{false};
 
     // Owned by the reading thread: bytes [begin_, end_) are received and not yet delivered.
+    std::uint64_t received_ = 0;
     std::array<std::byte, kReadAhead> buffer_;
     std::size_t begin_ = 0;
     std::size_t end_ = 0;
