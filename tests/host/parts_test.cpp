@@ -10,6 +10,7 @@
 #include "host/Child.h"
 #include "host/Doctor.h"
 #include "host/Host.h"
+#include "host/SocketStream.h"
 #include "posix/Peer.h"
 
 namespace host {
