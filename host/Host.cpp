@@ -1,6 +1,7 @@
 #include "host/Host.h"
 
 #include <algorithm>
+#include <system_error>
 #include <thread>
 
 #include "host/Connect.h"
@@ -21,9 +22,9 @@ constexpr int kNoRemoteSide = 3;
 constexpr int kCommandPatience = 15;  // times that of a peer: as long as sshd waits for a login
 constexpr int kDetachMs = 2'000;
 
-// Detaches every device while the stream still takes what is to be said about that. The stream is
-// ended if nobody takes it.
-void detach(IClientUsbipPlugin& plugin, SocketStream& stream) {
+// Detaches every device while the stream still takes what they have to say. If nobody takes it, the
+// stream is ended, and so it is before that if there can be no thread to see to it.
+void detach(IClientUsbipPlugin& plugin, SocketStream& stream) try {
     const posix::UniqueFd detached = posix::MakeEvent();
     std::thread guard([&] {
         if (posix::WaitFor(detached.Get(), POLLIN, -1, kDetachMs) != posix::Wake::Ready)
@@ -32,6 +33,8 @@ void detach(IClientUsbipPlugin& plugin, SocketStream& stream) {
     plugin.ExitInstance();
     ::eventfd_write(detached.Get(), 1);
     guard.join();
+} catch (const std::system_error&) {
+    stream.End();
 }
 
 // Lends the stream to the plug-in until one side ends it or `stop` is readable. All devices are

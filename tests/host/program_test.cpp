@@ -100,7 +100,6 @@ TEST_F(ProgramTest, ASignalEndsAConnectThatNobodyAnswers) {
         return seen_.find(connecting) != std::string::npos;
     })) << seen_;
     EXPECT_EQ(kStatus + "0", Exit(SIGINT));
-    EXPECT_FALSE(queued->Wait(0)) << "the first gave up on a peer that is only silent";
 }
 
 // The command inherits none of the program's own handling of signals, and its text cannot forge
