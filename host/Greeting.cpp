@@ -75,7 +75,7 @@ std::string explain_silence(const Target& target) {
         return " has written nothing yet. Is it a remote side, as \"ssh HOST xj-usbip-remote "
                "--stdio ...\" is, and does it wait for a password?";
     }
-    const std::string silent = " says nothing, and `xj-usbip-remote --listen` would speak first";
+    std::string silent = " says nothing, and `xj-usbip-remote --listen` would speak first";
     if (target.address->kind == posix::Address::Kind::Unix) return silent;
     return silent + ". Should it be a USB/IP server, have a remote side offer its devices: " +
            "xj-usbip-remote --listen ... --usbip " + Describe(target) + "/BUSID";

@@ -31,8 +31,9 @@ constexpr char kExamples[] =
     "trust.\n\n"
     "Exit status: 0 after SIGINT or SIGTERM, with every device detached; 1 when the stream could\n"
     "not be opened or was lost, or the remote side serves another host; 2 for a mistake on the\n"
-    "command line; 3 when what answers there, or keeps silent, is no remote side, also with\n"
-    "--reconnect unless there was one before.";
+    "command line; 3 when whoever answers is no remote side, or nobody does: within 10 s, but a\n"
+    "command has two minutes, since it may wait for a password. --reconnect goes on after 3 only\n"
+    "if there was a remote side before.";
 
 }  // namespace
 
