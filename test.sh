@@ -51,7 +51,7 @@ else
     for preset in asan tsan; do run_tests "$preset" -j "$(nproc)"; done
     build fuzz
     run_tests fuzz -j "$(nproc)"
-    run_tests release -L vm
+    run_tests release -L vm -j "$(nproc)"
 fi
 
 echo "$passed passed, $failed failed, $skipped skipped"

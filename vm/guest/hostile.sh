@@ -2,21 +2,19 @@
 # A microphone that lies in its replies (see vm/microphone/Lies.cpp), beside a disk that does not, on
 # one stream: behind a bridge, or of a remote side of its own that speaks the channel.
 #
-# One processor, see bridge-microphone.sh, and a kernel that shows what was touched. In the head:
-#   # qemu: -smp 1
+# The kernel shows what was touched. In the head:
 #   # kernel: panic_on_warn=1 oops=panic slub_debug=FZPU log_buf_len=4M loglevel=5
 # shellcheck source=guest/bridge.sh
 . "$VM_DIR/guest/bridge.sh"
 
 lies="offset packet-end packet-length packet-actual wrapping-sum sum more-packets actual-length out-actual"
-oddities="packed-offsets short-packets fewer-packets no-packets"
 
 # begin_lying: once.
 begin_lying() {
     expect_watchful_kernel
     modprobe snd-usb-audio
     echo 0 >/sys/module/usb_storage/parameters/delay_use  # seconds; it would wait for one
-    head -c 4194304 /dev/urandom >/tmp/disk.img
+    head -c 1048576 /dev/urandom >/tmp/disk.img
     sum=$(sha256 /tmp/disk.img)
 }
 
@@ -40,7 +38,7 @@ offer() {
     fi
     start_host
     pcm=$(wait_for_imported sound 'pcmC*c')
-    disk=$(wait_for_disk 4)
+    disk=$(wait_for_disk 1)
     wait_ports_used 2
 }
 
@@ -52,7 +50,7 @@ withdraw() {
     kill -TERM "$liar_pid"
     wait_for_end "$liar_pid" 5 "the microphone"
     wait_all_ports_free
-    wait_disk_gone 4
+    wait_disk_gone 1
 }
 
 # refusals WAY: how often who is to see through lies has said that it does.
@@ -82,7 +80,7 @@ expect_end() {
     wait_until 30 "the lie" grep -qx "the first lie" "$LOG_DIR/microphone.log"
     wait_until 10 "the end of the microphone" ports_used_by_us_are 1
     wait_for_end "$recorder" 10 "the recording"
-    wait_until 10 "data that still flows" has_read_more "$disk" $(($(sectors_read "$disk") + 8192))
+    wait_until 10 "data that still flows" has_read_more "$disk" $(($(sectors_read "$disk") + 1024))
     expect_same "the disk" "$sum" "$(sha256 "/dev/$disk")"
     expect_same "refusals" 1 $(($(refusals "$1") - refused))
     expect_same "complaints of the kernel" none "$(kernel_complaints)"
@@ -90,17 +88,7 @@ expect_end() {
     expect_read_error 10
 }
 
-# expect_sound WAY ODDITY: each sample is recorded, nevertheless.
-expect_sound() {
-    offer "$1" "$2"
-    record "$pcm"
-    expect_whole_record
-    expect_same "the disk" "$sum" "$(sha256 "/dev/$disk")"
-    withdraw "$1"
-}
-
 expect_lies_refused() {
     local lie
-    for lie in $oddities; do timed "$lie" expect_sound "$1" "$lie"; done
     for lie in $lies; do timed "$lie" expect_end "$1" "$lie"; done
 }

@@ -63,10 +63,11 @@ heard_is() {
 
 # --- a microphone -----------------------------------------------------------------------------
 
-# start_microphone: a USB/IP server whose only device is one, as 1-1. Its samples count upwards.
+# start_microphone ARG...: a USB/IP server whose only device is one, as 1-1. Its samples count upwards.
 start_microphone() {
     modprobe snd-usb-audio
-    xj-usbip-microphone 127.0.0.1:3240 >"$LOG_DIR/microphone.log" 2>&1 </dev/null 8>&- 9<&- &
+    xj-usbip-microphone "$@" 127.0.0.1:3240 >"$LOG_DIR/microphone.log" 2>&1 </dev/null 8>&- 9<&- &
+    microphone_pid=$!
     wait_until 30 "the microphone" grep -q "listening on" "$LOG_DIR/microphone.log"
 }
 

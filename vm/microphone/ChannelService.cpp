@@ -16,12 +16,12 @@ namespace {
 
 class MicrophoneDevice final : public Device {
   public:
-    explicit MicrophoneDevice(const Lie* lie) : lie_(lie) {}
+    explicit MicrophoneDevice(const Lies& lies) : lies_(lies) {}
 
     const DeviceInfo& Info() const override { return info_; }
     void Attach(ReplySink& sink) override {
         sink_ = &sink;
-        microphone_.emplace(lie_);
+        microphone_.emplace(lies_);
     }
     void Detach() override { microphone_.reset(); }
     void TakeCommand(const Command& command) override {
@@ -35,17 +35,17 @@ class MicrophoneDevice final : public Device {
 
   private:
     const DeviceInfo info_ = MicrophoneInfo();
-    const Lie* lie_;
+    const Lies lies_;
     std::optional<Microphone> microphone_;  // this and the next between Attach and Detach
     ReplySink* sink_ = nullptr;
 };
 
 }  // namespace
 
-void ServeChannel(Listener& listener, const Lie* lie, const std::string& disk) {
+void ServeChannel(Listener& listener, const Lies& lies, const std::string& disk) {
     std::string error;
     std::vector<std::unique_ptr<Device>> devices;
-    devices.push_back(std::make_unique<MicrophoneDevice>(lie));
+    devices.push_back(std::make_unique<MicrophoneDevice>(lies));
     if (!disk.empty()) {
         std::optional<DiskImage> image = DiskImage::Open(disk, false, error);
         if (!image) throw std::runtime_error(error);

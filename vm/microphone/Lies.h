@@ -30,6 +30,9 @@ struct Lie {
     void (*tell)(SubmitReply& reply, std::uint32_t room);
 };
 
+// Told in turn; none: whoever has them is honest.
+using Lies = std::vector<const Lie*>;
+
 const Lie* FindLie(std::string_view name);  // null: there is none
 std::string LieNames();
 

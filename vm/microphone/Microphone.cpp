@@ -124,10 +124,12 @@ Bytes Microphone::TakeCommand(const Command& command) {
 }
 
 void Microphone::Twist(Lie::About about, SubmitReply& reply, std::uint32_t room) {
-    if (lie_ == nullptr || lie_->about != about) return;
+    if (lies_.empty()) return;
+    const Lie& lie = *lies_[told_ % lies_.size()];
+    if (lie.about != about) return;
     if (about != Lie::About::kEnumeration && replies_ <= kHonestReplies) return;
-    if (!std::exchange(has_lied_, true)) std::fputs("the first lie\n", stderr);
-    lie_->tell(reply, room);
+    if (told_++ == 0) std::fputs("the first lie\n", stderr);
+    lie.tell(reply, room);
 }
 
 // The data of an answer, none for OUT requests. Nothing: the request stalls.

@@ -28,7 +28,7 @@ usbip_op_device MicrophoneRecord();
 // One attachment.
 class Microphone {
   public:
-    explicit Microphone(const Lie* lie) : lie_(lie) {}  // none: it is honest
+    explicit Microphone(const Lies& lies) : lies_(lies) {}
 
     // Takes one command and returns the reply. None: it follows later.
     Bytes TakeCommand(const Command& command);
@@ -52,7 +52,7 @@ class Microphone {
     Bytes Submit(const Command& command);
     Bytes Unlink(std::uint32_t seqnum, std::uint32_t target);
 
-    const Lie* lie_;
+    const Lies lies_;
     SubmittedNumbers submitted_;
     bool streaming_ = false;  // the alternate setting with the endpoint is selected
     std::deque<Urb> urbs_;
@@ -60,7 +60,7 @@ class Microphone {
     std::uint32_t phase_ = 0;           // time not yet sampled, in units of 1 / (44,100 * 8000) s
     std::uint16_t sample_ = 0;          // the next one
     std::uint32_t replies_ = 0;         // with sound
-    bool has_lied_ = false;
+    std::size_t told_ = 0;              // lies
 };
 
 }  // namespace remote

@@ -1,5 +1,5 @@
 // The two ways to offer the microphone to others. Both serve until the process is ended, one client
-// at a time. `lie`: none when it is honest.
+// at a time.
 #pragma once
 
 #include <string>
@@ -10,10 +10,10 @@
 namespace remote {
 
 // As the only device of a server of the Linux USB/IP protocol.
-void ServeUsbip(Listener& listener, const Lie* lie);
+void ServeUsbip(Listener& listener, const Lies& lies);
 
 // As the first device of a remote side, that speaks the channel. `disk`: an image, for a second
 // device, which is honest; none when it is empty.
-void ServeChannel(Listener& listener, const Lie* lie, const std::string& disk);
+void ServeChannel(Listener& listener, const Lies& lies, const std::string& disk);
 
 }  // namespace remote

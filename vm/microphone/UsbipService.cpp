@@ -62,8 +62,8 @@ Bytes receive_command(int fd) {
     return pdu;
 }
 
-[[noreturn]] void serve_device(int fd, const Lie* lie) {
-    Microphone microphone(lie);
+[[noreturn]] void serve_device(int fd, const Lies& lies) {
+    Microphone microphone(lies);
     for (;;) {
         int timeout = -1;
         if (const auto due = microphone.Due()) {
@@ -83,7 +83,7 @@ Bytes receive_command(int fd) {
     }
 }
 
-void serve(int fd, const Lie* lie) {
+void serve(int fd, const Lies& lies) {
     const usbip_op_device device = MicrophoneRecord();
     const auto reply_head = [](UsbipOperation code, UsbipOperationStatus status) {
         return usbip_op_header{htobe16(kUsbipServerVersion), htobe16(code), htobe32(status)};
@@ -109,12 +109,12 @@ void serve(int fd, const Lie* lie) {
         throw std::runtime_error("the client wants another device");
     }
     say(fd, joined(reply_head(OP_REP_IMPORT, USBIP_ST_OK), device));
-    serve_device(fd, lie);
+    serve_device(fd, lies);
 }
 
 }  // namespace
 
-void ServeUsbip(Listener& listener, const Lie* lie) {
+void ServeUsbip(Listener& listener, const Lies& lies) {
     for (;;) {
         posix::WaitFor(listener.Fd(), POLLIN, -1, -1);
         const posix::UniqueFd client = listener.Accept();
@@ -123,7 +123,7 @@ void ServeUsbip(Listener& listener, const Lie* lie) {
         setsockopt(client.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);
         setsockopt(client.Get(), SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof kPatience);
         try {
-            serve(client.Get(), lie);
+            serve(client.Get(), lies);
         } catch (const std::runtime_error& end) {
             std::fprintf(stderr, "connection ends: %s\n", end.what());
         }

@@ -15,16 +15,16 @@
 namespace {
 
 constexpr const char* kUsage =
-    "usage: xj-usbip-microphone [--lie NAME] HOST:PORT\n"
+    "usage: xj-usbip-microphone [--lie NAME]... HOST:PORT\n"
     "           a server of the Linux USB/IP protocol, whose only device it is\n"
-    "       xj-usbip-microphone --channel [--disk IMAGE] [--lie NAME] HOST:PORT\n"
+    "       xj-usbip-microphone --channel [--disk IMAGE] [--lie NAME]... HOST:PORT\n"
     "           a remote side; the microphone is its first device, and the disk its second one\n"
-    "lies: ";
+    "lies, told in turn: ";
 
 void run(int argc, char** argv) {
     bool channel = false;
     std::string disk;
-    const remote::Lie* lie = nullptr;
+    remote::Lies lies;
     int at = 1;
     for (; at + 1 < argc; ++at) {
         const std::string option = argv[at];
@@ -33,8 +33,9 @@ void run(int argc, char** argv) {
         } else if (option == "--disk") {
             disk = argv[++at];
         } else if (option == "--lie") {
-            lie = remote::FindLie(argv[++at]);
+            const remote::Lie* lie = remote::FindLie(argv[++at]);
             if (lie == nullptr) break;
+            lies.push_back(lie);
         } else {
             break;
         }
@@ -48,7 +49,7 @@ void run(int argc, char** argv) {
     const auto listener = address ? remote::Listener::Open(*address, error) : nullptr;
     if (!listener) throw std::runtime_error("cannot listen: " + error);
     std::fprintf(stderr, "listening on %s\n", listener->Name().c_str());
-    channel ? remote::ServeChannel(*listener, lie, disk) : remote::ServeUsbip(*listener, lie);
+    channel ? remote::ServeChannel(*listener, lies, disk) : remote::ServeUsbip(*listener, lies);
 }
 
 }  // namespace

@@ -16,3 +16,13 @@ for way in kernel our; do
     done
     detach $way
 done
+
+# What is unusual in replies, but not unsafe: nobody on the way takes offence.
+kill -TERM "$microphone_pid"
+wait_for_end "$microphone_pid" 5 "the microphone"
+start_microphone --lie packed-offsets --lie short-packets --lie fewer-packets --lie no-packets
+attach our 1
+record "$(wait_for_imported sound 'pcmC*c')"
+expect_whole_record
+grep -qx "the first lie" "$LOG_DIR/microphone.log" || fail "the microphone has not been odd"
+detach our

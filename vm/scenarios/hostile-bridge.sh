@@ -1,8 +1,6 @@
 # about: replies by which a USB/IP server would have the kernel touch memory of others end their device, and only that
-# qemu: -smp 1
 # kernel: panic_on_warn=1 oops=panic slub_debug=FZPU log_buf_len=4M loglevel=5
 # limit: 480
-# clock: counted
 # shellcheck source=guest/hostile.sh
 . "$VM_DIR/guest/hostile.sh"
 begin_lying
