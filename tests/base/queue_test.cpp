@@ -1,7 +1,6 @@
 // The semaphore queue: order, time-outs, close and re-open.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
 #include <thread>
 
@@ -65,19 +64,6 @@ TEST(Queue, CloseDropsEachElementOnceAndNothingIsTakenAfterIt) {
         queue.push(element);
     }
     EXPECT_EQ(element.use_count(), 1) << "destruction closes";
-}
-
-TEST(Queue, CloseWakesEveryBlockedConsumer) {
-    Queue queue;
-    std::atomic<int> popping{0};
-    const Stopwatch watch;
-    {
-        const auto pop = [&] { return ++popping, Pop(queue, 20'000); };
-        const std::jthread one(pop), two(pop);
-        EXPECT_TRUE(Eventually([&] { return popping == 2; }));
-        queue.close();
-    }
-    EXPECT_LT(watch.Milliseconds(), 10'000);
 }
 
 }  // namespace

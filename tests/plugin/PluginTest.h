@@ -15,6 +15,9 @@ class PluginTest : public ::testing::Test, public Rig {
         EXPECT_TRUE(ledger_.Balanced());
     }
 
+    void Reply(const std::string& pdu, std::uint32_t devid = 5) {
+        host.Receive(ForwardMessage(devid, pdu));
+    }
     void ExpectLog(int level, const std::string& text, int times = 1) {
         EXPECT_TRUE(host.runtime.WaitForLine({level, text}, times)) << text;
     }

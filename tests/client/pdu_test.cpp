@@ -1,151 +1,20 @@
-// Mapped devices between the fake kernel and the remote side: attach, both directions, and ends.
-#include <csignal>
-
+// PDUs of a mapped device, between the fake kernel and the remote side.
 #include "plugin/PluginTest.h"
 
 namespace {
 
-class ClientTest : public PluginTest {
+class PduTest : public PluginTest {
   protected:
-    ClientTest() {
-        host.Start();
-        Handle("");  // until all its threads are there
-    }
-
-    // Milliseconds until the device is gone.
-    long Unmap(std::uint32_t devid) {
-        const Stopwatch watch;
-        Handle(UnmapMessage(devid));
-        return watch.Milliseconds();
-    }
-    void Reply(const std::string& pdu, std::uint32_t devid = 5) {
-        host.Receive(ForwardMessage(devid, pdu));
-    }
-
+    PduTest() { host.Start(); }
     // The last ten words of a dumped header.
     const std::string zeroes =
         " 00000000 00000000 00000000 00000000 00000000 00000000 00000000 00000000 00000000 "
         "00000000";
 };
 
-// --- start and end ---
-
-TEST_F(ClientTest, AnUnmapIsPromptAndGivesEverythingBack) {
-    const auto other = Map(1);
-    ExpectLog(1, "start forward data loop");
-    for (const std::size_t read : {0UL, 48UL}) {  // of what the peer has sent: 4 MiB, if any
-        host.runtime.Forget();
-        long fastest = LONG_MAX;
-        for (int run = 1; run <= 3; ++run) {
-            const Ledger ledger;
-            const auto kernel = Map(5);
-            ExpectLog(1, "start forward data loop", run);
-            for (int i = 0; i < 4 && read != 0; ++i)
-                Reply(SubmitReply(1, 1 << 20, std::string(1 << 20, 'x')));
-            EXPECT_EQ(kernel->Receive(read).size(), read) << "writing has begun";
-            fastest = std::min(fastest, Unmap(5));
-            EXPECT_TRUE(host.runtime.Lines(4).empty()) << "an orderly end is no failure";
-            EXPECT_TRUE(kernel->WaitForEnd());
-            EXPECT_EQ(NextMessage(), UnmapMessage(5));
-            kernel->Close();
-            EXPECT_TRUE(ledger.Balanced());
-        }
-        EXPECT_LT(fastest, 300) << "below one poll period";
-    }
-    EXPECT_TRUE(Works(1, *other));
-}
-
-TEST_F(ClientTest, TheKernelsEndEndsItOnce) {
-    const long descriptors = OpenDescriptors();
-    const long inherited = OpenDescriptors(FD_CLOEXEC);
-    const auto kernel = Map(12);
-    EXPECT_EQ(OpenDescriptors(FD_CLOEXEC), inherited) << "a child of the host would keep it open";
-    const long cpu = CpuMilliseconds();
-    kernel->Close();
-    ExpectLog(4, "read dev fail");
-    EXPECT_EQ(NextMessage(), UnmapMessage(12));
-    EXPECT_TRUE(Eventually([&] { return OpenDescriptors() == descriptors; }))
-        << "the client's end is closed before the unmap";
-    Reply(UnlinkReply(1), 12);  // goes nowhere
-    Handle(UnmapMessage(12));
-    EXPECT_LT(CpuMilliseconds() - cpu, 1000) << "it does not spin";
-    EXPECT_TRUE(Silent());
-}
-
-TEST_F(ClientTest, AWriteAfterTheKernelLetGoRaisesNoSignal) {
-    std::signal(SIGPIPE, SIG_DFL);  // would end the test program
-    const auto kernel = Map(5);
-    kernel->StopReading();
-    Reply(UnlinkReply(1));
-    ExpectLog(4, "[CUsbipClientLinux] write device fail");
-    EXPECT_EQ(NextMessage(), UnmapMessage(5));
-}
-
-TEST_F(ClientTest, SignalsEndNothing) {
-    struct sigaction action {};
-    action.sa_handler = [](int) {};  // and no SA_RESTART
-    sigaction(SIGUSR1, &action, nullptr);
-    const auto kernel = Map(5);
-    const std::string reply = PeerPdu(1, 4 << 20);
-    Reply(reply);
-    EXPECT_EQ(kernel->Receive(48), reply.substr(0, 48)) << "writing has begun, and waits";
-    for (int i = 0; i < 20; ++i, usleep(1000))
-        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
-            tgkill(getpid(), std::stoi(task.path().filename()), SIGUSR1);
-    EXPECT_TRUE(kernel->Receive(reply.size() - 48) == reply.substr(48));
-    EXPECT_TRUE(Works(5, *kernel));
-    EXPECT_EQ(host.runtime.Lines(4), std::vector<LogLine>());
-}
-
-// --- attach ---
-
-TEST_F(ClientTest, FailsToAttachWithoutReportingAnEnd) {
-    const Ledger ledger;
-    controller.refusal = EBUSY;
-    long fastest = LONG_MAX;
-    for (const std::string what : {"attach", "attach", "open", "open"}) {
-        if (what == "open") controller.RemoveDevice("vhci_hcd.0");
-        host.runtime.Forget();
-        Handle(MapMessage(5) + ForwardMessage(5, UnlinkReply(1)));
-        ExpectLog(4, "[CUsbipClientLinux]  vhci " + what + " fail");
-        EXPECT_TRUE(ledger.Balanced()) << "what it does not need is given back";
-        fastest = std::min(fastest, Unmap(5));
-    }
-    EXPECT_LT(fastest, 300) << "below one wait of the write thread";
-    EXPECT_TRUE(Silent());
-}
-
-// The kernel still deals with the first request when the others come, and go.
-TEST_F(ClientTest, ASlowAttachHoldsUpNobodyAndMayOutliveItsDevice) {
-    controller.held_port = 0;
-    host.Receive(MapMessage(5));
-    EXPECT_TRUE(controller.WaitForRequests(1));
-    const auto other = Map(6);
-    EXPECT_EQ(other->port, 1U) << "the first one's port is taken";
-    EXPECT_TRUE(Works(6, *other));
-    Handle(UnmapMessage(6));
-    EXPECT_EQ(NextMessage(), UnmapMessage(6));
-    host.Receive(UnmapMessage(5));
-    ExpectLog(1, "[usbipclient] unmap device 5");
-    controller.held_port = -1;
-    EXPECT_TRUE(controller.WaitForAttach()->WaitForEnd());
-    EXPECT_EQ(NextMessage(), UnmapMessage(5));
-}
-
-TEST_F(ClientTest, ManyAtOnceGetPortsOfTheirOwn) {
-    for (std::uint32_t devid = 0; devid < 8; ++devid)
-        host.Receive(MapMessage(devid));
-    unsigned ports = 0;
-    std::unique_ptr<KernelEnd> kernels[8];
-    for (auto& kernel : kernels)
-        if ((kernel = controller.WaitForAttach())) ports |= 1U << kernel->port;
-    EXPECT_EQ(ports, 0xFFU) << "all eight high-speed ports, each once";
-    EXPECT_EQ(controller.Requests().size(), 8U) << "and nobody was refused";
-}
-
 // --- kernel to peer ---
 
-TEST_F(ClientTest, CutsTheKernelsBytesIntoPdus) {
+TEST_F(PduTest, CutsTheKernelsBytesIntoPdus) {
     const auto kernel = Map(5);
     usbip_header not_iso = PduHeader(USBIP_CMD_SUBMIT, 7);
     not_iso.u.cmd_submit.number_of_packets = kUsbipNotIso;
@@ -169,7 +38,7 @@ TEST_F(ClientTest, CutsTheKernelsBytesIntoPdus) {
     EXPECT_TRUE(Silent());
 }
 
-TEST_F(ClientTest, RefusesWhatTheKernelWouldNeverSend) {
+TEST_F(PduTest, RefusesWhatTheKernelWouldNeverSend) {
     usbip_header header = PduHeader(USBIP_CMD_SUBMIT, 1);
     header.u.cmd_submit.transfer_buffer_length = htobe32(0xFFFFFFF0);
     header.u.cmd_submit.number_of_packets = htobe32(0x10000000);
@@ -191,7 +60,7 @@ TEST_F(ClientTest, RefusesWhatTheKernelWouldNeverSend) {
     }
 }
 
-TEST_F(ClientTest, WarnsAboveManyUnansweredOutTransfers) {
+TEST_F(PduTest, WarnsAboveManyUnansweredOutTransfers) {
     const auto kernel = Map(5);
     const auto command = [&](const std::string& pdu) {
         kernel->Send(pdu);
@@ -215,7 +84,7 @@ TEST_F(ClientTest, WarnsAboveManyUnansweredOutTransfers) {
 
 // --- peer to kernel ---
 
-TEST_F(ClientTest, PassesRepliesThatFitTheirCommand) {
+TEST_F(PduTest, PassesRepliesThatFitTheirCommand) {
     const auto kernel = Map(5);
     const std::vector<IsoPacket> asked = {{0, 64, 0}, {64, 64, 0}};
     const std::vector<IsoPacket> packed = {{0, 64, 10}, {10, 64, 20}};
@@ -241,7 +110,7 @@ TEST_F(ClientTest, PassesRepliesThatFitTheirCommand) {
     ExpectLog(4, "[CUsbipClientLinux] CheckNetRecv invalid");
 }
 
-TEST_F(ClientTest, ALieEndsItsDeviceAlone) {
+TEST_F(PduTest, ALieEndsItsDeviceAlone) {
     const auto other = Map(1);
     const std::string packets = WithPackets(SubmitReply(7, 8, "12345678"), {{250, 8, 8}});
     const std::string lies[] = {SubmitReply(7, 257, std::string(257, 'x')),
@@ -264,7 +133,7 @@ TEST_F(ClientTest, ALieEndsItsDeviceAlone) {
     }
 }
 
-TEST_F(ClientTest, WhatTheKernelDoesNotTakeIsBounded) {
+TEST_F(PduTest, WhatTheKernelDoesNotTakeIsBounded) {
     const auto kernel = Map(5);
     const std::string pdu = SubmitReply(1, 40 << 20, std::string(40 << 20, 'x'));
     const LogLine line{
@@ -282,7 +151,7 @@ TEST_F(ClientTest, WhatTheKernelDoesNotTakeIsBounded) {
 
 // Behind a whole PDU what is none is left out, and the device goes on. A peer that sends nothing
 // else is not listened to any more.
-TEST_F(ClientTest, WritesNothingThatIsNotAWholePdu) {
+TEST_F(PduTest, WritesNothingThatIsNotAWholePdu) {
     const std::string invalid = "CheckNetRecv invalid", prefix = "[CUsbipClientLinux] ";
     const std::pair<std::string, LogLine> cases[] = {
         {"", {4, invalid + " packet"}},
