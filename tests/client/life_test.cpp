@@ -125,4 +125,15 @@ TEST_F(DeviceTest, ASlowAttachHoldsUpNobodyAndMayOutliveItsDevice) {
     EXPECT_EQ(NextMessage(), UnmapMessage(5));
 }
 
+TEST_F(DeviceTest, ManyAtOnceGetPortsOfTheirOwn) {
+    for (std::uint32_t devid = 0; devid < 8; ++devid)
+        host.Receive(MapMessage(devid));
+    unsigned ports = 0;
+    std::unique_ptr<KernelEnd> kernels[8];
+    for (auto& kernel : kernels)
+        if ((kernel = controller.WaitForAttach())) ports |= 1U << kernel->port;
+    EXPECT_EQ(ports, 0xFFU) << "all eight high-speed ports, each once";
+    EXPECT_EQ(controller.Requests().size(), 8U) << "and nobody was refused";
+}
+
 }  // namespace
