@@ -15,7 +15,7 @@ namespace {
 
 using posix::test::Peer;
 
-constexpr int kPromptMs = 8'000;  // less than the connect that a signal cuts short
+constexpr int kPromptMs = 7'000;  // less than the pause and the connect that signals cut short
 const std::string kStatus = "the command ended with status ";
 const std::string kContent(4096, 'x');  // of the image
 
@@ -70,6 +70,7 @@ TEST_F(ProgramTest, TheModuleAnswersOverTheStreamAndOverTheNextUntilSigterm) {
     for (int i = 0; i < 2; ++i) {
         ExchangeVersions(port_.Accept());
         ExpectOutput("] ExitInstance");
+        EXPECT_EQ(std::string::npos, before_.find(" 8 [usbipclient]")) << "not asked for";
         ExpectOutput(": the remote side ended it");
         ExpectOutput("trying again in 1 s");
     }
@@ -80,12 +81,21 @@ TEST_F(ProgramTest, TheModuleAnswersOverTheStreamAndOverTheNextUntilSigterm) {
     EXPECT_EQ("", peer.ReadToEnd());
 }
 
-TEST_F(ProgramTest, ASignalCutsAPauseShortThoughNobodyReadsTheLogAnyMore) {
+TEST_F(ProgramTest, ASignalCutsAPauseShortAndNothingPilesUpUntilThen) {
     Start("--reconnect --exec 'echo >>" + image_ + "'");
-    ExpectOutput("trying again in 4 s");
-    output_ = Peer();
+    const std::string pid = std::to_string(program_->Pid());
+    std::set<std::ptrdiff_t> descriptors;
+    for (const std::string pause : {"1", "2", "4", "8"}) {
+        ExpectOutput("trying again in " + pause + " s");
+        descriptors.insert(
+            std::distance(std::filesystem::directory_iterator("/proc/" + pid + "/fd"), {}));
+    }
+    EXPECT_EQ(1U, descriptors.size());
+    std::ifstream children("/proc/" + pid + "/task/" + pid + "/children");
+    EXPECT_FALSE(std::getline(children, seen_)) << "not waited for: " << seen_;
+    output_ = Peer();  // nobody reads the log any more
     EXPECT_EQ(kStatus + "0", Exit(SIGTERM));
-    EXPECT_EQ(kContent.size() + 3, std::filesystem::file_size(image_)) << "tried again";
+    EXPECT_EQ(kContent.size() + 4, std::filesystem::file_size(image_)) << "tried again";
 }
 
 TEST_F(ProgramTest, ASignalEndsAConnectThatNobodyAnswers) {
