@@ -1,13 +1,11 @@
 // The parts of the program, each alone.
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
 
-#include "host/Child.h"
 #include "host/Doctor.h"
 #include "host/Host.h"
 #include "posix/Peer.h"
@@ -95,44 +93,6 @@ TEST_F(StreamTest, WritingToAPeerThatLeftFailsWithoutASignal) {
     unsigned long written = 0;
     EXPECT_NE(0, stream->Write("x", 1, &written, 0));
     EXPECT_EQ(EPIPE, stream->Error());
-}
-
-TEST(CommandTest, IsAskedToEndAndThenMadeTo) {
-    const std::pair<const char*, std::string> cases[] = {
-        {"cat; exit 3", "the command ended with status 3"},  // sees the end of its input
-        {"head -c1; exec sleep 60", "the command was ended by signal Terminated"},
-        {"trap '' TERM; head -c1; exec sleep 60", "the command was ended by signal Killed"}};
-    for (const auto& [command, end] : cases) {
-        posix::UniqueFd stream;
-        std::string error;
-        const auto child = Child::Start(command, stream, error);
-        const Peer peer(std::move(stream));
-        peer.Write("x");
-        EXPECT_EQ("x", peer.Read(1));
-        ::shutdown(peer.Get(), SHUT_RDWR);
-        EXPECT_TRUE(Eventually([&, &how = end] { return child->End() == how; })) << child->End();
-    }
-}
-
-// Its output ends when nobody has it any more. Not run as the others are, by the code under test.
-TEST(CommandTest, NothingOfItIsLeftBehind) {
-    for (const bool killed : {false, true}) {
-        const std::string program = "echo $$; exec " COMMAND
-                                    " --exec \"(trap '' TERM; exec sleep 60) & sleep 60 & " +
-                                    std::string(killed ? "sleep 60" : "exit 3") + "\" 2>&1";
-        const Stopwatch elapsed;
-        FILE* const output = ::popen(program.c_str(), "r");
-        char line[1000];
-        const pid_t pid = std::atoi(std::fgets(line, sizeof line, output));
-        std::string text;
-        while (std::fgets(line, sizeof line, output) != nullptr) {
-            text += line;
-            if (killed && text.ends_with("sleep 60\"\n")) ::kill(pid, SIGKILL);
-        }
-        ::pclose(output);
-        EXPECT_LT(elapsed.Milliseconds(), 30'000) << "left behind by " << text;
-        EXPECT_NE(killed, text.find("ended with status 3") != std::string::npos) << text;
-    }
 }
 
 }  // namespace

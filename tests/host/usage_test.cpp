@@ -1,0 +1,102 @@
+// What users may ask for, where they may start the programs, and what they are told.
+#include <fcntl.h>
+
+#include <tuple>
+
+#include "ProgramTest.h"
+#include "host/Host.h"
+
+namespace host::test {
+namespace {
+
+// Not a line of theirs gets into a stream or an image, which take the places of what is closed.
+TEST_F(ProgramTest, StandardStreamsMayBeClosed) {
+    const std::string closed = " <&- >&- 2>&-";
+    Run("sh -c 'exec " COMMAND " --log-level 1,4,8 --connect " + target_ + closed + "'");
+    ExchangeVersions(port_.Accept());
+    EXPECT_EQ(kStatus + "1", Exit());
+    Run("sh -c 'exec " REMOTE " --stdio --disk " + image_ + closed + "'");
+    EXPECT_EQ(kStatus + "0", Exit());
+    std::getline(std::ifstream(image_), seen_, '\0');
+    EXPECT_EQ(seen_, kContent);
+}
+
+TEST_F(ProgramTest, OutputThatNobodyReadsKeepsNobodyFromEnding) {
+    int ends[2];
+    ASSERT_EQ(0, ::pipe2(ends, O_NONBLOCK));
+    const posix::UniqueFd reader(ends[0]), writer(ends[1]);
+    while (::write(ends[1], kContent.data(), kContent.size()) > 0)
+        continue;
+    const auto full = "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(ends[1]);
+    Run("sh -c 'exec " COMMAND " --connect " + target_ + " 2>" + full + "'");
+    ExchangeVersions(port_.Accept());
+    EXPECT_EQ(kStatus + "0", Exit(SIGTERM));
+    Run("sh -c 'exec " REMOTE " --list " + target_ + " >" + full + " 2>&1'");
+    port_.Accept();
+    EXPECT_EQ(kStatus + "1", Exit());
+}
+
+TEST_F(ProgramTest, InTheBackgroundOfATerminalAKeyDoesNotStopTheRemoteSide) {
+    Run("script -qec \"sh -mc '" REMOTE " --listen 127.0.0.1:0 --disk " + image_ +
+        " & echo pid \\$!.; wait'\" /dev/null");
+    ExpectOutput("pid ");
+    ExpectOutput(".");
+    const pid_t pid = std::stoi(before_);
+    ExpectOutput("listening on");
+    output_.Write("key\n");
+    ExpectOutput("key");  // the terminal's echo
+    ::kill(pid, SIGTERM);
+    ExpectOutput("device 1: URBs in 0");
+}
+
+// Of a server that has none, and then leaves in the middle of its answer.
+TEST_F(ProgramTest, DevicesOfAServerAreListedAndThoseToServeLookedForThere) {
+    const std::string answer = FromHex("01 11 00 05 00 00 00 00 00 00 00 00");
+    const std::tuple<std::string, std::size_t, std::string> cases[] = {
+        {" --list " + target_, 12, "0: no devices\n"},
+        {" --list " + target_, 11, "1: in the middle of its answer"},
+        {" --stdio --usbip " + target_ + "/1-1", 12, "1: does not offer device 1-1"}};
+    for (const auto& [options, size, outcome] : cases) {
+        Run(REMOTE + options);
+        const Peer server = port_.Accept();
+        EXPECT_EQ(FromHex("01 11 80 05 00 00 00 00"), server.Read(8));
+        server.Write(answer.substr(0, size));
+        ::shutdown(server.Get(), SHUT_WR);
+        EXPECT_EQ(kStatus + outcome.front(), Exit());
+        ExpectOutput(outcome.substr(3));
+    }
+}
+
+TEST_F(ProgramTest, WhatCannotWorkIsTold) {
+    const std::pair<std::string, std::string> cases[] = {
+        {COMMAND " --version", "0: 1.0.0\n"},
+        {REMOTE " --help", "0: Exit status: 0"},
+        {COMMAND, "2: xj-usbip-host: one of --connect, --exec is needed\nRun with --help for"},
+        {COMMAND " --conect box:1", "2: unknown option --conect\n"},
+        {COMMAND " nonsense --reconnect", "2: unexpected argument nonsense\n"},
+        {COMMAND " doctor --now", "2: unknown option --now\n"},
+        {COMMAND " --connect box:0", "2: --connect: the port is a number from 1 to 65535\n"},
+        {COMMAND " --connect box:1 --exec true", "2: only one of --connect, --exec can be given\n"},
+        {COMMAND " --exec ''", "2: --exec: the command is empty\n"},
+        {COMMAND " --exec true --log-level 3", "2: --log-level: 3 not in {1,4,8}\n"},
+        {REMOTE " --listen box:70000", "2: --listen: the port is a number from 0 to 65535\n"},
+        {REMOTE " --stdio", "2: xj-usbip-remote: --disk, --usbip: one device or more is needed\n"},
+        {REMOTE " --stdio --disk ,ro", "2: --disk: ',ro' names no image\n"},
+        {REMOTE " --stdio --disk a,rw", "2: 'rw' is none of ro, speed=high, speed=super\n"},
+        {REMOTE " --stdio --usbip box", "2: --usbip: 'box' is not HOST[:PORT]/BUSID\n"},
+        {REMOTE " --stdio --usbip /1-1", "2: --usbip: the host is missing\n"},
+        {COMMAND " --connect unix:/dev/null", "1: cannot open unix:/dev/null: Connection refused"},
+        {REMOTE " --stdio --usbip [::1]:1/1-1", "1: there is no device to offer"},
+        {REMOTE " --listen unix:/no/socket --disk /dev/null", "1: xj-usbip-remote: /dev/null: "},
+        {REMOTE " --list [::1]:1", "1: cannot list devices: [::1]:1: Connection refused"},
+    };
+    for (const auto& [command, outcome] : cases) {
+        Run(command);
+        EXPECT_EQ(kStatus + outcome.front(), Exit()) << command;
+        ExpectOutput(outcome.substr(3));
+    }
+    EXPECT_EQ(1, RunHost(Options(), -1)) << "without a module";
+}
+
+}  // namespace
+}  // namespace host::test
