@@ -77,7 +77,7 @@ class EagerDevice : public Device {
     void Detach() override { sink_ = nullptr; }
     bool DataSafe() const override { return data_safe; }
     void TakeCommand(const Command& command) override {
-        taken += Text(command.pdu);
+        taken.append(command.pdu.begin(), command.pdu.end());
         if (command.endpoint == kBusy) busy.release(), go_on.acquire();
         if (command.unlinks) return sink_->Reply(RetUnlink(command.seqnum, 0));
         const int status = command.endpoint == kStalled ? -EPIPE : 0;
@@ -104,7 +104,7 @@ class ServerTest : public testing::Test {
     ServerTest() { signal(SIGPIPE, SIG_IGN); }
     ~ServerTest() override {
         host_ = Host();
-        Type("quit");  // nobody reads it when the server has ended with its host
+        terminal_.ours.Write("quit\n");  // nobody reads it when the server has ended with its host
     }
 
     // Serves `devices_`, if there are new ones, to whoever comes to `listener_` or has this link.
@@ -130,9 +130,8 @@ class ServerTest : public testing::Test {
         return served_;
     }
 
-    void Type(const std::string& command) const { terminal_.ours.Write(command + '\n'); }
     void ExpectAnswer(const std::string& command, const std::string& lines) const {
-        Type(command);
+        terminal_.ours.Write(command + '\n');
         EXPECT_EQ(terminal_.ours.Read(lines.size() + 1), lines + '\n') << command;
     }
     void Signal(std::uint32_t number) const {
