@@ -19,6 +19,10 @@ TEST_F(ProgramTest, StandardStreamsMayBeClosed) {
     EXPECT_EQ(kStatus + "0", Exit());
     std::getline(std::ifstream(image_), seen_, '\0');
     EXPECT_EQ(seen_, kContent);
+    Run(REMOTE " --stdio --disk " + image_);
+    output_.Write("half a message");
+    output_ = Peer();  // nor does the log have a reader any more
+    EXPECT_EQ(kStatus + "1", Exit());
 }
 
 TEST_F(ProgramTest, OutputThatNobodyReadsKeepsNobodyFromEnding) {
@@ -84,10 +88,12 @@ TEST_F(ProgramTest, WhatCannotWorkIsTold) {
         {REMOTE " --stdio --disk ,ro", "2: --disk: ',ro' names no image\n"},
         {REMOTE " --stdio --disk a,rw", "2: 'rw' is none of ro, speed=high, speed=super\n"},
         {REMOTE " --stdio --usbip box", "2: --usbip: 'box' is not HOST[:PORT]/BUSID\n"},
+        {REMOTE " --stdio --usbip box/12345678901234567890123456789012", "2: HOST[:PORT]/BUSID\n"},
         {REMOTE " --stdio --usbip /1-1", "2: --usbip: the host is missing\n"},
-        {COMMAND " --connect unix:/dev/null", "1: cannot open unix:/dev/null: Connection refused"},
+        {COMMAND " --connect [::1]:1", "1: cannot open [::1]:1: Connection refused"},
         {REMOTE " --stdio --usbip [::1]:1/1-1", "1: there is no device to offer"},
-        {REMOTE " --listen unix:/no/socket --disk /dev/null", "1: xj-usbip-remote: /dev/null: "},
+        {REMOTE " --stdio --disk " + image_ + " --disk /dev/null",
+         "1: xj-usbip-remote: /dev/null: "},
         {REMOTE " --list [::1]:1", "1: cannot list devices: [::1]:1: Connection refused"},
     };
     for (const auto& [command, outcome] : cases) {

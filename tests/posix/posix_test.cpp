@@ -92,7 +92,7 @@ TEST(StandardStreamsTest, OutputThatNobodyReadsIsLost) {
 TEST(SocketTest, BothEndsOfATcpConnectionNoticeAPeerThatVanishes) {
     std::string error;
     EXPECT_FALSE(remote::Listener::Open({.name = "no.such.host.invalid"}, error));
-    const auto listener = remote::Listener::Open({.name = "localhost"}, error);
+    auto listener = remote::Listener::Open({.name = "localhost"}, error);
     ASSERT_TRUE(listener) << error;
     EXPECT_TRUE(listener->Private());
     EXPECT_FALSE(listener->Accept()) << "somebody is there";
@@ -115,6 +115,8 @@ TEST(SocketTest, BothEndsOfATcpConnectionNoticeAPeerThatVanishes) {
             EXPECT_EQ(expected, value) << name;
         }
     }
+    listener = nullptr;
+    EXPECT_TRUE(remote::Listener::Open(address, error)) << "no restart while connections end";
 }
 
 TEST(SocketTest, ABurstOfHostsIsHeldAndWhatCannotBeAcceptedWaits) {
@@ -123,6 +125,8 @@ TEST(SocketTest, ABurstOfHostsIsHeldAndWhatCannotBeAcceptedWaits) {
     std::string error;
     auto listener = remote::Listener::Open(address, error);
     ASSERT_TRUE(listener) << error;
+    using std::filesystem::perms;
+    EXPECT_EQ(perms::owner_read | perms::owner_write, std::filesystem::status(path).permissions());
     std::vector<UniqueFd> hosts(100);
     for (UniqueFd& host : hosts)
         ASSERT_TRUE(host = StartConnect(Resolve(address, -1, error).at(0), kPeerLost)) << errno;
@@ -149,6 +153,7 @@ TEST(SocketTest, ABurstOfHostsIsHeldAndWhatCannotBeAcceptedWaits) {
     accepting.join();
     std::filesystem::remove(path);
     std::ofstream(path) << "of somebody else";
+    EXPECT_FALSE(remote::Listener::Open(address, error)) << "in its place";
     listener = nullptr;
     EXPECT_TRUE(std::filesystem::remove(path));
 }

@@ -101,7 +101,10 @@ class EagerDevice : public Device {
 
 class ServerTest : public testing::Test {
   protected:
-    ServerTest() { signal(SIGPIPE, SIG_IGN); }
+    ServerTest() {
+        signal(SIGPIPE, SIG_IGN);
+        EagerDevice::data_safe = true;
+    }
     ~ServerTest() override {
         host_ = Host();
         terminal_.ours.Write("quit\n");  // nobody reads it when the server has ended with its host

@@ -67,8 +67,11 @@ class BridgeTest : public ServerTest {
 
 TEST_F(BridgeTest, EveryHostGetsTheDeviceAsTheServerDescribesItAndItWorks) {
     Start(1);
+    const Peer early = fake_.Accept();
+    early.Read(40);
     for (int host = 0; host < 2; ++host) {
-        if (host != 0) ServeHost();
+        CloseHost();
+        ServeHost();
         const Lent device{fake_.Accept(), 1};
         EXPECT_EQ(device.server.Read(40),
                   FromHex("01 11 80 03 00 00 00 00 31 2D 31") + std::string(29, '\0'));
@@ -78,10 +81,13 @@ TEST_F(BridgeTest, EveryHostGetsTheDeviceAsTheServerDescribesItAndItWorks) {
                   FromHex("03 00 00 00 09 00 00 00 02 00 00 00 6D 04 1C C3"));
         EXPECT_EQ(dev.instanceid, Describe(fake_.address) + "/1-1 046d:c31c");
         ExpectWorks(device);
-        host_.Forward(device.devid, SubmitIn(1, 8));
-        CloseHost();
+        const std::string longer_than_buffers = SubmitOut(3, std::string(16 << 20, 'x'));
+        host_.Forward(device.devid, longer_than_buffers);
+        EXPECT_TRUE(device.server.Read(longer_than_buffers.size()) == longer_than_buffers);
+        host_ = Host();
         device.server.ReadToEnd();  // given back when the host has gone
     }
+    EXPECT_EQ(early.ReadToEnd(), "") << "given back before it was there";
 }
 
 // Closed without an answer, refused, cut off, not there yet: such devices are tried again and work,

@@ -149,7 +149,7 @@ TEST(Channel, CommandsWaitWhileThereIsNoRoomForRepliesAndAreNotLate) {
 TEST(Channel, EndsWhenAllIsSentAndConfirmedAndSoonWithoutTheConfirmation) {
     for (const bool confirms : {true, false}) {
         Channel channel;
-        Session& session = channel.Take(kGreeting);
+        Session& session = channel.Take(kGreeting, 7);
         EXPECT_FALSE(session.Deadline()) << "a host may be silent";
         session.Close();
         if (confirms) channel.Take(UnmapMessage(1));

@@ -75,6 +75,7 @@ TEST_F(UsbipTrafficTest, UnlinksAreAnsweredOnceAndLiesEndTheDevice) {
         {"and nothing may follow", {urb, unlink, gone, reply}, " >5 >6 <6=-104 END"},
         {"the URB wins", {urb, unlink, reply, late}, " >5 >6 <5+9 <6=0"},
         {"reply behind RET_UNLINK", {urb, unlink, late + reply}, " >5 >6 <6=0"},
+        {"a second unlink", {urb, unlink, late, With(kTarget, 5, Unlink(7))}, " >5 >6 <6=0 <7=0"},
         {"before any URB", {unlink}, " <6=-104"},
         {"of the device before", {urb, With(kTarget, 4, Unlink(6))}, " >5 <6=-104"},
         {"of an answered URB", {urb, reply, unlink}, " >5 <5+9 <6=0"},
@@ -87,7 +88,7 @@ TEST_F(UsbipTrafficTest, UnlinksAreAnsweredOnceAndLiesEndTheDevice) {
         {"packets of another sum",
          {With(kPackets, 1, SubmitIn(5, 9) + std::string(16, 'i')), SubmitReply(5, 3, "iso", 1)},
          " >5 END"},
-        {"4G packets", {urb, With(kPackets, 0xFFFFFFFE, reply)}, " >5 END"},
+        {"a million packets", {urb, With(kPackets, 1 << 20, reply)}, " >5 END"},
         {"4 GiB", {SubmitIn(5, 0xFFFFFFFF), SubmitReply(5, 0xFFFFFFFF)}, " >5 END"},
         {"unknown URB", {urb, SubmitReply(7, 0)}, " >5 END"},
         {"second reply", {urb, reply + reply}, " >5 <5+9 END"},
@@ -99,10 +100,14 @@ TEST_F(UsbipTrafficTest, UnlinksAreAnsweredOnceAndLiesEndTheDevice) {
 }
 
 TEST_F(UsbipTrafficTest, WhatWaitsForTheServerIsBounded) {
-    std::uint32_t seqnum = 0;
-    while (traffic_.TakeCommand(Decoded(SubmitIn(++seqnum, 1)), *this).empty())
-        ASSERT_LE(seqnum, UsbipTraffic::kMaxUrbs);
-    EXPECT_GT(seqnum, UsbipTraffic::kMaxUrbs);
+    for (const auto& [pdu, most] : {std::pair{SubmitIn(0, 1), UsbipTraffic::kMaxUrbs},
+                                    {SubmitOut(0, std::string(3 << 20, 'x')), 10UL}}) {
+        std::uint32_t taken = 0;
+        while (traffic_.TakeCommand(Decoded(With(4, taken, pdu)), *this).empty())
+            ASSERT_LE(++taken, most);
+        EXPECT_EQ(taken, most);
+        traffic_ = {};
+    }
 }
 
 // What is wrong with the reply to an import of 1-2.3, or how many bytes were taken; 0: more needed.
