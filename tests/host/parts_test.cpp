@@ -3,15 +3,13 @@
 
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <sstream>
 
 #include "host/Doctor.h"
 #include "host/Host.h"
 #include "posix/Peer.h"
 
-namespace host {
-namespace {
+namespace host::test {
 
 using posix::test::Peer;
 
@@ -95,5 +93,4 @@ TEST_F(StreamTest, WritingToAPeerThatLeftFailsWithoutASignal) {
     EXPECT_EQ(EPIPE, stream->Error());
 }
 
-}  // namespace
-}  // namespace host
+}  // namespace host::test

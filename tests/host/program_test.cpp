@@ -1,10 +1,8 @@
 // Both programs from the first connection to the last that they leave behind.
-#include <set>
 
 #include "ProgramTest.h"
 
 namespace host::test {
-namespace {
 
 TEST_F(ProgramTest, TheModuleAnswersOverTheStreamAndOverTheNextUntilSigterm) {
     Start("--reconnect --connect " + target_);
@@ -125,5 +123,4 @@ TEST(CommandTest, NothingOfItIsLeftBehind) {
     }
 }
 
-}  // namespace
 }  // namespace host::test

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <string_view>
-#include <utility>
 
 #include "fakes/Patience.h"
 #include "posix/Socket.h"

@@ -3,14 +3,12 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/ioctl.h>
+#include <pty.h>
 #include <sys/resource.h>
 
 #include <filesystem>
 #include <fstream>
 #include <thread>
-#include <tuple>
-#include <vector>
 
 #include "host/Options.h"
 #include "posix/Socket.h"
@@ -19,8 +17,7 @@
 #include "remote/Options.h"
 #include "remote/io/Listener.h"
 
-namespace posix {
-namespace {
+namespace posix::test {
 
 // The address as it was understood, or what is wrong with it.
 std::string parsed(auto parse, const std::string& text, auto how) {
@@ -66,10 +63,6 @@ TEST(CommandLineTest, WhatIsGivenArrives) {
     EXPECT_EQ("[::1]:0 a 3 b ro 5 box:3240/1-2", offered);
     EXPECT_TRUE(remote.wait && !remote.compress);
     host::Options host;
-    const char* const logged[] = {"", "--exec", "true", "--log-level", "8,1"};
-    EXPECT_FALSE(ParseCommandLine(std::size(logged), logged, host));
-    EXPECT_EQ(std::tuple("true", std::set<int>{1, 8}, false),
-              std::tie(host.target.command, host.log_levels, host.doctor));
     const char* const doctor[] = {"", "doctor"};
     EXPECT_FALSE(ParseCommandLine(std::size(doctor), doctor, host));
     EXPECT_TRUE(host.doctor);
@@ -77,10 +70,9 @@ TEST(CommandLineTest, WhatIsGivenArrives) {
 
 // A terminal that nobody reads any more; the lines do not divide its room evenly.
 TEST(StandardStreamsTest, OutputThatNobodyReadsIsLost) {
-    const UniqueFd terminal(::posix_openpt(O_RDWR | O_NOCTTY));
-    int locked = 0;
-    ASSERT_EQ(0, ::ioctl(terminal.Get(), TIOCSPTLCK, &locked));
-    const UniqueFd ours(::ioctl(terminal.Get(), TIOCGPTPEER, O_RDWR | O_NOCTTY));
+    int ends[2];
+    ASSERT_EQ(0, ::openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr));
+    const UniqueFd terminal(ends[0]), ours(ends[1]);
     for (int line = 0; line < 1000; ++line)
         Tell(ours.Get(), std::string(200, 'x') + '\n');
     EXPECT_EQ(0, ::fcntl(ours.Get(), F_GETFL) & O_NONBLOCK) << "others have to wait";
@@ -158,5 +150,4 @@ TEST(SocketTest, ABurstOfHostsIsHeldAndWhatCannotBeAcceptedWaits) {
     EXPECT_TRUE(std::filesystem::remove(path));
 }
 
-}  // namespace
-}  // namespace posix
+}  // namespace posix::test

@@ -5,9 +5,6 @@
 #include <sys/mman.h>
 
 #include <cerrno>
-#include <map>
-#include <memory>
-#include <vector>
 
 #include "Pdus.h"
 #include "remote/disk/UsbDisk.h"
@@ -85,20 +82,17 @@ class DiskTest : public testing::Test, public ReplySink {
 
     // --- requests on endpoint 0 ---
 
-    Answer Request(bool in, std::uint32_t length, const std::string& setup) {
-        return Take(Start({.in = in,
-                           .length = length,
-                           .setup = Parse<std::array<std::uint8_t, 8>>(FromHex(setup))}));
-    }
     // The data of the answer, or "stall".
-    std::string Control(const std::string& setup) {
-        const std::uint32_t length = Parse<std::uint16_t>(FromHex(setup).substr(6));
-        const bool in = setup[0] >= '8';
-        const Answer answer = Request(in, length, setup);
+    std::string Control(const std::string& setup, bool in, std::uint32_t length) {
+        const auto bytes = Parse<std::array<std::uint8_t, 8>>(FromHex(setup));
+        const Answer answer = Take(Start({.in = in, .length = length, .setup = bytes}));
         if (answer.status == -EPIPE) return "stall";
         EXPECT_EQ(answer.status, 0);
         EXPECT_EQ(answer.actual, in ? answer.data.size() : length);
         return answer.data;
+    }
+    std::string Control(const std::string& setup) {
+        return Control(setup, setup[0] >= '8', Parse<std::uint16_t>(FromHex(setup).substr(6)));
     }
     bool Halted(bool in) {
         return Control(in ? "82 00 00 00 81 00 02 00" : "82 00 00 00 02 00 02 00")[0] == 1;

@@ -6,7 +6,6 @@
 #include <signal.h>
 #include <sys/signalfd.h>
 
-#include <memory>
 #include <semaphore>
 #include <thread>
 

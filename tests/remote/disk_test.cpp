@@ -9,10 +9,7 @@
 #include "DiskTest.h"
 #include "remote/disk/DiskSerial.h"
 
-namespace {
-int syncs = 0;
-int sync_result = 0;
-}  // namespace
+static int syncs = 0, sync_result = 0;
 
 extern "C" int fdatasync(int) {
     ++syncs;
@@ -21,7 +18,6 @@ extern "C" int fdatasync(int) {
 }
 
 namespace remote::test {
-namespace {
 
 constexpr char kReadOne[] = "28 00 00 00 00 01 00 00 01 00";  // block
 constexpr char kWriteOne[] = "2A 00 00 00 00 01 00 00 01 00";
@@ -141,8 +137,8 @@ TEST_F(DiskTest, StatusIsKeptFromUrbsOfAStageThatEndedShort) {
 
 TEST_F(DiskTest, WhatAUrbMayAskForIsBounded) {
     const std::string device = "80 06 00 01 00 00 12 00";
-    EXPECT_EQ(Request(kIn, 8, device).data.size(), 8U) << "room for 8 of 18";
-    EXPECT_EQ(Request(kOut, 18, device).status, -EPIPE);
+    EXPECT_EQ(Control(device, kIn, 8).size(), 8U) << "room for 8 of 18";
+    EXPECT_EQ(Control(device, kOut, 18), "stall");
     EXPECT_EQ(Out("data", std::string(16, 'p')).status, -EINVAL) << "isochronous";
     constexpr std::uint32_t kMost = UsbDisk::kMaxTransfer;
     for (const std::uint32_t too_long : {kMost + 1, 0xFFFFFFFF})
@@ -215,5 +211,4 @@ TEST(DiskSerial, TellsImagesAndMachinesApart) {
     EXPECT_NE(MachineName(), "");
 }
 
-}  // namespace
 }  // namespace remote::test

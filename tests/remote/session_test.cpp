@@ -2,7 +2,6 @@
 #include "ServerTest.h"
 
 namespace remote::test {
-namespace {
 
 class SessionTest : public ServerTest {
   protected:
@@ -125,5 +124,4 @@ TEST_F(SessionTest, HoweverAHostGoesTheNextOneIsServedAndASecondToldWhoIs) {
     ExpectIn(log, us + " turned away: " + us + " is served since ");
 }
 
-}  // namespace
 }  // namespace remote::test

@@ -1,8 +1,6 @@
 // What passes between the host's commands and a USB/IP server's byte stream: replies of every
 // length, lies, and unlinks in every order; and the server protocol's replies.
 #include <cerrno>
-#include <tuple>
-#include <vector>
 
 #include "Pdus.h"
 #include "remote/bridge/DeviceTable.h"
@@ -10,7 +8,6 @@
 #include "remote/bridge/UsbipTraffic.h"
 
 namespace remote::test {
-namespace {
 
 // Commands and sequence numbers are below 256 here: the last bytes of their fields tell them.
 constexpr std::size_t kCommandByte = 3;
@@ -178,5 +175,4 @@ TEST(UsbipHandshake, ListIsReadPieceByPieceAndShownAsATable) {
     }
 }
 
-}  // namespace
 }  // namespace remote::test
