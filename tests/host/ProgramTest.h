@@ -15,8 +15,8 @@ namespace host::test {
 
 using posix::test::Peer;
 
-inline constexpr int kPromptMs =
-    7'000;  // less than the pause and the connect that signals cut short
+// Less than the pause and the connect that signals cut short.
+inline constexpr int kPromptMs = 7'000;
 inline const std::string kStatus = "the command ended with status ";
 inline const std::string kContent(4096, 'x');  // of the image
 

@@ -1,5 +1,4 @@
 // Both programs from the first connection to the last that they leave behind.
-
 #include "ProgramTest.h"
 
 namespace host::test {
