@@ -4,6 +4,14 @@
 
 #include <thread>
 
+namespace {
+
+// Under way where nothing is answered: what keeps a relay busy, and what the module lets wait.
+constexpr std::uint32_t kMostPdus = 1024;
+constexpr std::uint32_t kMostPayload = 16 << 20;
+
+}  // namespace
+
 Traffic::Traffic(const Cell& cell, int stream, const std::vector<int>& kernels)
     : cell_(cell),
       stream_(stream),
@@ -50,8 +58,10 @@ void Traffic::Kernel(std::uint32_t count) {
 
 void Traffic::KernelSends(std::uint32_t device, std::uint32_t count) {
     Port& port = ports_[device];
-    for (; count > 0; --count)
+    for (; count > 0; --count) {
+        if (!cell_.Answered()) AwaitRoom(port.sent);
         commands_.Send(port.socket, device, port.sent++);
+    }
 }
 
 std::uint32_t Traffic::KernelReceives(std::uint32_t device) {
@@ -62,13 +72,27 @@ std::uint32_t Traffic::KernelReceives(std::uint32_t device) {
     for (; port.reader.Bytes().size() >= size; ++got, port.reader.Take(size))
         Require(replies_.Is(port.reader.Bytes().substr(0, size), device, port.received++),
                 "a reply arrives as it was sent");
+    if (!cell_.Answered()) Arrived(got);
     return got;
+}
+
+void Traffic::AwaitRoom(std::uint32_t sent) {
+    const std::uint32_t most = std::min(kMostPdus, kMostPayload / cell_.size);
+    for (std::uint32_t seen = arrived_; sent - seen >= most; seen = arrived_)
+        arrived_.wait(seen);
+}
+
+void Traffic::Arrived(std::uint32_t count) {
+    arrived_ += count;
+    arrived_.notify_one();
 }
 
 void Traffic::Remote(std::uint32_t count) {
     if (cell_.flow == Flow::kToKernel) {
-        for (; count > 0; --count)
+        for (; count > 0; --count) {
+            AwaitRoom(remote_seen_[0]);
             forwarded_replies_.Send(stream_, 0, remote_seen_[0]++);
+        }
         return;
     }
     const std::size_t size = forwarded_commands_.Size();
@@ -83,7 +107,10 @@ void Traffic::Remote(std::uint32_t count) {
                     "a command arrives as it was sent");
             remote_reader_.Take(size);
             --count;
-            if (cell_.Answered()) forwarded_replies_.Send(stream_, device, index);
+            if (cell_.Answered())
+                forwarded_replies_.Send(stream_, device, index);
+            else
+                Arrived(1);
         }
     }
 }

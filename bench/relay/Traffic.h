@@ -2,6 +2,7 @@
 // is compared with what it has to be.
 #pragma once
 
+#include <atomic>
 #include <deque>
 
 #include "bench/relay/Pdus.h"
@@ -19,6 +20,9 @@ class Traffic {
     void Kernel(std::uint32_t count);
     void Remote(std::uint32_t count);
     void KernelSends(std::uint32_t device, std::uint32_t count);
+    // Where nothing is answered, the two threads tell each other how far they are.
+    void AwaitRoom(std::uint32_t sent);
+    void Arrived(std::uint32_t count);
     // How many whole replies have come for it.
     std::uint32_t KernelReceives(std::uint32_t device);
 
@@ -26,6 +30,7 @@ class Traffic {
     const int stream_;
     const Pdus commands_, forwarded_commands_, replies_, forwarded_replies_;
 
+    std::atomic<std::uint32_t> arrived_{0};  // PDUs that nobody answers
     // By device. The kernel thread's:
     struct Port {
         int socket;

@@ -38,8 +38,8 @@ constexpr Cell kCells[] = {
 struct Options {
     std::vector<std::string> cells;
     std::vector<std::string> sides;
-    int repetitions = 9;
-    double seconds = 0.2;
+    int repetitions = 15;
+    double seconds = 0.12;
     std::uint32_t pdus = 0;
     bool counted = true;
     std::string wrapper;
