@@ -60,7 +60,7 @@ Relay::Relay(const RelayOptions& options) {
     process_ = fork();
     Require(process_ >= 0, "a process can be made");
     if (process_ == 0) {
-        if (options.counted) setenv("LD_PRELOAD", XJ_COUNTING, 1);
+        if (options.counted) setenv("LD_PRELOAD", XJ_OBSERVE, 1);
         execvp(arguments[0], arguments.data());
         _exit(127);
     }

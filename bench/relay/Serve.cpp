@@ -62,7 +62,7 @@ posix::UniqueFd SystemCallCounter() {
 void AnswerCounts(int control, int system_calls) {
     using Allocations = unsigned long();
     const auto allocations =
-        reinterpret_cast<Allocations*>(dlsym(RTLD_DEFAULT, "counted_allocations"));
+        reinterpret_cast<Allocations*>(dlsym(RTLD_DEFAULT, "observed_allocations"));
     for (char byte = 0; recv(control, &byte, 1, 0) == 1;) {
         Counts counts;
         timespec cpu{};
