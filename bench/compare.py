@@ -38,9 +38,13 @@ def measure(sides: tuple[str, str], cells: list[str], folder: Path) -> dict:
     result["load"] = f"{before:.1f} at its beginning, {os.getloadavg()[0]:.1f} at its end"
     result["hops"] = [relays.hops(side, "in-512-w1") for side in sides]
     print("counting instructions", file=sys.stderr)
-    for cell in cells:
-        for side, figures in zip(sides, result["cells"][cell]["sides"]):
-            figures["instructions"] = relays.instructions(side, cell)
+    try:
+        with relays.one_processor():
+            for cell in cells:
+                for side, figures in zip(sides, result["cells"][cell]["sides"]):
+                    figures["instructions"] = relays.instructions(side, cell)
+    except PermissionError:
+        print("not counted: this machine does not give us a processor for that", file=sys.stderr)
     return result
 
 

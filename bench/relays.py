@@ -1,10 +1,12 @@
 """Runs bench/relay and makes figures of what it prints."""
+import contextlib
 import csv
 import dataclasses
 import os
 import statistics
 import subprocess
 import tempfile
+from collections.abc import Iterator
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
@@ -43,6 +45,7 @@ def _cells() -> dict[str, Cell]:
 
 
 CELLS = _cells()
+ONCE = ("--rounds", "1", "--repetitions", "1", "--not-counted")
 COUNTS = ("switches", "faults", "system_calls", "allocations")
 FIELDS = ("cell", "side", "kind", "pdus", "seconds", "cpu") + COUNTS
 
@@ -86,11 +89,19 @@ def figures(lines: list[dict]) -> dict:
     return result
 
 
-def one_processor() -> None:
-    """For a child: no two threads run at once, and each runs until it waits, in the order in which
-    they were woken. What is counted then repeats, whatever else the machine does."""
-    os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
+@contextlib.contextmanager
+def one_processor() -> Iterator[None]:
+    """What is started within: no two threads run at once, and each runs until it waits, in the order
+    in which they were woken. What is counted then repeats, whatever else the machine does. Raises
+    PermissionError where that may not be."""
+    processors = os.sched_getaffinity(0)
     os.sched_setscheduler(0, os.SCHED_FIFO, os.sched_param(1))
+    os.sched_setaffinity(0, {min(processors)})
+    try:
+        yield
+    finally:
+        os.sched_setaffinity(0, processors)
+        os.sched_setscheduler(0, os.SCHED_OTHER, os.sched_param(0))
 
 
 # The C library copies with what every x86-64 has, so that counts are of no particular processor.
@@ -99,16 +110,16 @@ PLAIN = ("GLIBC_TUNABLES=glibc.cpu.hwcaps=-AVX2,-AVX,-ERMS,-FSRM,-AVX512F,-AVX51
 
 
 def instructions(side: str, cell: str) -> float:
-    """User-space instructions for a PDU, of all threads of the relay, the C library's included."""
+    """User-space instructions for a PDU, of all threads of the relay, the C library's included. To
+    be called on one processor."""
     few = max(4, min(500, (8 << 20) // CELLS[cell].size))
     few -= few % 16 if cell.endswith("d16") else 0
     with tempfile.TemporaryDirectory() as folder:
         def total(pdus: int) -> int:
             out = Path(folder) / "callgrind"
-            run("--side", side, "--cell", cell, "--repetitions", "1", "--not-counted",
+            run("--side", side, "--cell", cell, *ONCE,
                 "--pdus", str(pdus), "--wrapper",
-                f"env {PLAIN} valgrind -q --tool=callgrind --callgrind-out-file={out}",
-                preexec_fn=one_processor)
+                f"env {PLAIN} valgrind -q --tool=callgrind --callgrind-out-file={out}")
             for line in out.read_text().splitlines():
                 if line.startswith("totals:"):
                     return int(line.split()[1])
@@ -120,7 +131,7 @@ def hops(side: str, cell: str) -> list[float]:
     """Where the time of a round trip goes, in microseconds: medians between the eight times at
     which bytes change hands, starting with the kernel's command and ending with its reply."""
     with tempfile.TemporaryDirectory() as folder:
-        run("--side", side, "--cell", cell, "--repetitions", "1", "--not-counted", "--pdus", "4000",
+        run("--side", side, "--cell", cell, *ONCE, "--pdus", "4000",
             env={**os.environ, "LD_PRELOAD": str(BUILD / "bench" / "libxj-observe.so"),
                  "XJ_STAMPS": f"{folder}/stamps"})
         files = sorted(Path(folder).iterdir(), key=lambda file: int(file.suffix[1:]))

@@ -47,12 +47,12 @@ Relay::Relay(const RelayOptions& options) {
     control_ = Pair(control);
     stream_ = Pair(stream);
     std::vector<std::string> words = options.wrapper;
-    for (const auto& word :
-         {std::filesystem::read_symlink("/proc/self/exe").string(), kServe, options.what,
-          std::to_string(control.Get()), std::to_string(stream.Get()),
-          std::to_string(options.devices), std::string(options.counted ? "counted" : "")})
-        words.push_back(word);
+    words.insert(words.end(),
+                 {std::filesystem::read_symlink("/proc/self/exe").string(), kServe, options.what,
+                  std::to_string(control.Get()), std::to_string(stream.Get()),
+                  std::to_string(options.devices), options.counted ? "counted" : ""});
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);

@@ -38,7 +38,8 @@ constexpr Cell kCells[] = {
 struct Options {
     std::vector<std::string> cells;
     std::vector<std::string> sides;
-    int repetitions = 15;
+    int rounds = 3;
+    int repetitions = 5;
     double seconds = 0.12;
     std::uint32_t pdus = 0;
     bool counted = true;
@@ -51,19 +52,30 @@ class Side {
     Side(const Cell& cell, const RelayOptions& options)
         : cell_(cell), relay_(options), traffic_(cell, relay_.Stream(), relay_.Kernels()) {}
 
-    // How many PDUs take so long. They also warm the relay up.
-    std::uint32_t CountFor(double seconds) {
-        for (std::uint32_t count = 2 * cell_.devices;; count *= 4)
-            if (const double took = Seconds(count); took > seconds / 8)
-                return std::max(
-                           1U, static_cast<std::uint32_t>(count * seconds / took) / cell_.devices) *
-                       cell_.devices;
+    double Seconds(std::uint32_t count) {
+        const auto start = std::chrono::steady_clock::now();
+        traffic_.Move(count);
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     }
-    void Measure(int number, const char* kind, std::uint32_t count) {
+
+    // How many PDUs take so long, as far as they are not held up by others. Warms the relay up.
+    std::uint32_t CountFor(double seconds) {
+        constexpr int kEnough = 3;
+        std::uint32_t count = cell_.devices;
+        for (int enough = 0; enough < kEnough;) {
+            const double most = 4 * count;
+            const double fitting = count * seconds / Seconds(count);
+            enough += fitting < most ? 1 : 0;
+            const double next = std::clamp(fitting, static_cast<double>(count), most);
+            count = static_cast<std::uint32_t>(next) / cell_.devices * cell_.devices;
+        }
+        return count;
+    }
+    void Measure(std::size_t number, const char* kind, std::uint32_t count) {
         const Counts before = relay_.Count();
         const double seconds = Seconds(count);
         const Counts after = relay_.Count();
-        std::printf("%s,%d,%s,%u,%.9f,%.9f,%.0f,%.0f,%.0f,%.0f\n", cell_.name, number, kind, count,
+        std::printf("%s,%zu,%s,%u,%.9f,%.9f,%.0f,%.0f,%.0f,%.0f\n", cell_.name, number, kind, count,
                     seconds, after.cpu - before.cpu, after.switches - before.switches,
                     after.faults - before.faults,
                     after.system_calls < 0 ? -1 : after.system_calls - before.system_calls,
@@ -72,12 +84,6 @@ class Side {
     }
 
   private:
-    double Seconds(std::uint32_t count) {
-        const auto start = std::chrono::steady_clock::now();
-        traffic_.Move(count);
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    }
-
     const Cell cell_;
     Relay relay_;
     Traffic traffic_;
@@ -94,36 +100,42 @@ void MeasureCell(const Cell& cell, const Options& options) {
         relay.what = what;
         return std::make_unique<Side>(cell, relay);
     };
-    std::vector<std::pair<std::unique_ptr<Side>, std::uint32_t>> sides;
-    for (const std::string& what : options.sides) {
-        auto side = start(what);
-        const std::uint32_t count =
-            options.pdus != 0 ? options.pdus : side->CountFor(options.seconds);
-        sides.emplace_back(std::move(side), count);
+    const auto count_for = [&](Side& side) {
+        return options.pdus != 0 ? options.pdus : side.CountFor(options.seconds);
+    };
+    for (int round = 0; round < options.rounds; ++round) {
+        std::vector<std::pair<std::unique_ptr<Side>, std::uint32_t>> sides;
+        for (const std::string& what : options.sides) {
+            auto side = start(what);
+            const std::uint32_t count = count_for(*side);
+            sides.emplace_back(std::move(side), count);
+        }
+        for (int i = 0; i < options.repetitions; ++i)
+            for (std::size_t number = 0; number < sides.size(); ++number)
+                sides[number].first->Measure(number, "timed", sides[number].second);
     }
-    for (int i = 0; i < options.repetitions; ++i)
-        for (std::size_t number = 0; number < sides.size(); ++number)
-            sides[number].first->Measure(static_cast<int>(number), "timed", sides[number].second);
-    if (!options.counted) return;
     relay.counted = true;
-    for (std::size_t number = 0; number < sides.size(); ++number) {
+    for (std::size_t number = 0; options.counted && number < options.sides.size(); ++number) {
         const auto side = start(options.sides[number]);
-        side->CountFor(options.seconds);
-        side->Measure(static_cast<int>(number), "counted", sides[number].second);
+        const std::uint32_t count = count_for(*side);
+        side->Seconds(count);
+        side->Measure(number, "counted", count);
     }
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
     if (argc > 1 && argv[1] == kServe) return ServeRelay({argv + 2, argv + argc});
     Options options;
     CLI::App app("Measures relays side by side; see the head of bench/relay/main.cpp.");
     app.add_option("--side", options.sides, "A library, or `lean`; once for each side")->required();
     app.add_option("--cell", options.cells, "Which cells; all if not said");
-    app.add_option("--repetitions", options.repetitions, "Of each side in each cell");
+    app.add_option("--rounds", options.rounds, "Each with new processes");
+    app.add_option("--repetitions", options.repetitions, "Of each side in each round");
     app.add_option("--seconds", options.seconds, "How long a repetition is to take");
-    app.add_option("--pdus", options.pdus, "Exactly so many in a repetition, none before them");
+    app.add_option("--pdus", options.pdus,
+                   "Exactly so many in a repetition, which need not be warm");
     app.add_flag("!--not-counted", options.counted,
                  "Without the pass that counts system calls and allocations");
     app.add_option("--wrapper", options.wrapper, "A program to run each relay under");
@@ -135,4 +147,7 @@ int main(int argc, char** argv) {
         if (options.cells.empty() || std::ranges::count(options.cells, cell.name) > 0)
             MeasureCell(cell, options);
     return 0;
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "relay: %s\n", error.what());
+    return 1;
 }
