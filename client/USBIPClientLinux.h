@@ -2,10 +2,13 @@
 // threads that move whole PDUs between the other end and the plug-in.
 #pragma once
 
+#include <sys/uio.h>
+
 #include <atomic>
 #include <functional>
 #include <list>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -53,7 +56,8 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
     bool WorkThreadLoop() REQUIRES(m_workThread);
     bool AttachDevice() REQUIRES(m_workThread);
     void ForwardLoop() REQUIRES(m_workThread);
-    bool CheckDevRead() REQUIRES(m_workThread);
+    enum class Read { kGood, kFailed, kReset };  // kReset: the kernel left with bytes unread
+    Read CheckDevRead() REQUIRES(m_workThread);
     bool DevBufLength(UsbipPduLength& length) REQUIRES(m_workThread);
     void PassOn(std::string_view pdu) REQUIRES(m_workThread);
     void SendUsbipPacket(const char* data, unsigned long len) REQUIRES(m_workThread);
@@ -68,8 +72,9 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
     enum class Verdict { kGood, kNotWhole, kUnsafe };
     Verdict CheckNetRecv(std::string_view bytes, bool first, std::size_t& size)
         REQUIRES(m_writeThread);
-    CRefObj<IBuffer> PopRecvBuf(int timeout) REQUIRES(m_writeThread) EXCLUDES(m_recvLock);
-    bool WriteDevice(const char* data, unsigned long len) REQUIRES(m_writeThread);
+    Verdict CheckForward(std::string_view bytes, std::size_t& good) REQUIRES(m_writeThread);
+    bool WaitForForwards() REQUIRES(m_writeThread) EXCLUDES(m_recvLock);
+    bool WriteDevice(std::span<iovec> pieces) REQUIRES(m_writeThread);
     void StartTaking() EXCLUDES(m_recvLock);
     void StopTaking() EXCLUDES(m_recvLock);
 
@@ -100,6 +105,8 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
     std::list<CRefObj<IBuffer>> m_recvList GUARDED_BY(m_recvLock);  // for the kernel, oldest first
     unsigned long m_recvBytes GUARDED_BY(m_recvLock) = 0;  // in the list and in the write thread
     bool m_bTaking GUARDED_BY(m_recvLock) = false;         // the write thread is there to take them
+
+    std::list<CRefObj<IBuffer>> m_taken GUARDED_BY(m_writeThread);  // off the list, not yet written
 
     // The work thread's, and of Run and Stop while there is none.
     std::vector<char> m_devBuf GUARDED_BY(m_workThread);  // grows to the largest PDU seen; each

@@ -1,7 +1,7 @@
 // The work thread: attaches the device, then moves PDUs from the kernel to the peer.
 
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <cerrno>
 #include <new>
@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr int kPollMs = 500;
+constexpr timeval kReadTimeout{0, 500'000};
 
 }  // namespace
 
@@ -63,47 +63,42 @@ bool CUsbipClientLinux::AttachDevice() try {
     return false;
 }
 
+// Reads wait by themselves, which saves a poll for each of them.
 void CUsbipClientLinux::ForwardLoop() {
+    setsockopt(m_clientEnd.Get(), SOL_SOCKET, SO_RCVTIMEO, &kReadTimeout, sizeof kReadTimeout);
     while (!m_bQuit) {
-        pollfd end{m_clientEnd.Get(), POLLIN, 0};
-        poll(&end, 1, kPollMs);
-        if (m_bQuit) return;
-        if ((end.revents & POLLERR) != 0) {
-            XJModLog(4, "poll err");
-            return;
-        }
-        if ((end.revents & (POLLIN | POLLHUP)) == 0) continue;
-        if (!CheckDevRead()) {
-            if (!m_bQuit) XJModLog(4, "read dev fail");
-            return;
-        }
+        const Read read = CheckDevRead();
+        if (read == Read::kGood) continue;
+        if (!m_bQuit) XJModLog(4, read == Read::kReset ? "poll err" : "read dev fail");
+        return;
     }
 }
 
-// One read of at most the rest of one PDU; hands the PDU on when it is whole. False: the
-// connection is at its end or cannot go on.
-bool CUsbipClientLinux::CheckDevRead() try {
+// One read of at most the rest of one PDU; hands the PDU on when it is whole. Anything but kGood:
+// the connection is at its end or cannot go on.
+CUsbipClientLinux::Read CUsbipClientLinux::CheckDevRead() try {
     UsbipPduLength length;
-    if (!DevBufLength(length)) return false;
+    if (!DevBufLength(length)) return Read::kFailed;
     if (m_devBuf.size() < length.Total()) m_devBuf.resize(length.Total());
-    const ssize_t got =
-        recv(m_clientEnd.Get(), m_devBuf.data() + m_devBufLen, length.Total() - m_devBufLen, 0);
+    const ssize_t got = recv(m_clientEnd.Get(), m_devBuf.data() + m_devBufLen,
+                             length.Total() - m_devBufLen, MSG_WAITALL);
     if (got < 0) {
-        if (errno == EINTR) return true;
+        if (errno == EINTR || errno == EAGAIN) return Read::kGood;
+        if (errno == ECONNRESET) return Read::kReset;
         if (!m_bQuit) XJModLog(4, "[CUsbipClientLinux] read device fail, %d", errno);
-        return false;
+        return Read::kFailed;
     }
-    if (got == 0) return false;  // the kernel has shut its end
+    if (got == 0) return Read::kFailed;  // the kernel has shut its end
     m_devBufLen += static_cast<std::size_t>(got);
 
-    if (!DevBufLength(length)) return false;
-    if (m_devBufLen < length.Total()) return true;
+    if (!DevBufLength(length)) return Read::kFailed;
+    if (m_devBufLen < length.Total()) return Read::kGood;
     PassOn({m_devBuf.data(), m_devBufLen});
     m_devBufLen = 0;  // no read goes past the PDU
-    return true;
+    return Read::kGood;
 } catch (const std::bad_alloc&) {
     XJModLog(4, "[CUsbipClientLinux] out of memory for a PDU of the kernel's");
-    return false;
+    return Read::kFailed;
 }
 
 // Of the PDU being assembled; until its header is there, of the header.

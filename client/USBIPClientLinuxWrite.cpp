@@ -2,6 +2,8 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -12,7 +14,12 @@
 
 namespace {
 
-constexpr int kPopMs = 500;
+constexpr unsigned long kPopMs = 500;
+
+// Of one write. Of small PDUs so many halve the cost of each; large ones are given back one by one,
+// since memory that waits for the others would have to be faulted in anew.
+constexpr std::size_t kPieces = 64;
+constexpr unsigned long kGathered = 32'768;
 
 // The kernel's largest requests are of 1 MiB, and it has some dozens of them under way: more than
 // this can only wait when it has stopped reading.
@@ -28,11 +35,16 @@ bool CUsbipClientLinux::Forward(const char* data, unsigned long len) {
         return true;
     }
     if (len > 0) std::memcpy(buffer->GetPointer(), data, len);
-    CLockGuard guard(m_recvLock);
-    if (!m_bTaking) return true;
-    m_recvList.push_back(buffer);
-    m_recvBytes += len;
-    m_recvSem.Post();
+    bool first = false;
+    {
+        CLockGuard guard(m_recvLock);
+        if (!m_bTaking) return true;
+        first = m_recvList.empty();
+        m_recvList.push_back(buffer);
+        m_recvBytes += len;
+    }
+    // Whoever waits for more has been woken by the first; and not into a lock that is held.
+    if (first) m_recvSem.Post();
     return true;
 }
 
@@ -51,23 +63,19 @@ bool CUsbipClientLinux::Accepts(unsigned long len) {
     return false;
 }
 
-// Waits at most once. Empty: nothing came in `timeout` ms, or the client is stopping.
-CRefObj<IBuffer> CUsbipClientLinux::PopRecvBuf(int timeout) {
-    if (m_bQuit) return {};
-    for (bool waited = false;; waited = true) {
+// Takes all that waits, if need be after waiting once. False: nothing came in time, or the client
+// is stopping.
+bool CUsbipClientLinux::WaitForForwards() {
+    for (bool waited = false; !m_bQuit; waited = true) {
         {
             CLockGuard guard(m_recvLock);
-            if (!m_recvList.empty()) {
-                CRefObj<IBuffer> buffer = std::move(m_recvList.front());
-                m_recvList.pop_front();
-                m_recvSem.TryWait();  // its post, so that a burst does not leave idle wake-ups
-                return buffer;
-            }
+            m_taken.swap(m_recvList);
         }
-        if (waited || timeout == 0) return {};
-        m_recvSem.WaitFor(static_cast<unsigned long>(timeout));
-        if (m_bQuit) return {};
+        if (!m_taken.empty()) return true;
+        if (waited) return false;
+        m_recvSem.WaitFor(kPopMs);
     }
+    return false;
 }
 
 bool CUsbipClientLinux::WriteThreadFunction() {
@@ -75,6 +83,7 @@ bool CUsbipClientLinux::WriteThreadFunction() {
     const bool again = WriteThreadLoop();
     if (!again) {
         XJModLog(1, "[CUsbipClientLinux] %d write thread prepare quit", static_cast<int>(m_devId));
+        m_taken.clear();
         StopTaking();
         m_clientEnd.Leave();
     }
@@ -95,24 +104,31 @@ void CUsbipClientLinux::StopTaking() {
     dropped.swap(m_recvList);
 }
 
+// One write for as many forwards as there are, up to the first that is not in order.
 bool CUsbipClientLinux::WriteThreadLoop() try {
     if (m_bQuit) return false;
-    const CRefObj<IBuffer> buffer = PopRecvBuf(kPopMs);
-    if (!buffer) return true;
-    if (m_bQuit) return false;
+    if (m_taken.empty() && !WaitForForwards()) return !m_bQuit;
 
-    const std::string_view bytes(static_cast<const char*>(buffer->GetPointer()), buffer->GetSize());
+    std::array<iovec, kPieces> pieces;
+    std::size_t count = 0;
+    unsigned long size = 0;
     std::size_t good = 0;
-    Verdict verdict;
-    do {
-        std::size_t size = 0;
-        verdict = CheckNetRecv(bytes.substr(good), good == 0, size);
-        good += size;
-    } while (verdict == Verdict::kGood && good < bytes.size());
-    if (!WriteDevice(bytes.data(), good)) return false;
+    Verdict verdict = Verdict::kGood;
+    auto next = m_taken.begin();
+    while (next != m_taken.end() && count < pieces.size() && size < kGathered &&
+           verdict == Verdict::kGood) {
+        const std::string_view bytes(static_cast<const char*>((*next)->GetPointer()),
+                                     (*next)->GetSize());
+        verdict = CheckForward(bytes, good);
+        pieces[count++] = {(*next)->GetPointer(), good};
+        size += bytes.size();
+        ++next;
+    }
+    if (!WriteDevice({pieces.data(), count})) return false;
+    m_taken.erase(m_taken.begin(), next);
     {
         CLockGuard guard(m_recvLock);
-        if (m_bTaking) m_recvBytes -= bytes.size();
+        if (m_bTaking) m_recvBytes -= size;
     }
     if (verdict == Verdict::kUnsafe) EndDevice();
     // A peer whose first PDU is none is not understood any more. What is none behind whole ones is
@@ -121,6 +137,19 @@ bool CUsbipClientLinux::WriteThreadLoop() try {
 } catch (const std::bad_alloc&) {
     XJModLog(4, "[CUsbipClientLinux] out of memory for a PDU of the peer's");
     return false;
+}
+
+// How the first PDU is that is not in order, if any; `good` bytes before it may be written.
+CUsbipClientLinux::Verdict CUsbipClientLinux::CheckForward(std::string_view bytes,
+                                                           std::size_t& good) {
+    good = 0;
+    Verdict verdict;
+    do {
+        std::size_t size = 0;
+        verdict = CheckNetRecv(bytes.substr(good), good == 0, size);
+        good += size;
+    } while (verdict == Verdict::kGood && good < bytes.size());
+    return verdict;
 }
 
 CUsbipClientLinux::Verdict CUsbipClientLinux::CheckNetRecv(std::string_view bytes, bool first,
@@ -154,10 +183,17 @@ CUsbipClientLinux::Verdict CUsbipClientLinux::CheckNetRecv(std::string_view byte
     return Verdict::kGood;
 }
 
-bool CUsbipClientLinux::WriteDevice(const char* data, unsigned long len) {
-    while (len > 0) {
-        // Not write(): the kernel may have let go of its end, and the host must get no SIGPIPE.
-        const ssize_t written = send(m_clientEnd.Get(), data, len, MSG_NOSIGNAL);
+bool CUsbipClientLinux::WriteDevice(std::span<iovec> pieces) {
+    while (!pieces.empty()) {
+        if (pieces.front().iov_len == 0) {
+            pieces = pieces.subspan(1);
+            continue;
+        }
+        // Not writev(): the kernel may have let go of its end, and the host must get no SIGPIPE.
+        msghdr message{};
+        message.msg_iov = pieces.data();
+        message.msg_iovlen = pieces.size();
+        const ssize_t written = sendmsg(m_clientEnd.Get(), &message, MSG_NOSIGNAL);
         const bool failed = written < 0 && errno != EINTR;
         if (m_bQuit) return false;  // Stop has shut the end: no failure
         if (failed) {
@@ -165,9 +201,12 @@ bool CUsbipClientLinux::WriteDevice(const char* data, unsigned long len) {
             EndDevice();
             return false;
         }
-        if (written > 0) {
-            data += written;
-            len -= static_cast<unsigned long>(written);
+        auto left = static_cast<std::size_t>(std::max<ssize_t>(written, 0));
+        for (iovec& piece : pieces) {
+            const std::size_t part = std::min(left, piece.iov_len);
+            piece.iov_base = static_cast<char*>(piece.iov_base) + part;
+            piece.iov_len -= part;
+            left -= part;
         }
     }
     return true;
