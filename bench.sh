@@ -8,10 +8,11 @@
 #   ./bench.sh --library LIB  this build in place of the one here
 #   ./bench.sh --cell NAME    this cell alone (again for more)
 #   ./bench.sh --record now   also makes it what docs/performance.md shows (or: --record before)
+#   ./bench.sh --commit TEXT  of which commit the library is, for that page
 set -euo pipefail
 usage() { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"; }
 case ${1-} in
-"" | --against | --library | --cell | --record) ;;
+"" | --against | --library | --cell | --record | --commit) ;;
 -h | --help) usage && exit ;;
 *) usage >&2 && exit 2 ;;
 esac

@@ -19,13 +19,15 @@ def machine() -> str:
 
 
 def commit() -> str:
-    done = subprocess.run(["git", "describe", "--always", "--dirty"], cwd=relays.ROOT, text=True,
+    """The last one that changed the library."""
+    done = subprocess.run(["git", "log", "-1", "--format=%h", "--", "base", "client", "include",
+                           "module", "plugin", "vhci", "wire"], cwd=relays.ROOT, text=True,
                           stdout=subprocess.PIPE, check=False)
     return done.stdout.strip() or "unknown"
 
 
-def measure(sides: tuple[str, str], cells: list[str], folder: Path) -> dict:
-    result: dict = {"commit": commit(), "machine": machine(), "sides": sides, "cells": {}}
+def measure(source: str, sides: tuple[str, str], cells: list[str], folder: Path) -> dict:
+    result: dict = {"commit": source, "machine": machine(), "sides": sides, "cells": {}}
     before = os.getloadavg()[0]
     with (folder / "measurements.csv").open("w") as raw:
         print(*relays.FIELDS, sep=",", file=raw)
@@ -54,6 +56,7 @@ def main() -> None:
     parser.add_argument("--library", type=Path, default=relays.LIBRARY)
     parser.add_argument("--cell", action="append", choices=relays.CELLS)
     parser.add_argument("--record", choices=("before", "now"))
+    parser.add_argument("--commit", default=commit())
     options = parser.parse_args()
     if options.record and (options.against or options.cell):
         parser.error("what is recorded is everything, against the lean relay")
@@ -62,7 +65,7 @@ def main() -> None:
 
     folder = relays.ROOT / "build" / "bench"
     folder.mkdir(parents=True, exist_ok=True)
-    result = measure((str(options.library.resolve()), against),
+    result = measure(options.commit, (str(options.library.resolve()), against),
                      options.cell or list(relays.CELLS), folder)
     (folder / "results.json").write_text(json.dumps(result, indent=1) + "\n")
     page.write_plots(folder, result, names)

@@ -114,7 +114,7 @@ def measured(results: dict[str, dict]) -> str:
                        *(", ".join(number(side.get(key)) for side in sides)
                          for key in ("switches", "system_calls", "faults", "allocations",
                                      "instructions"))])
-    runs = "".join(f"- **{name}**: commit {result['commit']}, {result['machine']}, load "
+    runs = "".join(f"- **{name}**: the library as of commit {result['commit']}; {result['machine']}, load "
                    f"{result['load']}.\n" for name, result in results.items())
     return "\n".join([runs, markdown(ratios),
                       "![Round trip over size](performance/round-trip.svg)\n",
