@@ -65,7 +65,7 @@ struct Link {
 // Answers every URB at once, with as many bytes as there is room for.
 class EagerDevice : public Device {
   public:
-    // Endpoints: one that stalls, and one whose command holds the server's thread up.
+    // Endpoints: one that stalls; one whose command holds the server up and has no answer.
     static constexpr std::uint32_t kStalled = 15, kBusy = 14;
     static inline std::binary_semaphore busy{0}, go_on{0};
 
@@ -77,7 +77,7 @@ class EagerDevice : public Device {
     bool DataSafe() const override { return data_safe; }
     void TakeCommand(const Command& command) override {
         taken.append(command.pdu.begin(), command.pdu.end());
-        if (command.endpoint == kBusy) busy.release(), go_on.acquire();
+        if (command.endpoint == kBusy) return busy.release(), go_on.acquire();
         if (command.unlinks) return sink_->Reply(RetUnlink(command.seqnum, 0));
         const int status = command.endpoint == kStalled ? -EPIPE : 0;
         remote::Bytes reply = RoomForReply();

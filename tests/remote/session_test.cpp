@@ -30,10 +30,10 @@ TEST_F(SessionTest, DevicesComeAndGoAndComeBackWithAFreshId) {
     EXPECT_EQ(host_.Mapped().devid, 3U);
     // What was on its way for the old mapping, its end included, does not reach the new one. A
     // second greeting changes nothing, nor does the end of what was never there.
-    host_.Write(ForwardMessage(1, Unlink(50)) + UnmapMessage(1) + kGreeting + UnmapMessage(77));
+    host_.Write(ForwardMessage(1, Unlink(50)) + UnmapMessage(1) + UnmapMessage(77) +
+                UnmapMessage(2) + kGreeting);
+    EXPECT_EQ(host_.Unmapped(), 2U) << "it has ended at the host";
     ExpectWorks(host_, 3);
-    host_.Write(UnmapMessage(2));  // it has ended at the host
-    EXPECT_EQ(host_.Unmapped(), 2U);
     ExpectAnswer("list", "1 mapped disk1\n2 plugged disk2");
     ExpectAnswer("plug 2", "plugged 2");
     EXPECT_EQ(host_.Mapped().devid, 4U);
@@ -65,7 +65,7 @@ TEST_F(SessionTest, DevicesComeAndGoAndComeBackWithAFreshId) {
 }
 
 TEST_F(SessionTest, ALongNameKeepsItsEndAndAHostAtFaultOrLostDataIsAFailure) {
-    for (const std::string last : {"half a message", ""}) {
+    for (const std::string& last : {kGreeting.substr(0, 9), std::string()}) {
         Add(std::string(300, 'n'));
         EagerDevice::data_safe = !last.empty();
         ServeHost();
