@@ -77,7 +77,8 @@ class EagerDevice : public Device {
     bool DataSafe() const override { return data_safe; }
     void TakeCommand(const Command& command) override {
         taken.append(command.pdu.begin(), command.pdu.end());
-        if (command.endpoint == kBusy) return busy.release(), go_on.acquire();
+        if (command.endpoint == kBusy)
+            return busy.release(), void(go_on.try_acquire_for(kPatience));
         if (command.unlinks) return sink_->Reply(RetUnlink(command.seqnum, 0));
         const int status = command.endpoint == kStalled ? -EPIPE : 0;
         remote::Bytes reply = RoomForReply();

@@ -109,7 +109,7 @@ TEST_F(SessionTest, HoweverAHostGoesTheNextOneIsServedAndASecondToldWhoIs) {
         << "then the time";
     // Whoever comes after the first is served, although its last words are still to be read.
     host_.Forward(1, With(kEndpoint, EagerDevice::kBusy, SubmitIn(1, 0)));
-    EagerDevice::busy.acquire();
+    EXPECT_TRUE(EagerDevice::busy.try_acquire_for(kPatience));
     host_.Forward(77, SubmitOut(1, kMegabyte.substr(0, 100'000)));
     host_ = Connect();
     EagerDevice::go_on.release();
