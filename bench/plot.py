@@ -2,7 +2,7 @@
 import math
 
 WIDTH, HEIGHT = 360, 300
-LEFT, RIGHT, TOP, BOTTOM = 62, 14, 44, 56
+LEFT, RIGHT, TOP, BOTTOM = 62, 24, 44, 56
 # Colours that differ in lightness, too; the last series is what is compared with.
 STYLE = """
   svg { font: 12px system-ui, sans-serif; background: #ffffff; }

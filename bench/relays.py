@@ -47,7 +47,7 @@ def _cells() -> dict[str, Cell]:
 CELLS = _cells()
 ONCE = ("--rounds", "1", "--repetitions", "1", "--not-counted")
 COUNTS = ("switches", "faults", "system_calls", "allocations")
-FIELDS = ("cell", "side", "kind", "pdus", "seconds", "cpu") + COUNTS
+FIELDS = ("cell", "side", "kind", "pdus", "seconds", "round_trip", "cpu") + COUNTS
 
 
 def run(*arguments: str, **options) -> list[dict]:
@@ -72,7 +72,7 @@ def figures(lines: list[dict]) -> dict:
         return statistics.median(of(ours) / of(theirs) for ours, theirs in zip(*timed))
 
     def rate(line: dict) -> float:
-        return line["pdus"] / line["seconds"]
+        return 1 / line["round_trip"] if line["round_trip"] > 0 else line["pdus"] / line["seconds"]
 
     def cpu(line: dict) -> float:
         return line["cpu"] / line["pdus"] * 1e6

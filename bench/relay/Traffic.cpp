@@ -2,6 +2,7 @@
 
 #include <poll.h>
 
+#include <chrono>
 #include <thread>
 
 namespace {
@@ -43,17 +44,31 @@ void Traffic::Kernel(std::uint32_t count) {
         KernelSends(device, first);
         unsent[device] = all - first;
     }
+    round_trips_.clear();
+    auto sent = std::chrono::steady_clock::now();
     while (count > 0) {
         if (polled.size() > 1) poll(polled.data(), polled.size(), -1);
         for (std::uint32_t device = 0; device < ports_.size(); ++device) {
             if (polled.size() > 1 && polled[device].revents == 0) continue;
             const std::uint32_t got = KernelReceives(device);
             const std::uint32_t next = std::min(got, unsent[device]);
+            if (cell_.window == 1) {
+                const auto now = std::chrono::steady_clock::now();
+                round_trips_.push_back(std::chrono::duration<double>(now - sent).count());
+                sent = now;
+            }
             KernelSends(device, next);
             unsent[device] -= next;
             count -= got;
         }
     }
+}
+
+double Traffic::RoundTrip() {
+    if (round_trips_.empty()) return -1;
+    const auto middle = round_trips_.begin() + static_cast<long>(round_trips_.size() / 2);
+    std::nth_element(round_trips_.begin(), middle, round_trips_.end());
+    return *middle;
 }
 
 void Traffic::KernelSends(std::uint32_t device, std::uint32_t count) {

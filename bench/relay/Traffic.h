@@ -15,6 +15,8 @@ class Traffic {
     // So many PDUs, or URBs where PDUs are answered, divisible by the devices. Returns when all has
     // arrived.
     void Move(std::uint32_t count);
+    // The median of the last Move, in seconds, where one URB is under way; else negative.
+    double RoundTrip();
 
   private:
     void Kernel(std::uint32_t count);
@@ -39,6 +41,7 @@ class Traffic {
         std::uint32_t received = 0;
     };
     std::deque<Port> ports_;
+    std::vector<double> round_trips_;
     // The remote thread's:
     Reader remote_reader_;
     std::vector<std::uint32_t> remote_seen_;

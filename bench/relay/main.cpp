@@ -1,8 +1,9 @@
 // Measures two relays side by side: the module as it ships, and the lean relay or another build of
 // the module. Each runs in a process of its own; this one plays the kernel and the remote side and
 // compares every byte. Repetitions alternate. Prints a line of comma-separated values for each:
-//   cell,side,kind,pdus,seconds,cpu,switches,faults,system_calls,allocations
-// `pdus` are URBs where each is answered. A negative count was not counted.
+//   cell,side,kind,pdus,seconds,round_trip,cpu,switches,faults,system_calls,allocations
+// `pdus` are URBs where each is answered. A round trip is the median, where one URB is
+// under way. What is negative was not measured.
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
@@ -75,9 +76,9 @@ class Side {
         const Counts before = relay_.Count();
         const double seconds = Seconds(count);
         const Counts after = relay_.Count();
-        std::printf("%s,%zu,%s,%u,%.9f,%.9f,%.0f,%.0f,%.0f,%.0f\n", cell_.name, number, kind, count,
-                    seconds, after.cpu - before.cpu, after.switches - before.switches,
-                    after.faults - before.faults,
+        std::printf("%s,%zu,%s,%u,%.9f,%.9f,%.9f,%.0f,%.0f,%.0f,%.0f\n", cell_.name, number, kind,
+                    count, seconds, traffic_.RoundTrip(), after.cpu - before.cpu,
+                    after.switches - before.switches, after.faults - before.faults,
                     after.system_calls < 0 ? -1 : after.system_calls - before.system_calls,
                     after.allocations < 0 ? -1 : after.allocations - before.allocations);
         std::fflush(stdout);
