@@ -97,6 +97,10 @@ void Server::ServeSession(short readable, short writable) {
     if (writable != 0 && !session_->Over()) session_->OnWritable();
     const auto deadline = session_->Deadline();
     if (deadline && Clock::now() >= *deadline) session_->OnDeadline();
+    // Most of the time there is room, both ways: it is not waited for before that is known.
+    session_->Send();
+    for (Slot& slot : slots_)
+        slot.device->Send();
 }
 
 // A second host is turned away at once: one that had to wait could not be told why, would take us
