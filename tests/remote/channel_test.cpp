@@ -1,10 +1,13 @@
 // A session with a host, driven by hand: nobody waits for its deadlines.
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <random>
 #include <tuple>
 
 #include "ServerTest.h"
+#include "remote/channel/Compressor.h"
 #include "remote/channel/Session.h"
 
 namespace {
@@ -171,6 +174,22 @@ TEST(Channel, WaitsForTheHostsConfirmationButNotForEver) {
         EXPECT_TRUE(session.Over());
         EXPECT_FALSE(session.Failed());
     }
+}
+
+TEST(Compressor, LeavesAloneWhatDoesNotShrinkAndTriesAgainLater) {
+    Compressor compressor;
+    const Bytes text(8000, 'x');
+    Bytes noise(8000);
+    std::generate(noise.begin(), noise.end(), std::minstd_rand());
+    EXPECT_FALSE(compressor.Compress(text).empty());
+    EXPECT_TRUE(compressor.Compress(noise).empty());
+    for (unsigned i = 0; i < Compressor::kPause; ++i)
+        EXPECT_TRUE(compressor.Compress(text).empty()) << i;
+    const ByteView again = compressor.Compress(text);
+    Bytes inflated(text.size());
+    uLongf length = inflated.size();
+    EXPECT_EQ(uncompress(inflated.data(), &length, again.data(), again.size()), Z_OK);
+    EXPECT_EQ(inflated, text);
 }
 
 }  // namespace
