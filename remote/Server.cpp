@@ -57,6 +57,7 @@ bool Server::DataSafe() const {
 }
 
 bool Server::Loop(Listener* listener) {
+    std::vector<pollfd> fds;
     for (;;) {
         if (session_ && session_->Over()) {
             const bool failed = session_->Failed();
@@ -67,13 +68,13 @@ bool Server::Loop(Listener* listener) {
         if (session_) session_->FollowDevices();
 
         const bool accepting = listener != nullptr && !quitting_;
-        std::vector<pollfd> fds{
+        fds.assign({
             {controls_.signals, POLLIN, 0},
             {controls_.commands, POLLIN, 0},
             {accepting ? listener->Fd() : -1, POLLIN, 0},
             {session_ ? session_->ReadableFd() : -1, POLLIN | POLLRDHUP, 0},
             {session_ ? session_->WritableFd() : -1, POLLOUT, 0},
-        };
+        });
         const std::size_t first_device = fds.size();
         for (const Slot& slot : slots_)
             fds.push_back(DevicePoll(*slot.device));
