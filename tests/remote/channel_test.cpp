@@ -1,9 +1,12 @@
 // A session with a host, driven by hand: nobody waits for its deadlines.
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <random>
 
 #include "ServerTest.h"
+#include "remote/channel/Compressor.h"
 #include "remote/channel/Session.h"
 
 static std::atomic<std::size_t> largest_allocation{SIZE_MAX};
@@ -138,6 +141,22 @@ TEST(Channel, EndsWhenAllIsSentAndConfirmedAndSoonWithoutTheConfirmation) {
         if (!confirms) session.OnDeadline();
         EXPECT_TRUE(session.Over() && !session.Failed());
     }
+}
+
+TEST(Compressor, LeavesAloneWhatDoesNotShrinkAndTriesAgainLater) {
+    Compressor compressor;
+    const Bytes text(8000, 'x');
+    Bytes noise(8000);
+    std::generate(noise.begin(), noise.end(), std::minstd_rand());
+    EXPECT_FALSE(compressor.Compress(text).empty());
+    EXPECT_TRUE(compressor.Compress(noise).empty());
+    for (unsigned i = 0; i < Compressor::kPause; ++i)
+        EXPECT_TRUE(compressor.Compress(text).empty()) << i;
+    const ByteView again = compressor.Compress(text);
+    Bytes inflated(text.size());
+    uLongf length = inflated.size();
+    EXPECT_EQ(uncompress(inflated.data(), &length, again.data(), again.size()), Z_OK);
+    EXPECT_EQ(inflated, text);
 }
 
 }  // namespace remote::test
