@@ -66,26 +66,21 @@ bool KernelEnd::Send(std::string_view bytes) {
     return true;
 }
 
-// Not recv(), which a test may have replaced. A signal does not end the wait.
-ssize_t KernelEnd::Read(char* to, std::size_t size) {
-    return TEMP_FAILURE_RETRY(read(socket_, to, size));
-}
-
 std::string KernelEnd::Receive(std::size_t size) {
     std::string bytes(size, '\0');
     std::size_t got = 0;
-    for (ssize_t count = 1; got < size && count > 0; got += static_cast<std::size_t>(count))
-        count = std::max(Read(bytes.data() + got, size - got), ssize_t{0});
+    // Not recv(), which a test may have replaced. A signal does not end the wait.
+    for (long count = 1; got < size && count > 0; got += static_cast<std::size_t>(count))
+        count = std::max(TEMP_FAILURE_RETRY(read(socket_, &bytes[got], size - got)), 0L);
     bytes.resize(got);
     return bytes;
 }
 
 bool KernelEnd::WaitForEnd() {
-    char scrap[4096];
-    ssize_t count = 1;
-    while (count > 0)
-        count = Read(scrap, sizeof scrap);
-    return count == 0 || errno != EAGAIN;
+    do
+        errno = 0;
+    while (!Receive(4096).empty());
+    return errno != EAGAIN;
 }
 
 // --- FakeController ---

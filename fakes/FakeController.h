@@ -50,8 +50,6 @@ class KernelEnd {
     const std::string request;  // what was written to the attach file
 
   private:
-    ssize_t Read(char* to, std::size_t size);
-
     FakeController& controller_;
     int socket_;
 };

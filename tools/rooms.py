@@ -96,6 +96,8 @@ def main() -> int:
             if file is None:
                 complaints.append(f"{name} includes {header}, which is not there")
                 continue
+            if not file.endswith(".h"):
+                complaints.append(f"{name} includes {header}, which is no header")
             graph.setdefault(name, []).append(file)
             own = room_of(file) == room and allowed is not MODEL_RULE
             if not own and not any(file.startswith(prefix) for prefix in allowed):

@@ -8,7 +8,7 @@
 namespace {
 
 // Under way where nothing is answered: what keeps a relay busy, and what the module lets wait.
-constexpr std::uint32_t kMostPdus = 1024;
+constexpr std::uint32_t kMostUnderWay = 1024;
 constexpr std::uint32_t kMostPayload = 16 << 20;
 
 }  // namespace
@@ -92,7 +92,7 @@ std::uint32_t Traffic::KernelReceives(std::uint32_t device) {
 }
 
 void Traffic::AwaitRoom(std::uint32_t sent) {
-    const std::uint32_t most = std::min(kMostPdus, kMostPayload / cell_.size);
+    const std::uint32_t most = std::min(kMostUnderWay, kMostPayload / cell_.size);
     for (std::uint32_t seen = arrived_; sent - seen >= most; seen = arrived_)
         arrived_.wait(seen);
 }

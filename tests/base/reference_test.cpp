@@ -29,7 +29,7 @@ TEST(Reference, EachPointerOwnsOneAndTheLastDestroys) {
         CRefObj<Probe> second = first;
         const auto copy = [&first] {
             for (int i = 0; i < 200'000; ++i)
-                const CRefObj<Probe> copied = first;
+                static_cast<void>(CRefObj<Probe>(first));
         };
         std::jthread other(copy);
         copy(), other.join();

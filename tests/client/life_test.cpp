@@ -8,11 +8,6 @@ namespace {
 
 class DeviceTest : public PluginTest {
   protected:
-    DeviceTest() {
-        host.Start();
-        Handle("");  // until all its threads are there
-    }
-
     // Milliseconds until the device is gone.
     long Unmap(std::uint32_t devid) {
         const Stopwatch watch;

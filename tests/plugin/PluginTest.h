@@ -1,4 +1,4 @@
-// A rig for each test, and a look at what it holds when the test is over.
+// A rig for each test, its plug-in in Run, and a look at what it holds when the test is over.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,6 +9,10 @@
 
 class PluginTest : public ::testing::Test, public Rig {
   protected:
+    PluginTest() {
+        host.Start();
+        Handle("");  // until all its threads are there
+    }
     ~PluginTest() override {
         host.DropPlugin();
         controller.Attached();  // ends of devices that the test did not look at

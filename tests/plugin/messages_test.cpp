@@ -11,7 +11,6 @@ std::string Header(std::uint32_t length, std::uint8_t type) {
 
 class MessagesTest : public PluginTest {
   protected:
-    MessagesTest() { host.Start(); }
     // How many of these messages were taken for version requests.
     long Probes(const std::string& messages) {
         host.runtime.Forget();

@@ -3,7 +3,7 @@
 # one stream: behind a bridge, or of a remote side of its own that speaks the channel.
 #
 # The kernel shows what was touched. In the head:
-#   # kernel: panic_on_warn=1 oops=panic slub_debug=FZPU log_buf_len=4M loglevel=5
+#   # kernel: panic_on_warn=1 oops=panic slub_debug=FZP log_buf_len=4M loglevel=5
 # shellcheck source=guest/bridge.sh
 . "$VM_DIR/guest/bridge.sh"
 

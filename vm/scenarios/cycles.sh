@@ -1,5 +1,5 @@
 # about: 200 attach/detach cycles with traffic, eight disks at a time, in a watchful kernel
-# kernel: panic_on_warn=1 slub_debug=FZPU log_buf_len=4M loglevel=5
+# kernel: panic_on_warn=1 slub_debug=FZP log_buf_len=4M loglevel=5
 # limit: 900
 # shellcheck source=guest/eight.sh
 . "$VM_DIR/guest/eight.sh"

@@ -1,5 +1,5 @@
 # about: host and remote side die while eight disks are read and written: no hang, and all comes back
-# kernel: panic_on_warn=1 slub_debug=FZPU log_buf_len=4M loglevel=5
+# kernel: panic_on_warn=1 slub_debug=FZP log_buf_len=4M loglevel=5
 # limit: 600
 # shellcheck source=guest/eight.sh
 . "$VM_DIR/guest/eight.sh"

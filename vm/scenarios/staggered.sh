@@ -17,5 +17,7 @@ for pause in 0.2 0.4 0.6 0.8 1.0 1.4 1.8; do
     outside tell_remote plug 3
     for size in 4 6 8; do wait_for_disk $size; done
 done
+# Nobody waits by the clock of the day: setting it back, as the network does at boot, delays no end.
+date -s "@$(($(date +%s) - 3600))"
 stop_host
 wait_all_ports_free

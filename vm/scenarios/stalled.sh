@@ -1,5 +1,5 @@
 # about: a device that stalls in its enumeration keeps its port; later ones attach at once
-# kernel: panic_on_warn=1 oops=panic slub_debug=FZPU log_buf_len=4M loglevel=5
+# kernel: panic_on_warn=1 oops=panic slub_debug=FZP log_buf_len=4M loglevel=5
 # limit: 150
 # shellcheck source=guest/hostile.sh
 . "$VM_DIR/guest/hostile.sh"
