@@ -44,6 +44,8 @@ class KernelEnd {
     // The client sees the end behind what was sent.
     void StopSending() { shutdown(socket_, SHUT_WR); }
 
+    int Socket() const { return socket_; }  // stays this object's
+
     const unsigned port;
     const std::string request;  // what was written to the attach file
 

@@ -34,8 +34,8 @@ std::string DescribePeer(int socket);
 // `error`, at the latest after 30 s and soon after `stop` becomes readable (see Wait.h).
 std::vector<SocketAddress> Resolve(const Address& address, int stop, std::string& error);
 
-// What every TCP connection has, and other sockets ignore: small messages leave at once, and a peer
-// that has vanished is noticed after `lost_after`.
+// What every TCP connection has, and other sockets ignore: small messages leave at once, long ones
+// arrive in one go, and a peer that has vanished is noticed after `lost_after`.
 void TuneTcp(int socket, std::chrono::seconds lost_after);
 
 // A non-blocking socket that is connecting. None: see errno.

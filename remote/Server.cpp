@@ -57,6 +57,7 @@ bool Server::DataSafe() const {
 }
 
 bool Server::Loop(Listener* listener) {
+    std::vector<pollfd> fds;
     for (;;) {
         if (session_ && session_->Over()) {
             const bool failed = session_->Failed();
@@ -67,13 +68,13 @@ bool Server::Loop(Listener* listener) {
         if (session_) session_->FollowDevices();
 
         const bool accepting = listener != nullptr && !quitting_;
-        std::vector<pollfd> fds{
+        fds.assign({
             {controls_.signals, POLLIN, 0},
             {controls_.commands, POLLIN, 0},
             {accepting ? listener->Fd() : -1, POLLIN, 0},
             {session_ ? session_->ReadableFd() : -1, POLLIN | POLLRDHUP, 0},
             {session_ ? session_->WritableFd() : -1, POLLOUT, 0},
-        };
+        });
         const std::size_t first_device = fds.size();
         for (const Slot& slot : slots_)
             fds.push_back(DevicePoll(*slot.device));
@@ -97,6 +98,10 @@ void Server::ServeSession(short readable, short writable) {
     if (writable != 0 && !session_->Over()) session_->OnWritable();
     const auto deadline = session_->Deadline();
     if (deadline && Clock::now() >= *deadline) session_->OnDeadline();
+    // Most of the time there is room, both ways: it is not waited for before that is known.
+    session_->Send();
+    for (Slot& slot : slots_)
+        slot.device->Send();
 }
 
 // A second host is turned away at once: one that had to wait could not be told why, would take us

@@ -1,5 +1,6 @@
 // xj-usbip-remote: the reference remote side.
 #include <fcntl.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -121,8 +122,16 @@ bool serve_listener(Server& server, const posix::Address& address) {
     return server.Run(*listener);
 }
 
+// What the C library gives back to the system after a long PDU is faulted in again by the next one.
+void keep_memory() {
+    constexpr int kMiB = 1 << 20;
+    mallopt(M_MMAP_THRESHOLD, 16 * kMiB);
+    mallopt(M_TRIM_THRESHOLD, 64 * kMiB);
+}
+
 int run(const Options& options) {
     if (options.list) return list(*options.list);
+    keep_memory();
     std::signal(SIGPIPE, SIG_IGN);  // a host that goes away is a failed write, not a signal
     std::signal(SIGTTIN, SIG_IGN);  // and so is a terminal that other jobs read from
     const posix::UniqueFd stop = posix::TakeSignals({SIGINT, SIGTERM});

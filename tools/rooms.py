@@ -33,7 +33,7 @@ ROOMS = {
     "fakes": ["wire/", "include/"],
     "fuzz": ["fakes/", "module/", "plugin/", "client/", "vhci/", "base/", "remote/", "posix/",
              "wire/", "include/"],
-    "bench": ["fakes/", "wire/"],
+    "bench": ["fakes/", "host/", "posix/", "wire/", "include/"],
     "tests": ["fakes/", "module/", "plugin/", "client/", "vhci/", "base/", "host/", "remote/",
               "posix/", "wire/", "include/"],
     "examples": ["include/"],

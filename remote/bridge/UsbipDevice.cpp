@@ -41,8 +41,11 @@ void UsbipDevice::Detach() {
 void UsbipDevice::TakeCommand(const Command& command) {
     if (stage_ != Stage::kImported) return;  // has left, which the host has yet to hear
     const std::string error = traffic_.TakeCommand(command, *sink_);
-    if (!error.empty()) return Fail(error);
-    Send();
+    if (!error.empty()) Fail(error);
+}
+
+void UsbipDevice::Send() {
+    if (traffic_.Output().Untried()) WriteNow();
 }
 
 short UsbipDevice::Events() const {
@@ -54,7 +57,7 @@ short UsbipDevice::Events() const {
 void UsbipDevice::OnEvents(short events) {
     try {
         if (stage_ == Stage::kConnecting) return OnConnected();
-        if ((events & POLLOUT) != 0) Send();
+        if ((events & POLLOUT) != 0) WriteNow();
         if (stage_ != Stage::kIdle && (events & ~POLLOUT) != 0) OnReadable();
     } catch (const std::bad_alloc&) {
         Fail("out of memory");
@@ -96,7 +99,7 @@ void UsbipDevice::OnConnected() {
     }
     stage_ = Stage::kImporting;
     traffic_.Output().Push(EncodeImportRequest(busid_));
-    Send();
+    WriteNow();
 }
 
 void UsbipDevice::OnReadable() {
@@ -137,11 +140,9 @@ void UsbipDevice::OnImported(const ServedDevice& device) {
     Log("%s: imported", info_.instance.c_str());
 }
 
-void UsbipDevice::Send() {
+void UsbipDevice::WriteNow() {
     OutputQueue& output = traffic_.Output();
-    Progress progress = Progress::kMoved;
-    while (!output.Empty() && progress == Progress::kMoved)
-        progress = output.WriteTo(socket_.Get());
+    const Progress progress = output.Empty() ? Progress::kLater : output.WriteTo(socket_.Get());
     if (progress == Progress::kFailed) Fail("cannot write to the server: " + ErrorText(errno));
 }
 

@@ -35,6 +35,7 @@ class UsbipDevice final : public Device {
     void Attach(ReplySink& sink) override { sink_ = &sink; }
     void Detach() override;
     void TakeCommand(const Command& command) override;
+    void Send() override;
 
     int Fd() const override { return socket_.Get(); }
     short Events() const override;
@@ -55,7 +56,7 @@ class UsbipDevice final : public Device {
     void OnReadable();
     void OnReceived();
     void OnImported(const ServedDevice& device);
-    void Send();
+    void WriteNow();
     void Fail(const std::string& reason);
     void Disconnect();
 

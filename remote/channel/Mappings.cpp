@@ -1,6 +1,7 @@
 #include "remote/channel/Mappings.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "remote/channel/MessageWriter.h"
@@ -16,21 +17,27 @@ constexpr std::uint32_t kBusNumber = 1;  // of devices that do not care
 // Attaches the device for as long as it is mapped, and takes its replies.
 class Mappings::Mapping final : public ReplySink {
   public:
-    Mapping(Mappings& mappings, Slot& slot, std::uint32_t devid)
-        : slot_(slot), devid_(devid), mappings_(mappings) {
+    Mapping(OutputQueue& output, Slot& slot, std::uint32_t devid, bool compress)
+        : slot_(slot), devid_(devid), output_(output) {
+        if (compress) compressor_.emplace();
         slot_.device->Attach(*this);
     }
     ~Mapping() override { slot_.device->Detach(); }
     Mapping(const Mapping&) = delete;
     Mapping& operator=(const Mapping&) = delete;
 
-    void Reply(Bytes pdu) override { mappings_.Send(*this, std::move(pdu)); }
+    void Reply(Bytes pdu) override {
+        slot_.counters.CountReply(pdu);
+        slot_.counters.CountForward(
+            PushForward(output_, devid_, std::move(pdu), compressor_ ? &*compressor_ : nullptr));
+    }
 
     Slot& slot_;
     const std::uint32_t devid_;
 
   private:
-    Mappings& mappings_;
+    OutputQueue& output_;
+    std::optional<Compressor> compressor_;
 };
 
 Mappings::Mappings(OutputQueue& output, bool compress) : output_(output), compress_(compress) {}
@@ -101,7 +108,7 @@ void Mappings::Map(Slot& slot) {
     const std::uint32_t devid = next_devid_++;
     output_.Push(EncodeDevMap(devid, info.bus != 0 ? info.bus : kBusNumber,
                               info.bus != 0 ? info.number : slot.number, info));
-    mapped_.emplace(devid, std::make_unique<Mapping>(*this, slot, devid));
+    mapped_.emplace(devid, std::make_unique<Mapping>(output_, slot, devid, compress_));
     Log("device %u mapped with id %u: %s", slot.number, devid, info.instance.c_str());
 }
 
@@ -114,12 +121,6 @@ void Mappings::Unmap(Table::const_iterator mapping) {
 
 void Mappings::Release(Slot& slot) {
     if (offered_.erase(&slot) != 0) slot.device->Release();
-}
-
-void Mappings::Send(Mapping& from, Bytes pdu) {
-    Counters& counters = from.slot_.counters;
-    counters.CountReply(pdu);
-    counters.CountForward(PushForward(output_, from.devid_, std::move(pdu), compress_));
 }
 
 }  // namespace remote

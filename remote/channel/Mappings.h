@@ -52,7 +52,6 @@ class Mappings {
     void Map(Slot& slot);
     void Unmap(Table::const_iterator mapping);
     void Release(Slot& slot);
-    void Send(Mapping& from, Bytes pdu);
 
     OutputQueue& output_;
     const bool compress_;

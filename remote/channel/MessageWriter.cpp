@@ -1,12 +1,17 @@
 #include "remote/channel/MessageWriter.h"
 
-#include <zlib.h>
-
+#include <algorithm>
 #include <utility>
 
 #include "wire/ChannelMessages.h"
 
 namespace remote {
+namespace {
+
+// Up to this size a PDU is copied between its head and the filler: that takes less than pieces do.
+constexpr std::size_t kCopied = std::size_t{1} << 10;
+
+}  // namespace
 
 Bytes EncodeVersionReq(bool compress) {
     usbip_version_req message{};
@@ -36,24 +41,28 @@ Bytes EncodeDevUnmap(std::uint32_t devid) {
     return ToBytes(message);
 }
 
-bool PushForward(OutputQueue& output, std::uint32_t devid, Bytes pdu, bool compress) {
+bool PushForward(OutputQueue& output, std::uint32_t devid, Bytes pdu, Compressor* compressor) {
     usbip_forward head{};
-    if (compress && pdu.size() > kCompressThreshold) {
-        Bytes deflated(compressBound(pdu.size()));
-        uLongf length = deflated.size();
-        if (compress2(deflated.data(), &length, pdu.data(), pdu.size(), Z_DEFAULT_COMPRESSION) ==
-            Z_OK) {
-            deflated.resize(length);
+    if (compressor != nullptr && pdu.size() > kCompressThreshold) {
+        const ByteView deflated = compressor->Compress(pdu);
+        if (!deflated.empty()) {
             head.rawsize = static_cast<std::uint32_t>(pdu.size());
-            pdu = std::move(deflated);
+            pdu.assign(deflated.begin(), deflated.end());
         }
     }
     head.head = MakeMessageHead(kUsbipForward, kForwardOverhead + pdu.size());
     head.devid = devid;
     head.datasize = static_cast<std::uint32_t>(pdu.size());
-    output.Push(ToBytes(head));
-    output.Push(std::move(pdu));
-    output.Push(Bytes(kForwardFiller));
+    if (pdu.size() <= kCopied) {
+        Bytes message(kForwardOverhead + pdu.size());
+        StoreRaw(message.data(), head);
+        std::copy(pdu.begin(), pdu.end(), message.begin() + sizeof head);
+        output.Push(std::move(message));
+    } else {
+        output.Push(ToBytes(head));
+        output.Push(std::move(pdu));
+        output.Push(Bytes(kForwardFiller));
+    }
     return head.rawsize != 0;
 }
 

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "remote/channel/Compressor.h"
 #include "remote/device/Device.h"
 #include "remote/io/Bytes.h"
 #include "remote/io/OutputQueue.h"
@@ -14,8 +15,8 @@ Bytes EncodeDevMap(std::uint32_t devid, std::uint32_t bus, std::uint32_t port,
                    const DeviceInfo& info);
 Bytes EncodeDevUnmap(std::uint32_t devid);
 
-// Queues a forward of `pdu`, compressed when that is asked for and the PDU is long enough. Returns
-// whether it was.
-bool PushForward(OutputQueue& output, std::uint32_t devid, Bytes pdu, bool compress);
+// Queues a forward of `pdu`, compressed by `compressor`, if there is one, when the PDU is long
+// enough and it pays. Returns whether it was.
+bool PushForward(OutputQueue& output, std::uint32_t devid, Bytes pdu, Compressor* compressor);
 
 }  // namespace remote

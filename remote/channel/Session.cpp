@@ -52,7 +52,18 @@ void Session::OnReadable() {
 }
 
 void Session::OnWritable() {
+    HandleWritten(output_.WriteTo(OutputFd()));
+}
+
+// A host may have closed its end right behind what was read: whether that is an orderly end tells
+// the input, which is read before the next attempt.
+void Session::Send() {
+    if (over_ || !output_.Untried()) return;
     const Progress progress = output_.WriteTo(OutputFd());
+    if (progress != Progress::kFailed || errno != EPIPE) HandleWritten(progress);
+}
+
+void Session::HandleWritten(Progress progress) {
     if (progress == Progress::kFailed) {
         return End(true, "cannot write to the host: " + ErrorText(errno));
     }

@@ -40,6 +40,7 @@ class Session {
 
     void OnReadable();
     void OnWritable();
+    void Send();  // what no descriptor has refused yet
     void OnDeadline();
 
     bool Over() const { return over_; }
@@ -63,6 +64,7 @@ class Session {
   private:
     int OutputFd() const;
     void HandleInput();
+    void HandleWritten(Progress progress);
     void Handle(ByteView whole);
     void OnVersion(std::uint32_t version);
     void EndClosing();

@@ -62,6 +62,9 @@ class Device {
     // the end: the kernel's controller hangs on an unlink without an answer.
     virtual void TakeCommand(const Command& command) = 0;
 
+    // All commands that there were are taken: those to be passed on can go together.
+    virtual void Send() {}
+
     // For devices with a descriptor to wait for: which events of poll they want at this moment, and
     // when they want to be called without one. None of it is asked of the device while the session
     // has no room for its replies, except that OnEvents may then bring POLLOUT.

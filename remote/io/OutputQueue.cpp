@@ -19,15 +19,20 @@ void OutputQueue::Push(Bytes piece) {
 }
 
 Progress OutputQueue::WriteTo(int fd) {
-    std::array<iovec, kVectors> vectors{};
-    const std::size_t count = std::min(vectors.size(), pieces_.size());
-    for (std::size_t i = 0; i < count; ++i)
-        vectors[i] = {pieces_[i].data(), pieces_[i].size()};
-    vectors[0].iov_base = pieces_[0].data() + sent_;
-    vectors[0].iov_len -= sent_;
-    const ssize_t written = writev(fd, vectors.data(), static_cast<int>(count));
-    if (written > 0) Consume(static_cast<std::size_t>(written));
-    return ProgressOf(written);
+    std::array<iovec, kVectors> vectors;
+    for (;;) {
+        const std::size_t count = std::min(vectors.size(), pieces_.size());
+        std::size_t offered = 0;
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::size_t start = i == 0 ? sent_ : 0;
+            vectors[i] = {pieces_[i].data() + start, pieces_[i].size() - start};
+            offered += vectors[i].iov_len;
+        }
+        const ssize_t written = writev(fd, vectors.data(), static_cast<int>(count));
+        if (written > 0) Consume(static_cast<std::size_t>(written));
+        refused_ = written < 0 || static_cast<std::size_t>(written) < offered;
+        if (refused_ || Empty()) return ProgressOf(written);
+    }
 }
 
 void OutputQueue::Consume(std::size_t count) {

@@ -16,9 +16,12 @@ class OutputQueue {
     bool Empty() const { return pending_ == 0; }
     std::size_t Pending() const { return pending_; }  // bytes
 
-    // Writes once, as much as the descriptor takes. The queue must not be empty, and the process
-    // must ignore SIGPIPE.
+    // Writes as much as the descriptor takes. The queue must not be empty, and the process must
+    // ignore SIGPIPE.
     Progress WriteTo(int fd);
+
+    // There are bytes that no descriptor has refused yet: an attempt may spare waiting for room.
+    bool Untried() const { return !Empty() && !refused_; }
 
   private:
     void Consume(std::size_t count);
@@ -26,6 +29,7 @@ class OutputQueue {
     std::deque<Bytes> pieces_;
     std::size_t sent_ = 0;  // of the first piece
     std::size_t pending_ = 0;
+    bool refused_ = false;  // the descriptor had no room for all
 };
 
 }  // namespace remote

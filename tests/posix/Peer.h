@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <string_view>
-#include <utility>
 
 #include "fakes/Patience.h"
 #include "posix/Socket.h"
@@ -23,9 +22,9 @@ class Peer : public UniqueFd {
         EXPECT_EQ(::recv(Get(), bytes.data(), size, MSG_WAITALL), static_cast<ssize_t>(size));
         return bytes;
     }
-    // What comes next; nothing at the end.
+    // What comes next, with all that has come already; nothing at the end.
     std::string ReadSome() const {
-        std::string bytes(65536, '\0');
+        std::string bytes(1 << 20, '\0');
         const ssize_t count = ::recv(Get(), bytes.data(), bytes.size(), 0);
         return bytes.substr(0, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     }

@@ -3,14 +3,12 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/ioctl.h>
+#include <pty.h>
 #include <sys/resource.h>
 
 #include <filesystem>
 #include <fstream>
 #include <thread>
-#include <tuple>
-#include <vector>
 
 #include "host/Options.h"
 #include "posix/Socket.h"
@@ -19,12 +17,10 @@
 #include "remote/Options.h"
 #include "remote/io/Listener.h"
 
-namespace posix {
-namespace {
+namespace posix::test {
 
 // The address as it was understood, or what is wrong with it.
-template <typename Parse, typename How>
-std::string parsed(Parse parse, const std::string& text, How how) {
+std::string parsed(auto parse, const std::string& text, auto how) {
     std::string error;
     const auto address = parse(text, how, error);
     return address ? Describe(*address) : error;
@@ -43,17 +39,14 @@ TEST(AddressTest, IsHostAndPortOrAPath) {
          {"::1:9", "[::1:9", "[]:9", "[box]:9", "[::1]9", "fe80::1"}},
         {port, {"box:", "box:65536", "box:-1", "box: 80", "box:80x", "box:9999999999999"}}};
     for (const auto& [problem, texts] : cases) {
-        for (const std::string& text : texts) {
+        for (const std::string& text : texts)
             EXPECT_EQ(problem.empty() ? text : problem,
                       parsed(ParseAddress, text, AddressUse::Connect));
-            EXPECT_EQ(problem.empty(), parsed(ParseAddress, text, AddressUse::Listen) == text);
-        }
     }
     EXPECT_EQ(port, parsed(ParseAddress, "box:0", AddressUse::Connect));
     EXPECT_EQ("box:0", parsed(ParseAddress, "box:0", AddressUse::Listen));
-    constexpr std::uint16_t kDefault = 3240;
-    EXPECT_EQ("[::1]:3240", parsed(ParseServer, "[::1]", kDefault));
-    EXPECT_EQ("box:9", parsed(ParseServer, "box:9", kDefault));
+    EXPECT_EQ("[::1]:3240", parsed(ParseServer, "[::1]", std::uint16_t{3240}));
+    EXPECT_EQ("box:9", parsed(ParseServer, "box:9", std::uint16_t{3240}));
 }
 
 TEST(CommandLineTest, WhatIsGivenArrives) {
@@ -61,20 +54,15 @@ TEST(CommandLineTest, WhatIsGivenArrives) {
     const char* const served[] = {"",       "--listen",         "[::1]:0", "--disk",  "a",
                                   "--disk", "b,ro,speed=super", "--usbip", "box/1-2", "--wait"};
     EXPECT_FALSE(ParseCommandLine(std::size(served), served, remote));
-    ASSERT_EQ(3U, remote.disks.size() + remote.imports.size());
-    const auto& [first, second] = std::tie(remote.disks[0], remote.disks[1]);
-    EXPECT_EQ(std::tuple("a", false, remote::UsbSpeed::kHigh),
-              std::tie(first.path, first.read_only, first.speed));
-    EXPECT_EQ(std::tuple("b", true, remote::UsbSpeed::kSuper),
-              std::tie(second.path, second.read_only, second.speed));
-    EXPECT_EQ("box:3240/1-2", Describe(remote.imports[0].server) + "/" + remote.imports[0].busid);
-    EXPECT_EQ("[::1]:0", Describe(remote.listen.value()));
+    std::string offered = Describe(remote.listen.value());
+    for (const auto& disk : remote.disks)
+        offered +=
+            ' ' + disk.path + (disk.read_only ? " ro " : " ") + std::to_string(int(disk.speed));
+    for (const auto& import : remote.imports)
+        offered += ' ' + Describe(import.server) + '/' + import.busid;
+    EXPECT_EQ("[::1]:0 a 3 b ro 5 box:3240/1-2", offered);
     EXPECT_TRUE(remote.wait && !remote.compress);
     host::Options host;
-    const char* const logged[] = {"", "--exec", "true", "--log-level", "8,1"};
-    EXPECT_FALSE(ParseCommandLine(std::size(logged), logged, host));
-    EXPECT_EQ(std::tuple("true", std::set<int>{1, 8}, false),
-              std::tie(host.target.command, host.log_levels, host.doctor));
     const char* const doctor[] = {"", "doctor"};
     EXPECT_FALSE(ParseCommandLine(std::size(doctor), doctor, host));
     EXPECT_TRUE(host.doctor);
@@ -82,10 +70,9 @@ TEST(CommandLineTest, WhatIsGivenArrives) {
 
 // A terminal that nobody reads any more; the lines do not divide its room evenly.
 TEST(StandardStreamsTest, OutputThatNobodyReadsIsLost) {
-    const UniqueFd terminal(::posix_openpt(O_RDWR | O_NOCTTY));
-    int locked = 0;
-    ASSERT_EQ(0, ::ioctl(terminal.Get(), TIOCSPTLCK, &locked));
-    const UniqueFd ours(::ioctl(terminal.Get(), TIOCGPTPEER, O_RDWR | O_NOCTTY));
+    int ends[2];
+    ASSERT_EQ(0, ::openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr));
+    const UniqueFd terminal(ends[0]), ours(ends[1]);
     for (int line = 0; line < 1000; ++line)
         Tell(ours.Get(), std::string(200, 'x') + '\n');
     EXPECT_EQ(0, ::fcntl(ours.Get(), F_GETFL) & O_NONBLOCK) << "others have to wait";
@@ -97,7 +84,7 @@ TEST(StandardStreamsTest, OutputThatNobodyReadsIsLost) {
 TEST(SocketTest, BothEndsOfATcpConnectionNoticeAPeerThatVanishes) {
     std::string error;
     EXPECT_FALSE(remote::Listener::Open({.name = "no.such.host.invalid"}, error));
-    const auto listener = remote::Listener::Open({.name = "localhost"}, error);
+    auto listener = remote::Listener::Open({.name = "localhost"}, error);
     ASSERT_TRUE(listener) << error;
     EXPECT_TRUE(listener->Private());
     EXPECT_FALSE(listener->Accept()) << "somebody is there";
@@ -120,6 +107,8 @@ TEST(SocketTest, BothEndsOfATcpConnectionNoticeAPeerThatVanishes) {
             EXPECT_EQ(expected, value) << name;
         }
     }
+    listener = nullptr;
+    EXPECT_TRUE(remote::Listener::Open(address, error)) << "no restart while connections end";
 }
 
 TEST(SocketTest, ABurstOfHostsIsHeldAndWhatCannotBeAcceptedWaits) {
@@ -128,6 +117,8 @@ TEST(SocketTest, ABurstOfHostsIsHeldAndWhatCannotBeAcceptedWaits) {
     std::string error;
     auto listener = remote::Listener::Open(address, error);
     ASSERT_TRUE(listener) << error;
+    using std::filesystem::perms;
+    EXPECT_EQ(perms::owner_read | perms::owner_write, std::filesystem::status(path).permissions());
     std::vector<UniqueFd> hosts(100);
     for (UniqueFd& host : hosts)
         ASSERT_TRUE(host = StartConnect(Resolve(address, -1, error).at(0), kPeerLost)) << errno;
@@ -154,9 +145,9 @@ TEST(SocketTest, ABurstOfHostsIsHeldAndWhatCannotBeAcceptedWaits) {
     accepting.join();
     std::filesystem::remove(path);
     std::ofstream(path) << "of somebody else";
+    EXPECT_FALSE(remote::Listener::Open(address, error)) << "in its place";
     listener = nullptr;
     EXPECT_TRUE(std::filesystem::remove(path));
 }
 
-}  // namespace
-}  // namespace posix
+}  // namespace posix::test

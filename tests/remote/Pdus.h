@@ -16,9 +16,6 @@ inline const std::string kMegabyte(1 << 20, 'x');
 inline ByteView View(std::string_view bytes) {
     return {reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()};
 }
-inline std::string Text(ByteView bytes) {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
 
 // A command that is as it should be; borrows `pdu`.
 inline Command Decoded(std::string_view pdu) {
@@ -53,10 +50,6 @@ inline usbip_op_import_reply ImportReply(const std::string& busid) {
     reply.device.id_vendor = htobe16(0x046D);
     reply.device.id_product = htobe16(0xC31C);
     return reply;
-}
-
-inline usbip_op_devlist_reply ListReply(std::uint32_t devices) {
-    return {{htobe16(kUsbipServerVersion), htobe16(OP_REP_DEVLIST), 0}, htobe32(devices)};
 }
 
 }  // namespace remote::test

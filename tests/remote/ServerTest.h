@@ -6,7 +6,7 @@
 #include <signal.h>
 #include <sys/signalfd.h>
 
-#include <memory>
+#include <semaphore>
 #include <thread>
 
 #include "Pdus.h"
@@ -65,15 +65,20 @@ struct Link {
 // Answers every URB at once, with as many bytes as there is room for.
 class EagerDevice : public Device {
   public:
-    static constexpr std::uint32_t kStalled = 15;  // endpoint
+    // Endpoints: one that stalls; one whose command holds the server up and has no answer.
+    static constexpr std::uint32_t kStalled = 15, kBusy = 14;
+    static inline std::binary_semaphore busy{0}, go_on{0};
 
-    explicit EagerDevice(const std::string& name) : info_{name, UsbSpeed::kHigh, 1, 2} {}
+    explicit EagerDevice(const std::string& name) : info_{name, UsbSpeed::kSuper, 1, 2} {}
+    ~EagerDevice() override { EXPECT_FALSE(Attached()) << "to a session that is gone"; }
     const DeviceInfo& Info() const override { return info_; }
     void Attach(ReplySink& sink) override { sink_ = &sink; }
     void Detach() override { sink_ = nullptr; }
     bool DataSafe() const override { return data_safe; }
     void TakeCommand(const Command& command) override {
-        taken += Text(command.pdu);
+        taken.append(command.pdu.begin(), command.pdu.end());
+        if (command.endpoint == kBusy)
+            return busy.release(), void(go_on.try_acquire_for(kPatience));
         if (command.unlinks) return sink_->Reply(RetUnlink(command.seqnum, 0));
         const int status = command.endpoint == kStalled ? -EPIPE : 0;
         remote::Bytes reply = RoomForReply();
@@ -83,6 +88,8 @@ class EagerDevice : public Device {
     static std::string Answer(std::uint32_t seqnum, std::uint32_t length) {
         return SubmitReply(seqnum, length, std::string(length, 'x'));
     }
+
+    bool Attached() const { return sink_ != nullptr; }
 
     static inline bool data_safe = true;
     std::string taken;  // the PDUs of all commands
@@ -94,10 +101,13 @@ class EagerDevice : public Device {
 
 class ServerTest : public testing::Test {
   protected:
-    ServerTest() { signal(SIGPIPE, SIG_IGN); }
+    ServerTest() {
+        signal(SIGPIPE, SIG_IGN);
+        EagerDevice::data_safe = true;
+    }
     ~ServerTest() override {
         host_ = Host();
-        Type("quit");  // nobody reads it when the server has ended with its host
+        terminal_.ours.Write("quit\n");  // nobody reads it when the server has ended with its host
     }
 
     // Serves `devices_`, if there are new ones, to whoever comes to `listener_` or has this link.
@@ -123,9 +133,8 @@ class ServerTest : public testing::Test {
         return served_;
     }
 
-    void Type(const std::string& command) const { terminal_.ours.Write(command + '\n'); }
     void ExpectAnswer(const std::string& command, const std::string& lines) const {
-        Type(command);
+        terminal_.ours.Write(command + '\n');
         EXPECT_EQ(terminal_.ours.Read(lines.size() + 1), lines + '\n') << command;
     }
     void Signal(std::uint32_t number) const {
