@@ -24,6 +24,13 @@ bool long_enough(IBuffer* buffer, const char* name, std::size_t least = sizeof(M
     return false;
 }
 
+// The PDUs in `buffer` go to the kernel. They may wait, and are counted by their own length: what
+// else the buffer has room for is given back.
+void pass_on(IUsbipClient& client, IBuffer* buffer, std::size_t begin, std::size_t size) {
+    buffer->Realloc(begin + size);
+    client.Forward(buffer, {static_cast<const char*>(buffer->GetPointer()) + begin, size});
+}
+
 }  // namespace
 
 bool UsbipClientPlugin::OnProtoVersionReq(const void*, unsigned long, IBuffer* message) {
@@ -86,12 +93,10 @@ bool UsbipClientPlugin::OnProtoForward(const void*, unsigned long, IBuffer* mess
                  static_cast<int>(size), static_cast<int>(forward.datasize));
         return false;
     }
-    const auto* data = static_cast<const char*>(message->GetPointer()) + sizeof forward;
-
     const CRefObj<IUsbipClient> client = FindDevice(forward.devid);
     if (!client) return true;
     if (forward.rawsize == 0) {
-        client->Forward(data, forward.datasize);
+        pass_on(*client, message, sizeof forward, forward.datasize);
         return true;
     }
     if (forward.rawsize > kMaxRawSize) {
@@ -108,8 +113,8 @@ bool UsbipClientPlugin::OnProtoForward(const void*, unsigned long, IBuffer* mess
     // What a broken stream inflates to is not judged here: the client checks every PDU it writes.
     uLongf raw_length = forward.rawsize;
     uncompress(static_cast<Bytef*>(raw->GetPointer()), &raw_length,
-               reinterpret_cast<const Bytef*>(data), forward.datasize);
-    client->Forward(static_cast<const char*>(raw->GetPointer()), raw_length);
+               static_cast<const Bytef*>(message->GetPointer()) + sizeof forward, forward.datasize);
+    pass_on(*client, raw.Get(), 0, raw_length);
     return true;
 }
 
