@@ -1,11 +1,14 @@
 // First-in first-out queue from any number of producer threads to a consumer thread. Two
 // semaphores carry the waiting, an open flag lets the owner shut the queue and open it again.
+//
+// Only an element that finds the queue empty wakes the consumer, which looks before it waits:
+// waking it costs a system call, for each element that comes before it runs.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <ctime>
-#include <list>
+#include <deque>
 #include <utility>
 
 #include "base/Lock.h"
@@ -41,37 +44,25 @@ class sem_queue {
     // Appends a copy of `element`, waiting for a free place. A closed queue takes nothing.
     void push(const T& element) EXCLUDES(m_lock) {
         if (!m_bOpen || !m_semFree.Wait()) return;
+        bool first = false;
         {
             CLockGuard guard(m_lock);
             if (!m_bOpen) {
                 m_semFree.Post();
                 return;
             }
+            first = m_nCount == 0;
             m_list.push_back(element);
             ++m_nCount;
         }
-        m_semItems.Post();
+        if (first) m_semItems.Post();
     }
 
-    // Takes the front element, waiting at most `timeout_ms` for one. False: nothing was taken.
+    // Takes the front element, waiting at most `timeout_ms` for one. False: nothing was taken,
+    // which may be before the time is over.
     bool pop(T& element, unsigned long timeout_ms) EXCLUDES(m_lock) {
-        if (!m_bOpen || !m_semItems.WaitFor(timeout_ms)) return false;
-        {
-            CLockGuard guard(m_lock);
-            if (!m_bOpen) {
-                m_semItems.Post();  // close() woke us: pass the wake-up on to the next waiter
-                return false;
-            }
-            // A count without an element is from wake(), from a close() before the last open(), or
-            // of an element that was dropped before this thread got the lock. Giving it back would
-            // make every later pop return at once, so it ends here.
-            if (m_nCount == 0) return false;
-            element = std::move(m_list.front());
-            m_list.pop_front();
-            --m_nCount;
-        }
-        m_semFree.Post();
-        return true;
+        if (take(element)) return true;
+        return m_bOpen && m_semItems.WaitFor(timeout_ms) && take(element);
     }
 
     // Shuts the queue, wakes waiters and drops what is queued. Takes 100 ms, in which threads
@@ -88,6 +79,18 @@ class sem_queue {
     }
 
   private:
+    bool take(T& element) EXCLUDES(m_lock) {
+        {
+            CLockGuard guard(m_lock);
+            if (m_nCount == 0) return false;
+            element = std::move(m_list.front());
+            m_list.pop_front();
+            if (--m_nCount == 0) m_semItems.TryWait();  // the wake-up of what this took
+        }
+        m_semFree.Post();
+        return true;
+    }
+
     void start_empty() REQUIRES(m_lock) {
         drop_all();
         while (m_semItems.TryWait()) {
@@ -103,7 +106,7 @@ class sem_queue {
 
     CMutexLock m_lock;  // innermost: nothing is locked and nobody called while it is held
     std::uint64_t m_nCount GUARDED_BY(m_lock) = 0;  // elements in m_list
-    std::list<T> m_list GUARDED_BY(m_lock);         // oldest first
+    std::deque<T> m_list GUARDED_BY(m_lock);        // oldest first
 
     // Their own synchronisation.
     CSemaphore m_semFree{kCapacity};

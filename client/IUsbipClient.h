@@ -1,6 +1,9 @@
 // One mapped device, as the plug-in holds it.
 #pragma once
 
+#include <string_view>
+
+#include "base/Buffer.h"
 #include "wire/ChannelMessages.h"
 #include "xj-client-usbip/Reference.h"
 
@@ -23,8 +26,9 @@ class IUsbipClient : public virtual IReference {
     // Detaches the device and joins the client's threads; a few milliseconds when nothing is
     // wrong. True.
     virtual bool Stop() = 0;
-    // Queues a copy of one PDU from the peer for the kernel, if the client accepts it. True.
-    virtual bool Forward(const char* data, unsigned long len) = 0;
+    // Gives the kernel what the peer has forwarded, or lets it wait, if the client accepts it.
+    // `bytes` stand in `message`, which nobody changes any more. True.
+    virtual bool Forward(IBuffer* message, std::string_view bytes) = 0;
     // Whether there is room for a PDU of `len` bytes. Too much of what waits for the kernel ends
     // the device; one that has ended, or whose attach has failed, takes nothing any more.
     virtual bool Accepts(unsigned long len) = 0;

@@ -46,6 +46,11 @@ bool COutstandingCommands::Record(std::string_view pdu) {
     return many;
 }
 
+std::size_t COutstandingCommands::Submitted() {
+    CLockGuard guard(m_lock);
+    return m_submits.size();
+}
+
 bool COutstandingCommands::IsOut(std::uint32_t seqnum) {
     CLockGuard guard(m_lock);
     const auto submit = m_submits.find(seqnum);

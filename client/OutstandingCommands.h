@@ -33,6 +33,7 @@ class COutstandingCommands {
     bool Record(std::string_view pdu) EXCLUDES(m_lock);
 
     bool IsOut(std::uint32_t seqnum) EXCLUDES(m_lock);  // an OUT command is waiting
+    std::size_t Submitted() EXCLUDES(m_lock);           // how many CMD_SUBMITs are
     // Forgets the CMD_SUBMIT of this number. Empty: there is none.
     std::optional<CSubmitted> TakeSubmit(std::uint32_t seqnum) EXCLUDES(m_lock);
 

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <string>
 
-#include "base/MemAlloctor.h"
 #include "module/runtime/XJModLog.h"
 
 namespace {
@@ -37,8 +36,6 @@ std::string kernel_name(const std::string& what, unsigned int devid) {
 
 }  // namespace
 
-CUsbipClientLinux::CUsbipClientLinux() : m_pAllocator(new CMemAlloctorEx<CMemBuffer>) {}
-
 CUsbipClientLinux::~CUsbipClientLinux() {
     CUsbipClientLinux::Stop();
 }
@@ -57,7 +54,7 @@ bool CUsbipClientLinux::Run() {
         XJModLog(4, "[CUsbipClientLinux] socketpair fail, %d", errno);
         return false;
     }
-    m_clientEnd.Open(ends[0], 2);
+    m_clientEnd.Open(ends[0]);
     m_kernelEnd = ends[1];
     StartTaking();
     // Before the one that attaches: nothing is attached that nobody could answer.
@@ -100,7 +97,7 @@ void CUsbipClientLinux::JoinThreads() {
     // A thread that never came to run has not given back what it used.
     m_workThread.Enter();  // there is none any more
     StopTaking();
-    m_clientEnd.Close();
+    m_clientEnd.Leave(CSharedEnd::kReader | CSharedEnd::kWriter);
     CloseKernelEnd();
 }
 

@@ -5,8 +5,8 @@
 #include <sys/uio.h>
 
 #include <atomic>
+#include <deque>
 #include <functional>
-#include <list>
 #include <memory>
 #include <span>
 #include <string>
@@ -26,7 +26,7 @@
 // called and nothing logged while one is held, and none is held across a wait, a read or a write.
 class CUsbipClientLinux : public IUsbipClient, protected CReference {
   public:
-    CUsbipClientLinux();
+    CUsbipClientLinux() = default;
     ~CUsbipClientLinux() override;
 
     long AddRef() override { return CReference::AddRef(); }
@@ -38,7 +38,7 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
     const _USBIP_DEV* GetDevInfo() override { return &m_devInfo; }
     bool Run() override EXCLUDES(m_runLock);
     bool Stop() override EXCLUDES(m_runLock);
-    bool Forward(const char* data, unsigned long len) override EXCLUDES(m_recvLock);
+    bool Forward(IBuffer* message, std::string_view bytes) override EXCLUDES(m_recvLock);
     bool Accepts(unsigned long len) override EXCLUDES(m_recvLock);
 
   private:
@@ -64,17 +64,23 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
     void ReportDetach() REQUIRES(m_workThread);
     void CloseKernelEnd() REQUIRES(m_workThread);
 
-    // Write thread: moves PDUs from the peer to the kernel.
-    bool WriteThreadFunction();
-    bool WriteThreadLoop() REQUIRES(m_writeThread);
+    // From the peer to the kernel.
+    enum class Verdict { kUnchecked, kGood, kNotWhole, kUnsafe };
+    struct CForwarded {
+        CRefObj<IBuffer> message;  // where the bytes stand
+        std::string_view bytes;    // once they are checked: what may be written
+        Verdict verdict = Verdict::kUnchecked;
+    };
     // How the PDU at the front of `bytes` is. kGood: its `size` bytes may be written. Anything else
     // is logged; `first`: nothing of its forward message stands before it.
-    enum class Verdict { kGood, kNotWhole, kUnsafe };
-    Verdict CheckNetRecv(std::string_view bytes, bool first, std::size_t& size)
-        REQUIRES(m_writeThread);
-    Verdict CheckForward(std::string_view bytes, std::size_t& good) REQUIRES(m_writeThread);
-    bool WaitForForwards() REQUIRES(m_writeThread) EXCLUDES(m_recvLock);
-    bool WriteDevice(std::span<iovec> pieces) REQUIRES(m_writeThread);
+    Verdict CheckNetRecv(std::string_view bytes, bool first, std::size_t& size) REQUIRES(m_writer);
+    void Check(CForwarded& forwarded) REQUIRES(m_writer);
+    bool WriteAtOnce(CForwarded& forwarded) REQUIRES(m_writer);
+    bool NothingWaits() EXCLUDES(m_recvLock);
+    bool WriteThreadFunction();
+    bool WriteThreadLoop() REQUIRES(m_writer);
+    bool WaitForForwards() REQUIRES(m_writer) EXCLUDES(m_recvLock);
+    bool WriteDevice(std::span<iovec> pieces) REQUIRES(m_writer);
     void StartTaking() EXCLUDES(m_recvLock);
     void StopTaking() EXCLUDES(m_recvLock);
 
@@ -82,9 +88,8 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
     void EndDevice();
 
     // Constant after construction.
-    const CRefObj<IMemAlloctor> m_pAllocator;
     const CThreadRole m_workThread{};
-    const CThreadRole m_writeThread{};
+    const CThreadRole m_writer{};  // the write thread; the Run thread while nothing waits for that
 
     // Set before Run or by Run, constant while the threads run.
     IClientUsbipListenter* m_pListener = nullptr;  // borrowed
@@ -94,19 +99,20 @@ class CUsbipClientLinux : public IUsbipClient, protected CReference {
     // Their own synchronisation.
     std::atomic<bool> m_bQuit{false};  // stop flag; whoever sets it also posts m_recvSem
     CSemaphore m_recvSem{0};           // wakes the write thread
-    CSharedEnd m_clientEnd;            // the work thread reads from it, the write thread writes
+    CSharedEnd m_clientEnd;            // the work thread reads from it, the writer writes
     COutstandingCommands m_outstanding;
 
     CMutexLock m_runLock;  // serialises Run and Stop
     std::unique_ptr<CUsbipClientLinuxThread> m_pWorkThread GUARDED_BY(m_runLock);
     std::unique_ptr<CUsbipClientLinuxThread> m_pWriteThread GUARDED_BY(m_runLock);
 
-    CMutexLock m_recvLock;
-    std::list<CRefObj<IBuffer>> m_recvList GUARDED_BY(m_recvLock);  // for the kernel, oldest first
-    unsigned long m_recvBytes GUARDED_BY(m_recvLock) = 0;  // in the list and in the write thread
-    bool m_bTaking GUARDED_BY(m_recvLock) = false;         // the write thread is there to take them
+    CMutexLock m_recvLock;  // before the lock of the allocator that buffers go back to
+    std::deque<CForwarded> m_recvList GUARDED_BY(m_recvLock);  // for the kernel, oldest first
+    std::size_t m_nWaiting GUARDED_BY(m_recvLock) = 0;         // in the list and in m_taken
+    unsigned long m_recvBytes GUARDED_BY(m_recvLock) = 0;      // of those
+    bool m_bTaking GUARDED_BY(m_recvLock) = false;  // the write thread is there to take them
 
-    std::list<CRefObj<IBuffer>> m_taken GUARDED_BY(m_writeThread);  // off the list, not yet written
+    std::deque<CForwarded> m_taken GUARDED_BY(m_writer);  // off the list, not yet written
 
     // The work thread's, and of Run and Stop while there is none.
     std::vector<char> m_devBuf GUARDED_BY(m_workThread);  // grows to the largest PDU seen; each

@@ -37,7 +37,7 @@ bool CUsbipClientLinux::WorkThreadLoop() {
     // The kernel frees the port now, and a write in progress ends. What is not needed any more is
     // given back at once: the client may stay mapped for long.
     EndDevice();
-    m_clientEnd.Leave();
+    m_clientEnd.Leave(CSharedEnd::kReader);
     CloseKernelEnd();
     std::vector<char>().swap(m_devBuf);
     return false;

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -21,31 +20,59 @@ constexpr unsigned long kPopMs = 500;
 constexpr std::size_t kPieces = 64;
 constexpr unsigned long kGathered = 32'768;
 
+// So few URBs under way that the kernel waits for each reply, and few could be gathered.
+constexpr std::size_t kFewUnderWay = 4;
+
 // The kernel's largest requests are of 1 MiB, and it has some dozens of them under way: more than
 // this can only wait when it has stopped reading.
 constexpr unsigned long kMostWaiting = 64UL << 20;
 
 }  // namespace
 
-bool CUsbipClientLinux::Forward(const char* data, unsigned long len) {
-    if (!Accepts(len)) return true;
-    const CRefObj<IBuffer> buffer = m_pAllocator->GetFreeBuffer(len);
-    if (!buffer || buffer->SetSize(len) != len) {
-        XJModLog(4, "[CUsbipClientLinux] no buffer for a PDU of %lu bytes, dropped", len);
-        return true;
+bool CUsbipClientLinux::Forward(IBuffer* message, std::string_view bytes) try {
+    if (!Accepts(bytes.size())) return true;
+    CForwarded forwarded{message, bytes};
+    const std::size_t under_way = m_outstanding.Submitted();
+    const bool alone = (under_way > 0 && under_way <= kFewUnderWay) || bytes.size() >= kGathered;
+    if (alone && NothingWaits()) {
+        m_writer.Enter();  // until something waits, which only this thread brings about
+        if (WriteAtOnce(forwarded)) return true;
     }
-    if (len > 0) std::memcpy(buffer->GetPointer(), data, len);
     bool first = false;
     {
         CLockGuard guard(m_recvLock);
         if (!m_bTaking) return true;
         first = m_recvList.empty();
-        m_recvList.push_back(buffer);
-        m_recvBytes += len;
+        m_recvBytes += forwarded.bytes.size();
+        m_recvList.push_back(std::move(forwarded));
+        ++m_nWaiting;
     }
     // Whoever waits for more has been woken by the first; and not into a lock that is held.
     if (first) m_recvSem.Post();
     return true;
+} catch (const std::bad_alloc&) {
+    XJModLog(4, "[CUsbipClientLinux] out of memory for a PDU of the peer's");
+    EndDevice();  // the kernel may have a part of it
+    return true;
+}
+
+bool CUsbipClientLinux::NothingWaits() {
+    CLockGuard guard(m_recvLock);
+    return m_bTaking && m_nWaiting == 0;
+}
+
+// Spares waking the write thread for what the kernel's end has room for. False: what is left is the
+// write thread's, and so is any failure.
+bool CUsbipClientLinux::WriteAtOnce(CForwarded& forwarded) {
+    if (!m_clientEnd.Visit()) return false;
+    Check(forwarded);
+    if (forwarded.verdict == Verdict::kGood) {
+        const ssize_t written = send(m_clientEnd.Get(), forwarded.bytes.data(),
+                                     forwarded.bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        forwarded.bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
+    }
+    m_clientEnd.Leave(CSharedEnd::kVisitor);
+    return forwarded.verdict == Verdict::kGood && forwarded.bytes.empty();
 }
 
 bool CUsbipClientLinux::Accepts(unsigned long len) {
@@ -79,13 +106,13 @@ bool CUsbipClientLinux::WaitForForwards() {
 }
 
 bool CUsbipClientLinux::WriteThreadFunction() {
-    m_writeThread.Enter();
+    m_writer.Enter();
     const bool again = WriteThreadLoop();
     if (!again) {
         XJModLog(1, "[CUsbipClientLinux] %d write thread prepare quit", static_cast<int>(m_devId));
         m_taken.clear();
         StopTaking();
-        m_clientEnd.Leave();
+        m_clientEnd.Leave(CSharedEnd::kWriter);
     }
     return again;
 }
@@ -97,11 +124,11 @@ void CUsbipClientLinux::StartTaking() {
 
 // Nobody will take what waits, nor what comes.
 void CUsbipClientLinux::StopTaking() {
-    std::list<CRefObj<IBuffer>> dropped;
     CLockGuard guard(m_recvLock);
     m_bTaking = false;
+    m_nWaiting = 0;
     m_recvBytes = 0;
-    dropped.swap(m_recvList);
+    m_recvList.clear();
 }
 
 // One write for as many forwards as there are, up to the first that is not in order.
@@ -112,44 +139,42 @@ bool CUsbipClientLinux::WriteThreadLoop() try {
     std::array<iovec, kPieces> pieces;
     std::size_t count = 0;
     unsigned long size = 0;
-    std::size_t good = 0;
     Verdict verdict = Verdict::kGood;
-    auto next = m_taken.begin();
-    while (next != m_taken.end() && count < pieces.size() && size < kGathered &&
+    while (count < std::min(m_taken.size(), kPieces) && size < kGathered &&
            verdict == Verdict::kGood) {
-        const std::string_view bytes(static_cast<const char*>((*next)->GetPointer()),
-                                     (*next)->GetSize());
-        verdict = CheckForward(bytes, good);
-        pieces[count++] = {(*next)->GetPointer(), good};
-        size += bytes.size();
-        ++next;
+        CForwarded& next = m_taken[count];
+        size += next.bytes.size();
+        if (next.verdict == Verdict::kUnchecked) Check(next);
+        verdict = next.verdict;
+        pieces[count++] = {const_cast<char*>(next.bytes.data()), next.bytes.size()};
     }
     if (!WriteDevice({pieces.data(), count})) return false;
-    m_taken.erase(m_taken.begin(), next);
+    m_taken.erase(m_taken.begin(), m_taken.begin() + static_cast<std::ptrdiff_t>(count));
     {
         CLockGuard guard(m_recvLock);
-        if (m_bTaking) m_recvBytes -= size;
+        if (m_bTaking) {
+            m_recvBytes -= size;
+            m_nWaiting -= count;
+        }
     }
     if (verdict == Verdict::kUnsafe) EndDevice();
-    // A peer whose first PDU is none is not understood any more. What is none behind whole ones is
-    // left out and does no harm.
-    return good > 0 && verdict != Verdict::kUnsafe;
+    return verdict == Verdict::kGood;
 } catch (const std::bad_alloc&) {
     XJModLog(4, "[CUsbipClientLinux] out of memory for a PDU of the peer's");
     return false;
 }
 
-// How the first PDU is that is not in order, if any; `good` bytes before it may be written.
-CUsbipClientLinux::Verdict CUsbipClientLinux::CheckForward(std::string_view bytes,
-                                                           std::size_t& good) {
-    good = 0;
-    Verdict verdict;
+// A peer whose first PDU is none is not understood any more. What is none behind whole ones is left
+// out and does no harm.
+void CUsbipClientLinux::Check(CForwarded& forwarded) {
+    std::size_t good = 0;
     do {
         std::size_t size = 0;
-        verdict = CheckNetRecv(bytes.substr(good), good == 0, size);
+        forwarded.verdict = CheckNetRecv(forwarded.bytes.substr(good), good == 0, size);
         good += size;
-    } while (verdict == Verdict::kGood && good < bytes.size());
-    return verdict;
+    } while (forwarded.verdict == Verdict::kGood && good < forwarded.bytes.size());
+    if (forwarded.verdict == Verdict::kNotWhole && good > 0) forwarded.verdict = Verdict::kGood;
+    forwarded.bytes = forwarded.bytes.substr(0, good);
 }
 
 CUsbipClientLinux::Verdict CUsbipClientLinux::CheckNetRecv(std::string_view bytes, bool first,

@@ -2,29 +2,14 @@
 
 #include <zlib.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <limits>
-#include <memory>
 
 #include "client/USBIPClientLinux.h"
 #include "module/runtime/XJModLog.h"
+#include "plugin/Deflater.h"
 #include "plugin/USBIPClientPlugin.h"
 
 namespace {
-
-struct Free {
-    void operator()(void* memory) const { std::free(memory); }
-};
-
-// Zero-filled memory that the system commits only where it is written.
-using ScratchArea = std::unique_ptr<Bytef, Free>;
-
-ScratchArea make_scratch(std::size_t size) {
-    ScratchArea scratch(static_cast<Bytef*>(std::calloc(size, 1)));
-    if (!scratch) XJModLog(4, "[usbipclient] no scratch area of %zu bytes, data dropped", size);
-    return scratch;
-}
 
 template <typename Message>
 const Message& as(IBuffer* buffer) {
@@ -37,6 +22,13 @@ bool long_enough(IBuffer* buffer, const char* name, std::size_t least = sizeof(M
     XJModLog(4, "[usbipclient] invalid %s package size %d", name,
              static_cast<int>(buffer->GetSize()));
     return false;
+}
+
+// The PDUs in `buffer` go to the kernel. They may wait, and are counted by their own length: what
+// else the buffer has room for is given back.
+void pass_on(IUsbipClient& client, IBuffer* buffer, std::size_t begin, std::size_t size) {
+    buffer->Realloc(begin + size);
+    client.Forward(buffer, {static_cast<const char*>(buffer->GetPointer()) + begin, size});
 }
 
 }  // namespace
@@ -101,12 +93,10 @@ bool UsbipClientPlugin::OnProtoForward(const void*, unsigned long, IBuffer* mess
                  static_cast<int>(size), static_cast<int>(forward.datasize));
         return false;
     }
-    const auto* data = static_cast<const char*>(message->GetPointer()) + sizeof forward;
-
     const CRefObj<IUsbipClient> client = FindDevice(forward.devid);
     if (!client) return true;
     if (forward.rawsize == 0) {
-        client->Forward(data, forward.datasize);
+        pass_on(*client, message, sizeof forward, forward.datasize);
         return true;
     }
     if (forward.rawsize > kMaxRawSize) {
@@ -115,24 +105,26 @@ bool UsbipClientPlugin::OnProtoForward(const void*, unsigned long, IBuffer* mess
         return false;
     }
     if (!client->Accepts(forward.rawsize)) return true;
-    const ScratchArea scratch = make_scratch(forward.rawsize);
-    if (!scratch) return true;
+    const CRefObj<IBuffer> raw = m_pAllocator->GetFreeBuffer(forward.rawsize);
+    if (!raw) {
+        XJModLog(4, "[usbipclient] no scratch area of %u bytes, data dropped", forward.rawsize);
+        return true;
+    }
     // What a broken stream inflates to is not judged here: the client checks every PDU it writes.
     uLongf raw_length = forward.rawsize;
-    uncompress(scratch.get(), &raw_length, reinterpret_cast<const Bytef*>(data), forward.datasize);
-    client->Forward(reinterpret_cast<const char*>(scratch.get()), raw_length);
+    uncompress(static_cast<Bytef*>(raw->GetPointer()), &raw_length,
+               static_cast<const Bytef*>(message->GetPointer()) + sizeof forward, forward.datasize);
+    pass_on(*client, raw.Get(), 0, raw_length);
     return true;
 }
 
-void UsbipClientPlugin::QueueForward(unsigned int devid, const void* data, unsigned long size,
+void UsbipClientPlugin::QueueForward(IBuffer* message, unsigned int devid, unsigned long size,
                                      std::uint32_t rawsize) {
-    const CRefObj<IBuffer> message = NewMessage(size + kForwardOverhead);
-    if (!message) return;
-    const usbip_forward forward{MakeMessageHead(kUsbipForward, size + kForwardOverhead), devid,
+    message->SetSize(size + kForwardOverhead);
+    const usbip_forward forward{MakeMessageHead(kUsbipForward, message->GetSize()), devid,
                                 static_cast<std::uint32_t>(size), rawsize};
     auto* bytes = static_cast<char*>(message->GetPointer());
     std::memcpy(bytes, &forward, sizeof forward);
-    std::memcpy(bytes + sizeof forward, data, size);
     std::memset(bytes + sizeof forward + size, 0, kForwardFiller);
     m_sendQueue.push(message);
 }
@@ -143,16 +135,22 @@ void UsbipClientPlugin::OnUsbipPacket(unsigned int devid, const char* data, unsi
                  devid);
         return;
     }
-    if (!m_bCompress || len <= kCompressThreshold) {
-        QueueForward(devid, data, len, 0);
-        return;
+    const bool compressed = m_bCompress && len > kCompressThreshold;
+    const unsigned long room = compressed ? compressBound(len) : len;
+    const CRefObj<IBuffer> message = NewMessage(room + kForwardOverhead);
+    if (!message) return;
+    auto* const area = static_cast<char*>(message->GetPointer()) + sizeof(usbip_forward);
+    unsigned long size = 0;
+    if (compressed) {
+        thread_local CDeflater deflater;  // each device has a thread of its own
+        size = deflater.Deflate({data, len}, {area, room});
     }
-    uLongf compressed_length = compressBound(len);
-    const ScratchArea scratch = make_scratch(compressed_length);
-    if (!scratch) return;
-    compress2(scratch.get(), &compressed_length, reinterpret_cast<const Bytef*>(data), len,
-              Z_DEFAULT_COMPRESSION);
-    QueueForward(devid, scratch.get(), compressed_length, static_cast<std::uint32_t>(len));
+    if (size != 0) {
+        QueueForward(message.Get(), devid, size, static_cast<std::uint32_t>(len));
+    } else {  // too short, or no memory for zlib: it goes as it is
+        std::memcpy(area, data, len);
+        QueueForward(message.Get(), devid, len, 0);
+    }
 } catch (const std::bad_alloc&) {
     XJModLog(4, "[usbipclient] out of memory, PDU of device %u dropped", devid);
 }

@@ -1,6 +1,5 @@
 #include "plugin/USBIPClientPlugin.h"
 
-#include "base/MemAlloctor.h"
 #include "module/runtime/XJModLog.h"
 
 namespace {
@@ -14,8 +13,7 @@ constexpr unsigned long kSendWaitMs = 500;
 }  // namespace
 
 UsbipClientPlugin::UsbipClientPlugin()
-    : m_pAllocator(new CMemAlloctorEx<CMemBuffer>),
-      m_pSendThread(std::make_unique<CUsbipClientThread>()) {
+    : m_pAllocator(new CKeepingAlloctor), m_pSendThread(std::make_unique<CUsbipClientThread>()) {
     m_pSendThread->m_loop = [this] { return SendLoop(); };
     m_pSendThread->m_wake = [this] { m_sendQueue.wake(); };
     m_pSendThread->SetThreadName("usbipclient-send");
@@ -154,7 +152,10 @@ bool UsbipClientPlugin::WriteMessage(const void* data, unsigned long size) {
 
 bool UsbipClientPlugin::SendLoop() {
     CRefObj<IBuffer> message;
-    if (!m_sendQueue.pop(message, kSendWaitMs) || !message) return true;
+    if (!m_sendQueue.pop(message, kSendWaitMs)) {
+        m_pAllocator->GiveBack();  // for some time nobody has asked the devices for anything
+        return true;
+    }
     const auto* bytes = static_cast<const unsigned char*>(message->GetPointer());
     // Of a stream that has ended nothing else is to be expected.
     if (!WriteMessage(bytes, message->GetSize()) && !m_bStreamEnded) {

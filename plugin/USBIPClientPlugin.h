@@ -11,6 +11,7 @@
 
 #include "base/BaseThread.h"
 #include "base/Buffer.h"
+#include "base/KeepingAlloctor.h"
 #include "base/Lock.h"
 #include "base/SemQueue.h"
 #include "client/IClientUsbipListenter.h"
@@ -64,8 +65,9 @@ class UsbipClientPlugin : public CUsbipMessageSeparation,
     bool WriteMessage(const void* data, unsigned long size) EXCLUDES(m_writeLock);
     // A buffer of exactly `size` bytes in use; empty, with a log line, when there is none.
     CRefObj<IBuffer> NewMessage(unsigned long size);
-    // Queues a forward message. `rawsize`: see usbip_forward.
-    void QueueForward(unsigned int devid, const void* data, unsigned long size,
+    // Queues a forward message, whose `size` bytes of data stand in it. `rawsize`: see
+    // usbip_forward.
+    void QueueForward(IBuffer* message, unsigned int devid, unsigned long size,
                       std::uint32_t rawsize);
 
     CRefObj<IUsbipClient> FindDevice(unsigned int devid) EXCLUDES(m_devicesLock);
@@ -73,7 +75,7 @@ class UsbipClientPlugin : public CUsbipMessageSeparation,
     bool HasRoomFor(unsigned int devid) EXCLUDES(m_devicesLock);
 
     // Constant after construction.
-    const CRefObj<IMemAlloctor> m_pAllocator;
+    const CRefObj<CKeepingAlloctor> m_pAllocator;
 
     // Set by InitInstance, constant while Run or the send thread is active.
     CRefObj<IPluginStreamRaw> m_pStream;

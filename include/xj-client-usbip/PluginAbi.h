@@ -64,7 +64,9 @@ class IPluginRaw : public IAutoConfigRaw {
     //   From     no callback
     virtual long InitInstance(IPluginStreamRaw* stream) = 0;
 
-    // Reads the stream and serves it until a Read fails. Returns 1.
+    // Reads the stream and serves it until a Read fails. Returns 1. Up to 32 MiB of memory that
+    // messages took are kept for the next ones, until for half a second there is none to write; the
+    // settings of the process's heap are left alone.
     //   When     after InitInstance, one at a time; again after it has returned, which drops what
     //            the Run before has left unsent
     //   Thread   one of the host's own, which it keeps
