@@ -93,7 +93,7 @@ TEST_F(PduTest, WarnsAboveManyUnansweredOutTransfers) {
 // --- peer to kernel ---
 
 TEST_F(PduTest, PassesRepliesThatFitTheirCommand) {
-    const auto kernel = Map(5);
+    const auto kernel = Map(5), other = Map(1);
     const std::vector<IsoPacket> asked = {{0, 64, 0}, {64, 64, 0}};
     const std::vector<IsoPacket> packed = {{0, 64, 10}, {10, 64, 20}};
     for (const std::string& command :
@@ -112,6 +112,7 @@ TEST_F(PduTest, PassesRepliesThatFitTheirCommand) {
     };
     for (const std::string& reply : replies)
         Reply(reply);
+    EXPECT_TRUE(Works(1, *other)) << "while there is no room for the large one";
     for (const std::string& reply : replies)
         EXPECT_TRUE(kernel->Receive(reply.size()) == reply) << reply.substr(0, 48);
     Reply(SubmitReply(11, 4));  // its command has been answered: data is missing now
