@@ -7,8 +7,8 @@ check_pie_supported()
 if(NOT XJ_SANITIZE)
     add_compile_options(-fstack-protector-strong -fstack-clash-protection)
     # Checks what memory and format functions are asked for; needs optimisation.
-    add_compile_options($<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
-                        $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=3>)
+    add_compile_options("$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE>"
+                        "$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-D_FORTIFY_SOURCE=3>")
     add_link_options(LINKER:-z,relro,-z,now,-z,noexecstack)
     if(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
         # Signed return addresses, and landing pads for indirect branches. A processor enforces the

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "host/ModuleFile.h"
 #include "posix/CommandLine.h"
 
 namespace host {
@@ -62,9 +63,9 @@ std::optional<int> ParseCommandLine(int argc, const char* const* argv, Options& 
                   "side answers; devices are detached meanwhile")
         ->group("Behaviour");
 
-    options.module = XJ_DEFAULT_MODULE;
+    options.module = FindModule();
     line.add_option("--module", options.module, "the module's file")
-        ->option_text("PATH [" XJ_DEFAULT_MODULE "]")
+        ->option_text("PATH [" + options.module + "]")
         ->group("Module");
     std::vector<int> levels{1, 4};
     line.add_option("--log-level", levels,

@@ -1,0 +1,33 @@
+# What installs, and how other projects find it: the CMake package and the .pc file name everything
+# relative to themselves, so that the installed tree can be moved.
+include(CMakePackageConfigHelpers)
+
+# Hosts load the module at run time: they compile against the headers, and ask the other target, or
+# the .pc file, where its file is.
+add_library(xj-client-usbip-headers INTERFACE)
+target_include_directories(xj-client-usbip-headers INTERFACE
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+target_compile_features(xj-client-usbip-headers INTERFACE cxx_std_17)
+set_target_properties(xj-client-usbip-headers PROPERTIES EXPORT_NAME headers)
+set_target_properties(xj-client-usbip PROPERTIES EXPORT_NAME module)
+add_library(xj-client-usbip::headers ALIAS xj-client-usbip-headers)
+add_library(xj-client-usbip::module ALIAS xj-client-usbip)
+
+install(TARGETS xj-client-usbip EXPORT xj-client-usbip
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT module)
+install(TARGETS xj-client-usbip-headers EXPORT xj-client-usbip)
+install(DIRECTORY include/xj-client-usbip DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+    COMPONENT development)
+
+set(package ${CMAKE_INSTALL_LIBDIR}/cmake/xj-client-usbip)
+install(EXPORT xj-client-usbip FILE xj-client-usbip-config.cmake NAMESPACE xj-client-usbip::
+    DESTINATION ${package} COMPONENT development)
+write_basic_package_version_file(xj-client-usbip-config-version.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/xj-client-usbip-config-version.cmake
+    DESTINATION ${package} COMPONENT development)
+
+file(RELATIVE_PATH XJ_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+configure_file(cmake/xj-client-usbip.pc.in xj-client-usbip.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/xj-client-usbip.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
