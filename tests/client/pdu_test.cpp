@@ -79,6 +79,7 @@ TEST_F(PduTest, WarnsAboveManyUnansweredOutTransfers) {
         Reply(pdu);
         EXPECT_EQ(kernel->Receive(pdu.size()), pdu);
     };
+    command(SubmitIn(2000, 1), 0);  // does not count
     for (std::uint32_t i = 0; i < 258; ++i)
         command(SubmitOut(i, "x"), i < 257 ? 0 : 1);
     answer(SubmitReply(257, 1));  // recorded all the same: 48 bytes, no data
@@ -98,7 +99,8 @@ TEST_F(PduTest, PassesRepliesThatFitTheirCommand) {
     const std::vector<IsoPacket> packed = {{0, 64, 10}, {10, 64, 20}};
     for (const std::string& command :
          {SubmitOut(10, "data"), WithPackets(SubmitOut(11, std::string(128, 'x')), asked),
-          WithPackets(SubmitIn(12, 128), asked), SubmitIn(13, 1 << 20)}) {
+          WithPackets(SubmitIn(12, 128), asked), SubmitOut(13, "data"),
+          SubmitIn(13, 1 << 20)}) {  // the number comes again: what counts is the later one
         kernel->Send(command);
         ExpectForwarded(5, command);
     }
@@ -124,12 +126,14 @@ TEST_F(PduTest, ALieEndsItsDeviceAlone) {
     const std::string packets = WithPackets(SubmitReply(7, 8, "12345678"), {{250, 8, 8}});
     const std::string lies[] = {SubmitReply(7, 257, std::string(257, 'x')),
                                 UnlinkReply(1) + packets,
+                                WithPackets(SubmitReply(7, 129, std::string(129, 'x')),
+                                            {{0, 128, 129}}),  // more than was asked of a packet
                                 WithPackets(SubmitReply(8, 0), {{0, 0, 0}}),  // not submitted yet
                                 SubmitReply(8, 48, UnlinkReply(1))};
     for (const std::string& lie : lies) {
         host.runtime.Forget();
         const auto kernel = Map(5);
-        const std::string command = WithPackets(SubmitIn(7, 256), {{0, 256, 0}});
+        const std::string command = WithPackets(SubmitIn(7, 256), {{0, 128, 0}, {128, 128, 0}});
         kernel->Send(command);
         ExpectForwarded(5, command);
         Reply(lie + UnlinkReply(2));

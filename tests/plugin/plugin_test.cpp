@@ -55,16 +55,19 @@ TEST_F(PluginTest, EachExitStopsWhatThereIsInOrder) {
 }
 
 TEST_F(PluginTest, ExitInstanceEndsAtOnceAndRunsAgainWithANewStream) {
+    auto& listener = dynamic_cast<IClientUsbipListenter&>(*host.plugin);
     long fastest = LONG_MAX;
     for (int run = 0; run < 3; ++run) {
+        listener.OnUsbipDeviceError(8);
+        EXPECT_EQ(NextMessage(), UnmapMessage(8)) << "the send thread is there";
         const Stopwatch watch;
-        Handle(VersionRequest(0));
         host.plugin->ExitInstance();  // also while the stream is read
         fastest = std::min(fastest, watch.Milliseconds());
         host.EndRun();
         host.stream = new FakeStream;
-        dynamic_cast<IClientUsbipListenter&>(*host.plugin).OnUsbipDeviceError(9);
+        listener.OnUsbipDeviceError(9);
         host.Start();
+        Handle("");
     }
     EXPECT_LT(fastest, 90) << "below any pause or time-out";
     Map(1)->Send(Unlink(3));
