@@ -75,8 +75,10 @@ int connected_to(const char* host, const char* port) {
     int result = -1;
     for (const addrinfo* next = found; next != nullptr && result < 0; next = next->ai_next) {
         const int fd = socket(next->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (connect(fd, next->ai_addr, next->ai_addrlen) == 0) result = fd;
-        else if (fd >= 0) close(fd);
+        if (connect(fd, next->ai_addr, next->ai_addrlen) == 0)
+            result = fd;
+        else if (fd >= 0)
+            close(fd);
     }
     freeaddrinfo(found);
     const timeval patience{2, 0};  // a remote side that stops reading must not keep us from ending
@@ -101,7 +103,7 @@ void serve(IClientUsbipPlugin& plugin, Stream& stream, const sigset_t& stops) {
     plugin.ExitInstance();  // while the stream still takes the devices' last messages
     stream.End();           // Run returns
     run.join();
-    plugin.ExitInstance();          // also what was mapped meanwhile
+    plugin.ExitInstance();         // also what was mapped meanwhile
     plugin.InitInstance(nullptr);  // gives the stream back
 }
 
@@ -117,7 +119,8 @@ int main(int argc, char** argv) {
 
     void* const library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) return fail(dlerror());
-    const auto get = reinterpret_cast<xjmod_get_entrypoint_fn>(dlsym(library, "xjmod_get_entrypoint"));
+    const auto get =
+        reinterpret_cast<xjmod_get_entrypoint_fn>(dlsym(library, "xjmod_get_entrypoint"));
     const xjmod_entrypoint* const module = get != nullptr ? get() : nullptr;
     Runtime runtime;
     if (module == nullptr || module->version >> 48 != kModuleVersion >> 48 ||

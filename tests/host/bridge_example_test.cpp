@@ -39,8 +39,8 @@ TEST(BridgeExample, LendsADeviceOfAServerUntilThatLeaves) {
     const auto kernel = controller.WaitForAttach();
     ASSERT_TRUE(kernel);
     EXPECT_TRUE(kernel->request.ends_with(" 196615 2")) << kernel->request;
-    // In another order, and the number of a command that was given up comes again: whether an answer
-    // has data is told by its command.
+    // In another order, and the number of a command that was given up comes again: whether an
+    // answer has data is told by its command.
     const std::pair<std::string, std::string> exchanges[] = {
         {SubmitIn(1, 8) + SubmitOut(2, "output") +
              WithPackets(SubmitIn(3, 8), {{0, 4, 0}, {4, 4, 0}}) + SubmitIn(4, 8) + Unlink(5, 4),
