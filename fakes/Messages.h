@@ -18,9 +18,8 @@ std::string Bytes(const T& record) {
 // "0C 00 FF" as bytes.
 inline std::string FromHex(std::string_view text) {
     std::string bytes;
-    for (std::size_t i = 0; i + 1 < text.size(); i += 3) {
+    for (std::size_t i = 0; i + 1 < text.size(); i += 3)
         bytes.push_back(static_cast<char>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
-    }
     return bytes;
 }
 

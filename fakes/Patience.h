@@ -13,7 +13,6 @@
 #include <filesystem>
 #include <iterator>
 #include <mutex>
-#include <string>
 
 // The bound of every wait for something that has to happen. Only a failing test ever waits so
 // long, so it is sized for the slowest setting: emulated, sanitized, on a busy machine.

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <ctime>
 #include <string>
-#include <utility>
 
 #include "abi/frozen/HostInterfaces.h"
 
