@@ -87,7 +87,7 @@ void MemoryUnderHostileInput() {
         host.Receive(ForwardMessage(1, Deflated(UnlinkReply(1)), kMaxRawSize));
     });
     const std::string bomb = CompressedForward(1, std::string(kMaxRawSize, '\0'));
-    Memory("zlib stream of 256 MiB", (2 * kMaxRawSize >> 10) + 4096,
+    Memory("zlib stream of 256 MiB", (kMaxRawSize >> 10) + 4096,
            [&](FakeHost& host, KernelEnd&) { host.Receive(bomb); });
     Memory("PDU of 256 MiB claimed by the kernel, 1 byte sent", (kUsbipMaxPdu >> 10) + 1024,
            [](FakeHost&, KernelEnd& kernel) {
@@ -95,13 +95,18 @@ void MemoryUnderHostileInput() {
                command.u.cmd_submit.transfer_buffer_length = htobe32(kUsbipMaxPdu - sizeof command);
                Require(kernel.Send(Bytes(command) + "x"), "the kernel can send");
            });
-    Memory("20,000 PDUs of 48 bytes for a kernel that does not read", kCount / 2,
-           [](FakeHost& host, KernelEnd&) {
-               for (std::uint32_t i = 0; i < kCount; ++i) {
-                   host.Receive(ForwardMessage(1, UnlinkReply(i)));
-                   if (i % 100 == 0) Require(host.stream->WaitUntilDrained(), "they are read");
-               }
-           });
+    const std::string small = Deflated(UnlinkReply(1));
+    for (const bool claimed : {false, true}) {
+        Memory(claimed ? "the same, each in a zlib stream with a rawsize of 64 KiB"
+                       : "20,000 PDUs of 48 bytes for a kernel that does not read",
+               kCount / 2, [&](FakeHost& host, KernelEnd&) {
+                   for (std::uint32_t i = 0; i < kCount; ++i) {
+                       host.Receive(claimed ? ForwardMessage(1, small, 1 << 16)
+                                            : ForwardMessage(1, UnlinkReply(i)));
+                       if (i % 100 == 0) Require(host.stream->WaitUntilDrained(), "they are read");
+                   }
+               });
+    }
     const std::string forward = CompressedForward(1, PeerPduOfZeros(1 << 20));
     Memory("2,000 PDUs of 1 MiB in a stream of 2 MiB, unread", (64 + 6) << 10,
            [&](FakeHost& host, KernelEnd&) {
@@ -110,11 +115,42 @@ void MemoryUnderHostileInput() {
                    Require(host.stream->WaitUntilDrained(), "they are read");
                }
            });
+    Memory("100 PDUs of 1 MiB for a device that has ended", 4096,
+           [&](FakeHost& host, KernelEnd& kernel) {
+               kernel.StopSending();
+               const LogLine end{1, "[CUsbipClientLinux] 1 write thread prepare quit"};
+               Require(host.runtime.WaitForLine(end), "the device ends");
+               for (int i = 0; i < 100; ++i)
+                   host.Receive(forward);
+           });
     Memory("20,000 OUT transfers that are never answered", kCount / 2,
            [](FakeHost&, KernelEnd& kernel) {
                for (std::uint32_t i = 0; i < kCount; ++i)
                    Require(kernel.Send(SubmitOut(i, "")), "the kernel can send");
            });
+}
+
+// What messages took is kept for the next ones, a part of it, and not for ever.
+void MemoryKept() {
+    constexpr long kMebibyte = 1 << 20;
+    const auto in_use = [] {
+        const auto heap = mallinfo2();
+        return static_cast<long>(heap.uordblks + heap.hblkhd);
+    };
+    Bench rig;
+    const auto kernel = rig.Map(1);
+    rig.RoundTrip(1, *kernel);
+    const std::string pdu = PeerPduOfZeros(kMebibyte), forward = CompressedForward(1, pdu);
+    const long before = in_use();
+    for (int i = 0; i < 60; ++i)
+        rig.host.Receive(forward);
+    Require(rig.host.stream->WaitUntilDrained(), "they are read");
+    for (int i = 0; i < 60; ++i)
+        Require(kernel->Receive(pdu.size()).size() == pdu.size(), "they are written");
+    Row("kept of 60 PDUs of 1 MiB when they have been written", (in_use() - before) >> 10, "KiB",
+        36 << 10);
+    Eventually([&] { return in_use() - before < kMebibyte; });
+    Row("  soon afterwards", (in_use() - before) >> 10, "KiB", 1024);
 }
 
 // A remote side that maps and maps: half of the devices at super speed, so that there are ports.
@@ -257,6 +293,7 @@ void Growth(unsigned long cycles) {
 int main(int argc, char** argv) {
     mallopt(M_ARENA_MAX, 1);  // of which mallinfo2 tells
     MemoryUnderHostileInput();
+    MemoryKept();
     DevicesAndEnds();
     Stalls(0);
     Stalls(200);
