@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Holds the documents to what they speak of: links lead to files, and the lines by which
-# docs/troubleshooting.md is keyed are in the sources.
+# docs/troubleshooting.md and docs/integrate.md are keyed are in the sources.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bad=0
@@ -16,6 +16,7 @@ while IFS= read -r key; do
     keys=$((keys + 1))
     [ "$key" != "Connection refused" ] || continue  # the system's own words
     grep -rqF -- "$key" host remote posix client vhci plugin module || { echo "nobody says: '$key'"; bad=1; }
-done < <(grep '^| `' docs/troubleshooting.md | cut -d'|' -f2 | awk -F'`' '{ for (i = 2; i <= NF; i += 2) print $i }')
+done < <(sed -n 's/^| \(`[^|]*\)|.*/\1/p' docs/troubleshooting.md docs/integrate.md |
+    awk -F'`' '{ for (i = 2; i <= NF; i += 2) print $i }' | sed 's/…/\n/g' | grep '[a-z]')
 [ "$keys" -gt 20 ] || { echo "only $keys lines found"; bad=1; }
 exit "$bad"
