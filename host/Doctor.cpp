@@ -18,17 +18,6 @@ namespace {
 
 constexpr int kMostControllers = 128;  // the most that CONFIG_USBIP_VHCI_NR_HCS can be set to
 
-struct HubPorts {
-    int free = 0;
-    int used = 0;
-};
-
-struct PortCount {
-    HubPorts high_speed;
-    HubPorts super_speed;
-    int malformed = 0;  // lines that say nothing sensible
-};
-
 // As the module judges it: what it refuses is malformed, what it may choose is free.
 void count_line(const std::string& line, PortCount& count) {
     const VhciPortLine port = ParseVhciPortLine(line);
@@ -62,73 +51,100 @@ std::string user_name() {
     return entry != nullptr ? entry->pw_name : "user " + std::to_string(::geteuid());
 }
 
-bool report_permission(std::ostream& out, const std::string& attach) {
-    out << "Permission  ";
-    if (::faccessat(AT_FDCWD, attach.c_str(), W_OK, AT_EACCESS) == 0) {
-        out << user_name() << " may write " << attach << '\n';
-        return true;
+void report_permission(const Examination& found, std::ostream& out) {
+    const std::string attach = found.driver + "/attach";
+    out << "Permission  " << found.user;
+    if (found.attach_error == 0) {
+        out << " may write " << attach << '\n';
+        return;
     }
-    const int failure = errno;
-    out << user_name() << " may not write " << attach << ": " << std::strerror(failure) << '\n';
-    if (failure == EACCES) out << "            Run the host as root, for example with sudo.\n";
-    return false;
+    out << " may not write " << attach << ": " << std::strerror(found.attach_error) << '\n';
+    if (found.attach_error == EACCES) {
+        out << "            Run the host as root, for example with sudo.\n";
+    }
 }
 
-bool report_ports(std::ostream& out, const std::string& driver) {
-    const auto count = count_ports(driver);
-    if (!count) {
-        out << "Ports       " << driver << "/status cannot be read\n";
-        return false;
+void report_ports(const Examination& found, std::ostream& out) {
+    if (!found.ports) {
+        out << "Ports       " << found.driver << "/status cannot be read\n";
+        return;
     }
     const auto show = [&out](const char* label, const HubPorts& ports) {
         out << label << ports.free << " free, " << ports.used << " in use\n";
+        return ports.free == 0;
     };
-    show("Ports       high speed and slower (hs): ", count->high_speed);
-    show("            super speed (ss): ", count->super_speed);
-    if (count->malformed != 0) {
-        out << "            " << count->malformed
+    const bool full = show("Ports       high speed and slower (hs): ", found.ports->high_speed) &
+                      show("            super speed (ss): ", found.ports->super_speed);
+    if (found.ports->malformed != 0) {
+        out << "            " << found.ports->malformed
             << " status line(s) not understood: this kernel's "
             << "driver speaks another format\n";
-        return false;
-    }
-    if (count->high_speed.free + count->super_speed.free == 0) {
+    } else if (full) {
         out << "            No port is free: detach something first.\n";
-        return false;
     }
-    return true;
 }
 
-void report_records(std::ostream& out, const std::string& directory) {
-    const bool exists = std::filesystem::is_directory(directory);
-    const std::string place =
-        exists ? directory : std::filesystem::path(directory).parent_path().string();
-    const bool writable = ::faccessat(AT_FDCWD, place.c_str(), W_OK, AT_EACCESS) == 0;
-    out << "Records     " << directory << (exists ? " is" : " is not there and can")
-        << (writable ? (exists ? " writable" : " be created")
-                     : (exists ? " not writable" : "not be created"));
-    if (!writable) out << "; devices attach all the same, only `usbip port` will not name them";
+void report_records(const Examination& found, std::ostream& out) {
+    const bool exists = found.records_exist;
+    out << "Records     " << found.records << (exists ? " is" : " is not there and can")
+        << (found.records_writable ? (exists ? " writable" : " be created")
+                                   : (exists ? " not writable" : "not be created"));
+    if (!found.records_writable) {
+        out << "; devices attach all the same, only `usbip port` will not name them";
+    }
     out << '\n';
+}
+
+bool may_write(const std::string& path) {
+    return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0;
 }
 
 }  // namespace
 
-bool Doctor(std::ostream& out, const std::string& sysfs, const std::string& record_directory) {
-    const std::string driver = sysfs + "/devices/platform/vhci_hcd.0";
-    bool able = std::filesystem::is_directory(driver);
-    if (able) {
-        out << "Driver      vhci_hcd is loaded: " << driver << '\n';
-        able = report_permission(out, driver + "/attach");
-        able = report_ports(out, driver) && able;
-        report_records(out, record_directory);
+bool Examination::CanAttach(HubPorts PortCount::*hub) const {
+    return loaded && attach_error == 0 && ports && ports->malformed == 0 &&
+           ((*ports).*hub).free > 0;
+}
+
+Examination Examine(const std::string& sysfs, const std::string& record_directory) {
+    Examination found;
+    found.driver = sysfs + "/devices/platform/vhci_hcd.0";
+    found.user = user_name();
+    found.records = record_directory;
+    std::error_code none;
+    found.loaded = std::filesystem::is_directory(found.driver, none);
+    if (!found.loaded) return found;
+    if (!may_write(found.driver + "/attach")) found.attach_error = errno;
+    found.ports = count_ports(found.driver);
+    found.records_exist = std::filesystem::is_directory(record_directory, none);
+    found.records_writable = may_write(
+        found.records_exist ? record_directory
+                            : std::filesystem::path(record_directory).parent_path().string());
+    return found;
+}
+
+void Report(const Examination& found, std::ostream& out) {
+    if (found.loaded) {
+        out << "Driver      vhci_hcd is loaded: " << found.driver << '\n';
+        report_permission(found, out);
+        report_ports(found, out);
+        report_records(found, out);
     } else {
-        out << "Driver      vhci_hcd is not loaded: there is no " << driver << '\n'
+        out << "Driver      vhci_hcd is not loaded: there is no " << found.driver << '\n'
             << "            Load it with: sudo modprobe vhci-hcd\n"
             << "            If there is no such module, this kernel was built without\n"
             << "            CONFIG_USBIP_VHCI_HCD; install one that has it.\n";
     }
-    out << (able ? "This machine can attach remote USB devices.\n"
-                 : "This machine cannot attach remote USB devices.\n");
-    return able;
+    const char* verdict = "cannot attach remote USB devices.";
+    if (found.CanAttach()) {
+        verdict = "can attach remote USB devices.";
+        if (!found.CanAttach(&PortCount::high_speed)) {
+            verdict = "can attach remote USB devices of super speed, but no slower ones.";
+        } else if (!found.CanAttach(&PortCount::super_speed)) {
+            verdict = "can attach remote USB devices of high speed and slower, but no faster ones.";
+        }
+    }
+    out << "This machine " << verdict << '\n';
 }
 
 }  // namespace host

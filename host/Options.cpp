@@ -33,8 +33,8 @@ constexpr char kExamples[] =
     "Exit status: 0 after SIGINT or SIGTERM, with every device detached; 1 when the stream could\n"
     "not be opened or was lost, or the remote side serves another host; 2 for a mistake on the\n"
     "command line; 3 when whoever answers is no remote side, or nobody does: within 10 s, but a\n"
-    "command has two minutes, since it may wait for a password. --reconnect goes on after 3 only\n"
-    "if there was a remote side before.";
+    "command has two minutes, since it may wait for a password; 4 when this machine cannot attach\n"
+    "any device. --reconnect goes on after 3 only if there was a remote side before.";
 
 }  // namespace
 
@@ -62,6 +62,9 @@ std::optional<int> ParseCommandLine(int argc, const char* const* argv, Options& 
                   "opened, after a second, or up to 30 while no remote\n"
                   "side answers; devices are detached meanwhile")
         ->group("Behaviour");
+    bool unchecked = false;
+    line.add_flag("--no-check", unchecked, "connect although this machine cannot attach any device")
+        ->group("Behaviour");
 
     options.module = FindModule();
     line.add_option("--module", options.module, "the module's file")
@@ -76,12 +79,13 @@ std::optional<int> ParseCommandLine(int argc, const char* const* argv, Options& 
         ->check(CLI::IsMember({1, 4, 8}))
         ->group("Module");
 
-    const auto* doctor =
-        line.add_subcommand("doctor", "Say whether this machine can attach devices.");
+    auto* doctor = line.add_subcommand("doctor", "Say whether this machine can attach devices.");
+    doctor->add_flag("--json", options.json, "for programs; docs/json.md says what it holds");
     const auto status = line.Parse(argc, argv, [&] {
         options.doctor = doctor->parsed();
         if (!options.doctor) posix::CommandLine::RequireOneOf({connect, exec});
     });
+    options.check = !unchecked;
     options.log_levels = {levels.begin(), levels.end()};
     return status;
 }

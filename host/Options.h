@@ -10,7 +10,9 @@
 namespace host {
 
 struct Options {
-    bool doctor = false;  // only look at this machine; the rest is then unused
+    bool doctor = false;  // only look at this machine; the rest is then unused, but for `json`
+    bool json = false;
+    bool check = true;  // look at this machine first
     std::string module;
     std::set<int> log_levels;
     Target target;

@@ -1,7 +1,11 @@
-# about: `xj-usbip-host doctor` sees the real driver and its ports, and says when it is missing
+# about: `xj-usbip-host doctor` sees the real driver and its ports, and says when it is missing; so does the host
 "$HOST_PROGRAM" doctor | tee "$LOG_DIR/doctor.log"
 grep -q '120 free, 0 in use' "$LOG_DIR/doctor.log" || fail "doctor counts other ports"
 rmmod vhci_hcd
 if "$HOST_PROGRAM" doctor; then fail "doctor sees a driver that is not loaded"; fi
+ended_with=0
+"$HOST_PROGRAM" --module "$MODULE" --connect 127.0.0.1:1 2>"$LOG_DIR/unfit.log" || ended_with=$?
+expect_same "exit status of a host without the driver" 4 "$ended_with"
+grep -q 'sudo modprobe vhci-hcd' "$LOG_DIR/unfit.log" || fail "the host does not say what to do"
 modprobe vhci-hcd
 "$HOST_PROGRAM" doctor || fail "doctor does not see the driver again"
