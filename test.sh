@@ -44,7 +44,7 @@ build() { # PRESET
 cmake/packages.sh
 build release
 if [ "$quick" = yes ]; then
-    run_tests release -LE 'vm|tidy|stress|packages' -j "$(nproc)"
+    run_tests release -LE 'vm|tidy|stress' -j "$(nproc)"
 else
     for preset in asan tsan; do build "$preset"; done
     run_tests release -LE vm -j "$(nproc)"
