@@ -1,5 +1,4 @@
-# Debian packages of what installs: `cpack` in the build folder makes them. What depends on the
-# machine or the moment is kept out, so that the same source gives the same bytes.
+# Debian packages of what installs: `cpack` in the build folder makes them.
 find_program(GZIP gzip REQUIRED)
 # packed(SOURCE FOLDER NAME COMPONENT): installs it compressed.
 function(packed source folder name component)
