@@ -27,7 +27,8 @@ write_basic_package_version_file(xj-client-usbip-config-version.cmake
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/xj-client-usbip-config-version.cmake
     DESTINATION ${package} COMPONENT development)
 
-file(RELATIVE_PATH XJ_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+# Among the data: it says the same for every architecture.
+file(RELATIVE_PATH XJ_TO_PREFIX ${CMAKE_INSTALL_FULL_DATADIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/xj-client-usbip.pc.in xj-client-usbip.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/xj-client-usbip.pc
-    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgconfig COMPONENT development)
