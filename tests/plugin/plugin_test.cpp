@@ -60,6 +60,7 @@ TEST_F(PluginTest, ExitInstanceEndsAtOnceAndRunsAgainWithANewStream) {
     for (int run = 0; run < 3; ++run) {
         listener.OnUsbipDeviceError(8);
         EXPECT_EQ(NextMessage(), UnmapMessage(8)) << "the send thread is there";
+        usleep(20'000);  // in which it goes back to waiting
         const Stopwatch watch;
         host.plugin->ExitInstance();  // also while the stream is read
         fastest = std::min(fastest, watch.Milliseconds());
