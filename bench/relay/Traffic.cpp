@@ -52,7 +52,7 @@ void Traffic::Kernel(std::uint32_t count) {
             if (polled.size() > 1 && polled[device].revents == 0) continue;
             const std::uint32_t got = KernelReceives(device);
             const std::uint32_t next = std::min(got, unsent[device]);
-            if (cell_.window == 1) {
+            if (cell_.window == 1 && got != 0) {
                 const auto now = std::chrono::steady_clock::now();
                 round_trips_.push_back(std::chrono::duration<double>(now - sent).count());
                 sent = now;
