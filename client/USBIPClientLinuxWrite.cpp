@@ -64,15 +64,13 @@ bool CUsbipClientLinux::NothingWaits() {
 // Spares waking the write thread for what the kernel's end has room for. False: what is left is the
 // write thread's, and so is any failure.
 bool CUsbipClientLinux::WriteAtOnce(CForwarded& forwarded) {
-    if (!m_clientEnd.Visit()) return false;
-    Check(forwarded);
-    if (forwarded.verdict == Verdict::kGood) {
-        const ssize_t written = send(m_clientEnd.Get(), forwarded.bytes.data(),
-                                     forwarded.bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        forwarded.bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
-    }
+    Check(forwarded);  // before the visit, which nothing thrown may leave open
+    if (forwarded.verdict != Verdict::kGood || !m_clientEnd.Visit()) return false;
+    const ssize_t written = send(m_clientEnd.Get(), forwarded.bytes.data(), forwarded.bytes.size(),
+                                 MSG_NOSIGNAL | MSG_DONTWAIT);
     m_clientEnd.Leave(CSharedEnd::kVisitor);
-    return forwarded.verdict == Verdict::kGood && forwarded.bytes.empty();
+    forwarded.bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
+    return forwarded.bytes.empty();
 }
 
 bool CUsbipClientLinux::Accepts(unsigned long len) {

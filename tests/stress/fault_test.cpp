@@ -114,7 +114,9 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
 TEST_F(FaultTest, EachAllocationMayFail) {
     if (kSanitized) GTEST_SKIP() << "allocations are the sanitizer's";
     const auto fault = [&] {
-        host.Receive(VersionRequest(1) + map_two + CompressedForward(2, PeerPdu(kPeerSeq, 5000)));
+        // The last one is refused, with a log line, by the thread that brings it.
+        host.Receive(VersionRequest(1) + map_two + CompressedForward(2, PeerPdu(kPeerSeq, 5000)) +
+                     ForwardMessage(2, Unlink(1) + std::string(40'000, 'x')));
         std::list<std::unique_ptr<KernelEnd>> kernels;
         EXPECT_TRUE(Eventually([&] {
             kernels = controller.Attached();
