@@ -2,6 +2,7 @@
 // end.
 #include <csignal>
 
+#include "client/SharedEnd.h"
 #include "plugin/PluginTest.h"
 
 namespace {
@@ -41,6 +42,27 @@ TEST_F(DeviceTest, AnUnmapIsPromptAndGivesEverythingBack) {
         EXPECT_LT(fastest, 300) << "below one poll period";
     }
     EXPECT_TRUE(Works(1, *other));
+}
+
+// As when a device ends while a reply is being written at once.
+TEST(SharedEnd, IsClosedByTheLastToLeave) {
+    const Ledger ledger;
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    CSharedEnd end;
+    EXPECT_FALSE(end.Visit()) << "not open yet";
+    end.Open(ends[0]);
+    EXPECT_TRUE(end.Visit());
+    end.Shutdown();
+    end.Leave(CSharedEnd::kReader | CSharedEnd::kWriter);
+    EXPECT_EQ(fcntl(end.Get(), F_GETFD), 0) << "somebody writes";
+    end.Leave(CSharedEnd::kVisitor);
+    EXPECT_EQ(dup(ends[1]), ends[0]) << "the number is free";
+    end.Leave(CSharedEnd::kVisitor);
+    EXPECT_EQ(close(ends[0]), 0) << "the number's new owner has it still";
+    EXPECT_FALSE(end.Visit());
+    close(ends[1]);
+    EXPECT_TRUE(ledger.Balanced());
 }
 
 TEST_F(DeviceTest, TheKernelsEndEndsItOnce) {
