@@ -1,0 +1,45 @@
+// The devices that are mapped through a tap.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+
+#include "kit/Followed.h"
+#include "xj-client-usbip/kit/Tap.h"
+
+namespace xj_usbip {
+
+// Any thread.
+class Tap::Devices {
+  public:
+    std::shared_ptr<Followed> Find(std::uint32_t id) const {
+        const std::lock_guard lock(mutex_);
+        const auto found = devices_.find(id);
+        return found == devices_.end() ? nullptr : found->second;
+    }
+    bool Full() const {
+        const std::lock_guard lock(mutex_);
+        return devices_.size() >= kMostDevices;
+    }
+    void Add(const RemoteDevice& device) {
+        auto followed = std::make_shared<Followed>(device);
+        const std::lock_guard lock(mutex_);
+        devices_[device.id] = std::move(followed);
+    }
+    // False: there is none.
+    bool Remove(std::uint32_t id) {
+        const std::lock_guard lock(mutex_);
+        return devices_.erase(id) != 0;
+    }
+
+    // How much data of each PDU is to be shown; kNone: PDUs are not.
+    static constexpr std::size_t kNone = SIZE_MAX;
+    std::atomic<std::size_t> shown{kNone};
+
+  private:
+    mutable std::mutex mutex_;
+    std::unordered_map<std::uint32_t, std::shared_ptr<Followed>> devices_;  // guarded by mutex_
+};
+
+}  // namespace xj_usbip
