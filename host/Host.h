@@ -25,8 +25,9 @@ class Backoff {
 inline constexpr std::chrono::seconds kLongestSilence{8};
 
 // Returns the exit status: 0 after a stop (see Wait.h), 1 when there is no module or no stream, 3
-// when there is somebody else instead of a remote side. Every device is detached and every thread
-// and child process gone when it returns.
+// when there is somebody else instead of a remote side, 4 when none of the devices that came could
+// be attached, 5 when all were refused. Every device is detached and every thread and child process
+// gone when it returns.
 int RunHost(const Options& options, int stop, std::chrono::milliseconds patience = kLongestSilence);
 
 }  // namespace host

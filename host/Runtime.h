@@ -1,28 +1,29 @@
 // The runtime that the host lends to the module: where its log lines go.
 #pragma once
 
+#include <functional>
 #include <set>
-#include <string>
 #include <string_view>
+#include <utility>
 
 #include "xj-client-usbip/HostAbi.h"
 
 namespace host {
 
-// Shows lines as "HH:MM:SS.mmm LEVEL text". Any thread may call.
+// Hands on the lines of the levels that are wanted. Any thread may call.
 class Runtime : public IXJModRuntime {
   public:
-    // Takes one line at a time, its newline included, on any thread. It must not wait for somebody
-    // to read the log: the module would wait, too.
-    using Writer = void (*)(std::string_view line);
+    // Takes one line, without its end, on any thread, one at a time. Some of the text is the remote
+    // side's (names of devices). It must not wait for somebody to read the log: the module would
+    // wait, too.
+    using Writer = std::function<void(int level, std::string_view text)>;
 
-    Runtime(std::set<int> shown_levels, Writer write)
-        : shown_levels_(std::move(shown_levels)), write_(write) {}
+    Runtime(std::set<int> levels, Writer write)
+        : levels_(std::move(levels)), write_(std::move(write)) {}
 
-    // A line of the host's own: always shown, with "host" in the place of a level.
-    void Say(const std::string& text) const;
-
-    void Log(int level, const char* text) override;
+    void Log(int level, const char* text) override {
+        if (levels_.contains(level)) write_(level, text);
+    }
     bool GetConfig(bool, const char*, const char*, IXJModData**, const char*) override {
         return false;
     }
@@ -30,9 +31,7 @@ class Runtime : public IXJModRuntime {
     void* GetEnv(const char*) override { return nullptr; }
 
   private:
-    void Show(const std::string& level, std::string_view text) const;
-
-    const std::set<int> shown_levels_;
+    const std::set<int> levels_;
     const Writer write_;
 };
 

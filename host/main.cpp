@@ -48,8 +48,9 @@ int main(int argc, char** argv) {
         if (const auto status = host::ParseCommandLine(argc, argv, options)) return *status;
         if (options.doctor) return examine(options.json);
         std::signal(SIGPIPE, SIG_IGN);  // whoever reads our log may leave before us
-        if (options.check && !fit_to_attach()) return kCannotAttach;
         const posix::UniqueFd stop = posix::TakeSignals({SIGINT, SIGTERM});
+        if (!options.question.command.empty()) return host::Ask(options.question, stop.Get());
+        if (options.check && !fit_to_attach()) return kCannotAttach;
         return host::RunHost(options, stop.Get());
     } catch (const std::exception& error) {
         std::cerr << "xj-usbip-host: " << error.what() << '\n';

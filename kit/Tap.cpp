@@ -9,7 +9,6 @@ namespace xj_usbip {
 
 Tap::Tap(IPluginStreamRaw* stream, ITapEvents& events)
     : stream_(stream),
-      events_(events),
       devices_(std::make_unique<Devices>()),
       sending_(std::make_unique<Sending>(*stream, events, *devices_)),
       reading_(std::make_unique<Reading>(*stream, events, *devices_, *sending_)) {}

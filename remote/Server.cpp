@@ -41,7 +41,7 @@ Server::Server(std::vector<std::unique_ptr<Device>> devices, bool compress, Cont
         slots_.push_back({.device = std::move(device), .number = ++number});
 }
 
-bool Server::Run(Listener& listener) {
+bool Server::Run(posix::Listener& listener) {
     return Loop(&listener) && DataSafe();
 }
 
@@ -56,7 +56,7 @@ bool Server::DataSafe() const {
                        [](const Slot& slot) { return slot.device->DataSafe(); });
 }
 
-bool Server::Loop(Listener* listener) {
+bool Server::Loop(posix::Listener* listener) {
     std::vector<pollfd> fds;
     for (;;) {
         if (session_ && session_->Over()) {
@@ -89,7 +89,11 @@ bool Server::Loop(Listener* listener) {
         if (session_) ServeSession(fds[3].revents, fds[4].revents);
         // Whoever comes when a host has left waits until the last that it sent is read.
         const bool leaving = (fds[3].revents & ~POLLIN) != 0 || (session_ && session_->Over());
-        if (fds[2].revents != 0 && !leaving && !quitting_) Welcome(listener->Accept());
+        if (fds[2].revents != 0 && !leaving && !quitting_) {
+            std::string error;
+            Welcome(listener->Accept(error));
+            if (!error.empty()) Log("%s", error.c_str());
+        }
     }
 }
 

@@ -12,10 +12,10 @@
 #include <string_view>
 #include <vector>
 
+#include "posix/Listener.h"
 #include "remote/channel/Session.h"
 #include "remote/channel/Slot.h"
 #include "remote/device/Device.h"
-#include "remote/io/Listener.h"
 
 namespace remote {
 
@@ -32,13 +32,13 @@ class Server {
 
     // Both serve until told to end; the second one also until its host has gone. False: the host
     // or its link was at fault, or data of a device is lost.
-    bool Run(Listener& listener);
+    bool Run(posix::Listener& listener);
     bool Run(HostLink link);
 
     void ReportCounters() const;
 
   private:
-    bool Loop(Listener* listener);
+    bool Loop(posix::Listener* listener);
     bool DataSafe() const;
     void ServeSession(short readable, short writable);
     void Welcome(posix::UniqueFd host);

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "posix/Listener.h"
 #include "posix/Signals.h"
 #include "posix/StandardStreams.h"
 #include "posix/Wait.h"
@@ -27,7 +28,6 @@
 #include "remote/disk/DiskImage.h"
 #include "remote/disk/DiskSerial.h"
 #include "remote/disk/UsbDisk.h"
-#include "remote/io/Listener.h"
 #include "remote/io/Log.h"
 
 namespace remote {
@@ -108,7 +108,7 @@ bool serve_stdio(Server& server) {
 
 bool serve_listener(Server& server, const posix::Address& address) {
     std::string error;
-    const std::unique_ptr<Listener> listener = Listener::Open(address, error);
+    const std::unique_ptr<posix::Listener> listener = posix::Listener::Open(address, error);
     if (!listener) {
         Log("cannot listen at %s: %s", posix::Describe(address).c_str(), error.c_str());
         return false;

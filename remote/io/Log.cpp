@@ -1,12 +1,10 @@
 #include "remote/io/Log.h"
 
-#include <unistd.h>
-
 #include <array>
 #include <cstdarg>
 #include <cstdio>
 
-#include "posix/StandardStreams.h"
+#include "posix/Log.h"
 
 namespace remote {
 
@@ -16,7 +14,7 @@ void Log(const char* format, ...) {
     va_start(arguments, format);
     std::vsnprintf(line.data(), line.size(), format, arguments);
     va_end(arguments);
-    posix::Tell(STDERR_FILENO, std::string("xj-usbip-remote: ") + line.data() + '\n');
+    posix::Say("xj-usbip-remote", posix::Severity::Notice, line.data());
 }
 
 }  // namespace remote

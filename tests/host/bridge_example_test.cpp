@@ -23,7 +23,11 @@ TEST(BridgeExample, LendsADeviceOfAServerUntilThatLeaves) {
         {}, "exec " XJ_BRIDGE " 127.0.0.1:" + std::to_string(port.address.port) + " 1-1"};
     testing::internal::CaptureStderr();
     std::thread host([&] {
-        RunHost({.module = XJ_MODULE, .log_levels = {1, 4}, .target = target}, stop.Get());
+        Options options;
+        options.module = XJ_MODULE;
+        options.target = target;
+        options.sysfs = "/nowhere";
+        RunHost(options, stop.Get());
     });
     posix::test::Peer server = port.Accept();
     std::string request = FromHex("01 11 80 03 00 00 00 00") + "1-1";
@@ -58,7 +62,7 @@ TEST(BridgeExample, LendsADeviceOfAServerUntilThatLeaves) {
     EXPECT_TRUE(kernel->WaitForEnd());
     host.join();
     const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_NE(std::string::npos, log.find("vid: 0627, pid: 0000")) << log;
+    EXPECT_NE(std::string::npos, log.find("(0627:0000, full speed) left")) << log;
     EXPECT_NE(std::string::npos, log.find("ended it; the command ended with status 0")) << log;
 }
 

@@ -80,11 +80,13 @@ class PeerTest : public testing::Test {
     string Run(Target target, bool reconnect = false,
                std::chrono::milliseconds patience = ::kPatience) {
         testing::internal::CaptureStderr();
-        const int status = RunHost({.module = XJ_MODULE,
-                                    .log_levels = {1, 4},
-                                    .target = std::move(target),
-                                    .reconnect = reconnect},
-                                   stop_.Get(), patience);
+        Options options;
+        options.module = XJ_MODULE;
+        options.verbosity = Verbosity::Verbose;
+        options.target = std::move(target);
+        options.reconnect = reconnect;
+        options.sysfs = "/nowhere";
+        const int status = RunHost(options, stop_.Get(), patience);
         return testing::internal::GetCapturedStderr() + "status " + std::to_string(status);
     }
     static void Expect(const string& log, const std::vector<string>& texts) {

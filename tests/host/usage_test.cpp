@@ -11,7 +11,7 @@ namespace host::test {
 // Not a line of theirs gets into a stream or an image, which take the places of what is closed.
 TEST_F(ProgramTest, StandardStreamsMayBeClosed) {
     const std::string closed = " <&- >&- 2>&-";
-    Run("sh -c 'exec " COMMAND " --log-level 1,4,8 --connect " + target_ + closed + "'");
+    Run("sh -c 'exec " COMMAND " --debug --connect " + target_ + closed + "'");
     ExchangeVersions(port_.Accept());
     EXPECT_EQ(kStatus + "1", Exit());
     Run("sh -c 'exec " REMOTE " --stdio --disk " + image_ + closed + "'");

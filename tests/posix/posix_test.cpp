@@ -15,7 +15,7 @@
 #include "posix/StandardStreams.h"
 #include "posix/Wait.h"
 #include "remote/Options.h"
-#include "remote/io/Listener.h"
+#include "posix/Listener.h"
 
 namespace posix::test {
 
@@ -83,17 +83,17 @@ TEST(StandardStreamsTest, OutputThatNobodyReadsIsLost) {
 
 TEST(SocketTest, BothEndsOfATcpConnectionNoticeAPeerThatVanishes) {
     std::string error;
-    EXPECT_FALSE(remote::Listener::Open({.name = "no.such.host.invalid"}, error));
-    auto listener = remote::Listener::Open({.name = "localhost"}, error);
+    EXPECT_FALSE(posix::Listener::Open({.name = "no.such.host.invalid"}, error));
+    auto listener = posix::Listener::Open({.name = "localhost"}, error);
     ASSERT_TRUE(listener) << error;
     EXPECT_TRUE(listener->Private());
-    EXPECT_FALSE(listener->Accept()) << "somebody is there";
+    EXPECT_FALSE(listener->Accept(error)) << "somebody is there";
     const auto address = ParseAddress(listener->Name(), AddressUse::Connect, error).value();
-    EXPECT_FALSE(remote::Listener::Open(address, error));
+    EXPECT_FALSE(posix::Listener::Open(address, error));
     EXPECT_EQ("Address already in use", error);
 
     const UniqueFd ours = Connect(address, -1, error);
-    const UniqueFd theirs = listener->Accept();
+    const UniqueFd theirs = listener->Accept(error);
     EXPECT_EQ(listener->Name(), DescribePeer(ours.Get()));
     const std::tuple<int, int, int> options[] = {
         {IPPROTO_TCP, TCP_NODELAY, 1},   {SOL_SOCKET, SO_KEEPALIVE, 1},
@@ -108,14 +108,14 @@ TEST(SocketTest, BothEndsOfATcpConnectionNoticeAPeerThatVanishes) {
         }
     }
     listener = nullptr;
-    EXPECT_TRUE(remote::Listener::Open(address, error)) << "no restart while connections end";
+    EXPECT_TRUE(posix::Listener::Open(address, error)) << "no restart while connections end";
 }
 
 TEST(SocketTest, ABurstOfHostsIsHeldAndWhatCannotBeAcceptedWaits) {
     const std::string path = testing::TempDir() + "posix-" + std::to_string(::getpid());
     const Address address{Address::Kind::Unix, path, 0};
     std::string error;
-    auto listener = remote::Listener::Open(address, error);
+    auto listener = posix::Listener::Open(address, error);
     ASSERT_TRUE(listener) << error;
     using std::filesystem::perms;
     EXPECT_EQ(perms::owner_read | perms::owner_write, std::filesystem::status(path).permissions());
@@ -128,16 +128,17 @@ TEST(SocketTest, ABurstOfHostsIsHeldAndWhatCannotBeAcceptedWaits) {
     ::getrlimit(RLIMIT_NOFILE, &before);
     const rlimit none{2, before.rlim_max};  // poll looks at as many
     ::setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_FALSE(listener->Accept()) << "without a descriptor for it";
+    EXPECT_FALSE(listener->Accept(error)) << "without a descriptor for it";
     EXPECT_NE(waiting, listener->Fd()) << "tried in a circle";
     ::setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ(Wake::Ready, WaitFor(listener->Fd(), POLLIN, -1, 20'000));
-    EXPECT_TRUE(listener->Accept());
+    EXPECT_TRUE(listener->Accept(error));
 
     ::listen(listener->Fd(), 0);  // more wait already
     std::jthread accepting([&] {
         WaitFor(-1, 0, -1, 20);
-        while (listener->Accept())
+        std::string ignored;
+        while (listener->Accept(ignored))
             continue;
     });
     EXPECT_TRUE(Connect(address, -1, error)) << error;
@@ -145,7 +146,7 @@ TEST(SocketTest, ABurstOfHostsIsHeldAndWhatCannotBeAcceptedWaits) {
     accepting.join();
     std::filesystem::remove(path);
     std::ofstream(path) << "of somebody else";
-    EXPECT_FALSE(remote::Listener::Open(address, error)) << "in its place";
+    EXPECT_FALSE(posix::Listener::Open(address, error)) << "in its place";
     listener = nullptr;
     EXPECT_TRUE(std::filesystem::remove(path));
 }

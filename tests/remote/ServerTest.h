@@ -10,10 +10,10 @@
 #include <thread>
 
 #include "Pdus.h"
+#include "posix/Listener.h"
 #include "posix/Peer.h"
 #include "remote/Server.h"
 #include "remote/device/Reply.h"
-#include "remote/io/Listener.h"
 
 namespace remote::test {
 
@@ -145,7 +145,7 @@ class ServerTest : public testing::Test {
 
     Host host_;
     std::vector<std::unique_ptr<Device>> devices_;
-    std::unique_ptr<Listener> listener_;
+    std::unique_ptr<posix::Listener> listener_;
 
   private:
     const Link terminal_;

@@ -80,9 +80,9 @@ TEST_F(SessionTest, HoweverAHostGoesTheNextOneIsServedAndASecondToldWhoIs) {
     const posix::UniqueFd killed(socket(AF_UNIX, SOCK_STREAM, 0));
     const auto place = posix::Resolve(address_, -1, error_).at(0);
     EXPECT_EQ(bind(killed.Get(), place.Get(), place.size), 0);
-    listener_ = Listener::Open(address_, error_);
+    listener_ = posix::Listener::Open(address_, error_);
     ASSERT_TRUE(listener_) << error_;
-    EXPECT_FALSE(Listener::Open(address_, error_)) << "took the socket of a living program";
+    EXPECT_FALSE(posix::Listener::Open(address_, error_)) << "took the socket of a living program";
     testing::internal::CaptureStderr();
     Add("disk1");
     Add("disk2");

@@ -42,7 +42,7 @@ class MicrophoneDevice final : public Device {
 
 }  // namespace
 
-void ServeChannel(Listener& listener, const Lies& lies, const std::string& disk) {
+void ServeChannel(posix::Listener& listener, const Lies& lies, const std::string& disk) {
     std::string error;
     std::vector<std::unique_ptr<Device>> devices;
     devices.push_back(std::make_unique<MicrophoneDevice>(lies));

@@ -114,10 +114,11 @@ void serve(int fd, const Lies& lies) {
 
 }  // namespace
 
-void ServeUsbip(Listener& listener, const Lies& lies) {
+void ServeUsbip(posix::Listener& listener, const Lies& lies) {
     for (;;) {
         posix::WaitFor(listener.Fd(), POLLIN, -1, -1);
-        const posix::UniqueFd client = listener.Accept();
+        std::string error;
+        const posix::UniqueFd client = listener.Accept(error);
         if (!client) continue;
         fcntl(client.Get(), F_SETFL, 0);  // blocking
         setsockopt(client.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);

@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "remote/io/Listener.h"
+#include "posix/Listener.h"
 #include "vm/microphone/Lies.h"
 #include "vm/microphone/Services.h"
 
@@ -46,7 +46,7 @@ void run(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);  // a client that has gone is a failed write
     std::string error;
     const auto address = posix::ParseAddress(argv[at], posix::AddressUse::Listen, error);
-    const auto listener = address ? remote::Listener::Open(*address, error) : nullptr;
+    const auto listener = address ? posix::Listener::Open(*address, error) : nullptr;
     if (!listener) throw std::runtime_error("cannot listen: " + error);
     std::fprintf(stderr, "listening on %s\n", listener->Name().c_str());
     channel ? remote::ServeChannel(*listener, lies, disk) : remote::ServeUsbip(*listener, lies);

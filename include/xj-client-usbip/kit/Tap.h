@@ -86,7 +86,6 @@ class Tap : public IPluginStreamRaw, protected CReference {
     class Devices;
 
     const CRefObj<IPluginStreamRaw> stream_;
-    ITapEvents& events_;
     const std::unique_ptr<Devices> devices_;  // has its own lock
     const std::unique_ptr<Sending> sending_;  // has its own lock
     const std::unique_ptr<Reading> reading_;  // the reading thread's

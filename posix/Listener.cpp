@@ -1,4 +1,4 @@
-#include "remote/io/Listener.h"
+#include "posix/Listener.h"
 
 #include <sys/stat.h>
 #include <sys/timerfd.h>
@@ -6,30 +6,30 @@
 
 #include <cerrno>
 
-#include "remote/io/Log.h"
+#include "posix/Error.h"
 
-namespace remote {
+namespace posix {
 namespace {
 
-constexpr int kBacklog = 128;  // hosts that wait their turn, a burst of them included
+constexpr int kBacklog = 128;  // those that wait their turn, a burst of them included
 constexpr timespec kAcceptPause{1, 0};
 
-bool is_unix(const posix::Address& address) {
-    return address.kind == posix::Address::Kind::Unix;
+bool is_unix(const Address& address) {
+    return address.kind == Address::Kind::Unix;
 }
 
 // A socket file that nobody listens at was left behind by a program that was killed.
-void remove_stale(const std::string& path, const posix::SocketAddress& place) {
+void remove_stale(const std::string& path, const SocketAddress& place) {
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0 || !S_ISSOCK(status.st_mode)) return;
-    const posix::UniqueFd probe = posix::StartConnect(place, posix::kPeerLost);
+    const UniqueFd probe = StartConnect(place, kPeerLost);
     if (!probe && errno == ECONNREFUSED) unlink(path.c_str());
 }
 
 }  // namespace
 
-std::unique_ptr<Listener> Listener::Open(const posix::Address& address, std::string& error) {
-    const auto places = posix::Resolve(address, -1, error);
+std::unique_ptr<Listener> Listener::Open(const Address& address, std::string& error) {
+    const auto places = Resolve(address, -1, error);
     if (places.empty()) return nullptr;
     if (is_unix(address)) remove_stale(address.name, places.front());
     std::unique_ptr<Listener> listener(new Listener);
@@ -38,10 +38,10 @@ std::unique_ptr<Listener> Listener::Open(const posix::Address& address, std::str
     return nullptr;
 }
 
-bool Listener::Bind(const posix::Address& address, const posix::SocketAddress& place) {
-    socket_ = posix::UniqueFd(
-        socket(place.storage.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    pause_ = posix::UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC));
+bool Listener::Bind(const Address& address, const SocketAddress& place) {
+    socket_ =
+        UniqueFd(socket(place.storage.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    pause_ = UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC));
     const int yes = 1;  // a restart need not wait for old connections to time out
     setsockopt(Fd(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     if (bind(Fd(), place.Get(), place.size) != 0) return false;
@@ -51,7 +51,7 @@ bool Listener::Bind(const posix::Address& address, const posix::SocketAddress& p
         const char* path = address.name.c_str();
         if (lstat(path, &file_) != 0 || chmod(path, S_IRUSR | S_IWUSR) != 0) return false;
     } else {
-        posix::SocketAddress bound;
+        SocketAddress bound;
         if (getsockname(Fd(), bound.Get(), &bound.size) != 0) return false;
         bound_ = bound.ToAddress();
         private_ = bound.IsLoopback();
@@ -68,18 +68,18 @@ Listener::~Listener() {
     }
 }
 
-posix::UniqueFd Listener::Accept() {
+UniqueFd Listener::Accept(std::string& error) {
     paused_ = false;
-    posix::UniqueFd host(accept4(Fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-    if (host) {
-        posix::TuneTcp(host.Get(), posix::kPeerLost);
+    UniqueFd peer(accept4(Fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (peer) {
+        TuneTcp(peer.Get(), kPeerLost);
     } else if (errno != EAGAIN && errno != ECONNABORTED && errno != EINTR) {
-        Log("cannot accept a connection: %s", ErrorText(errno).c_str());
-        // The host goes on waiting, so that the socket would be readable all the time.
+        error = "cannot accept a connection: " + ErrorText(errno);
+        // Whoever came goes on waiting, so that the socket would be readable all the time.
         const itimerspec pause{{}, kAcceptPause};
         paused_ = timerfd_settime(pause_.Get(), 0, &pause, nullptr) == 0;
     }
-    return host;
+    return peer;
 }
 
-}  // namespace remote
+}  // namespace posix
