@@ -53,9 +53,7 @@ void show_device(const Json& device, std::ostream& out) {
                   field(device, "usb", std::string("-")).c_str());
     std::string uses = joined(device, "nodes");
     if (uses.empty()) uses = joined(device, "drivers");
-    out << line << shown(field(device, "name", std::string())) << " ("
-        << field(device, "vendor", std::string()) << ':' << field(device, "product", std::string())
-        << ", " << field(device, "speed", std::string()) << ')' << (uses.empty() ? "" : ": ")
+    out << line << shown(field(device, "title", std::string())) << (uses.empty() ? "" : ": ")
         << uses << '\n';
 }
 
@@ -82,7 +80,7 @@ void show_traffic(const Json& device, const Sample& before, double seconds, std:
                   (now.sent - before.sent) / per / kMega,
                   (now.received - before.received) / per / kMega, field(device, "outstanding", 0U),
                   field(device, "oldest_ms", 0.0), field(device, "round_trip_ms", 0.0));
-    out << line << shown(field(device, "name", std::string())) << '\n';
+    out << line << shown(field(device, "title", std::string())) << '\n';
 }
 
 constexpr char kDevices[] = "DEVICE  STATE         PORT  USB       WHAT\n";

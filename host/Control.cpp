@@ -23,6 +23,7 @@ Json identity(const DeviceStatus& status) {
     std::snprintf(vendor, sizeof vendor, "%04x", status.device.vendor);
     std::snprintf(product, sizeof product, "%04x", status.device.product);
     return {{"device", status.device.id},
+            {"title", Describe(status.device)},
             {"name", status.device.instance},
             {"vendor", vendor},
             {"product", product},

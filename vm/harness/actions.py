@@ -1,6 +1,7 @@
 """What the guest can ask the machine outside for."""
 import hashlib
 import os
+import subprocess
 import time
 import traceback
 from collections.abc import Callable
@@ -88,6 +89,14 @@ class Actions:
     def act_sha256(self, name: str) -> str:
         with (self._folder / name).open("rb") as image:
             return hashlib.file_digest(image, "sha256").hexdigest()
+
+    def act_scsi_commands(self, name: str) -> str:
+        """What Wireshark finds in a capture: SCSI operation codes, each once, as "0x28"."""
+        found = subprocess.run(
+            ["tshark", "-r", self._folder / name, "-Y", "scsi_sbc.opcode",  # of block devices
+             "-T", "fields", "-e", "scsi_sbc.opcode"],
+            check=True, capture_output=True, text=True, timeout=300)
+        return " ".join(sorted(set(found.stdout.split())))
 
     def act_first_line_at(self, name: str, block: str) -> str:
         """The text in this block of 1 KiB of an image."""
