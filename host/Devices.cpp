@@ -102,7 +102,7 @@ void Devices::Leaving(const std::string& why) {
 void Devices::Leave(const std::string& why) {
     const std::lock_guard lock(mutex_);
     for (const auto& [id, entry] : entries_)
-        Tell(Kind::Left, entry.device, "left: " + why);
+        if (!entry.refused) Tell(Kind::Left, entry.device, "left: " + why);
     entries_.clear();
     tap_ = nullptr;
 }
@@ -151,14 +151,14 @@ void Devices::OnUnmap(std::uint32_t id) {
     const std::lock_guard lock(mutex_);
     const Entry* const entry = Find(id);
     if (entry == nullptr) return;
-    Tell(Kind::Left, entry->device, "left: the remote side unplugged it");
+    if (!entry->refused) Tell(Kind::Left, entry->device, "left: the remote side unplugged it");
     entries_.erase(id);
 }
 
 void Devices::OnEnd(std::uint32_t id) {
     std::unique_lock lock(mutex_);
     const auto node = entries_.extract(id);
-    if (!node) return;
+    if (!node || node.mapped().refused) return;
     const Entry& entry = node.mapped();
     std::string why = entry.why_ended.empty() ? leaving_ : entry.why_ended;
     if (why.empty() && entry.state == State::Attaching) {
@@ -249,8 +249,8 @@ void Devices::Admit(const RemoteDevice& device, const Arrival& arrival) {
     {
         const std::lock_guard lock(mutex_);
         Entry* const entry = Find(device.id, &arrival);
-        if (entry == nullptr || !entry->why_ended.empty()) return;
-        entry->why_ended = "it was refused";
+        if (entry == nullptr || entry->refused) return;
+        entry->refused = true;
         Tell(Kind::Refused, device, "refused: " + why);
     }
     xj_usbip::DetachPort(sysfs_, arrival.Port(), error);  // drivers never get it in any case

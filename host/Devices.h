@@ -97,6 +97,7 @@ class Devices : public xj_usbip::ITapEvents {
         std::string local;
         xj_usbip::LocalDevice found;
         bool late = false;      // and it was said
+        bool refused = false;   // it was said, and the device is to end
         std::string why_ended;  // once this host has ended it
     };
 
