@@ -5,6 +5,7 @@
 # some minutes on a quiet machine. docs/performance.md says how to read it.
 #   ./bench.sh                all of it
 #   ./bench.sh --against LIB  another build of the library in place of the lean relay
+#   ./bench.sh --tap          with the kit's tap, and without in place of the lean relay
 #   ./bench.sh --library LIB  this build in place of the one here
 #   ./bench.sh --cell NAME    this cell alone (again for more)
 #   ./bench.sh --record now   also makes it what docs/performance.md shows (or: --record before)
@@ -12,7 +13,7 @@
 set -euo pipefail
 usage() { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"; }
 case ${1-} in
-"" | --against | --library | --cell | --record | --commit) ;;
+"" | --against | --tap | --library | --cell | --record | --commit) ;;
 -h | --help) usage && exit ;;
 *) usage >&2 && exit 2 ;;
 esac

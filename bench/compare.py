@@ -54,18 +54,22 @@ def main() -> None:
     parser = argparse.ArgumentParser(prog="./bench.sh", add_help=False)
     parser.add_argument("--against", type=Path)
     parser.add_argument("--library", type=Path, default=relays.LIBRARY)
+    parser.add_argument("--tap", action="store_true")
     parser.add_argument("--cell", action="append", choices=relays.CELLS)
     parser.add_argument("--record", choices=("before", "now"))
     parser.add_argument("--commit", default=commit())
     options = parser.parse_args()
-    if options.record and (options.against or options.cell):
+    if options.record and (options.against or options.cell or options.tap):
         parser.error("what is recorded is everything, against the lean relay")
     against = str(options.against.resolve()) if options.against else relays.LEAN
     names = ("this build", "the other") if options.against else ("module", "lean relay")
+    library = str(options.library.resolve())
+    if options.tap:
+        library, against, names = relays.TAPPED + library, library, ("tapped", "untapped")
 
     folder = relays.ROOT / "build" / "bench"
     folder.mkdir(parents=True, exist_ok=True)
-    result = measure(options.commit, (str(options.library.resolve()), against),
+    result = measure(options.commit, (library, against),
                      options.cell or list(relays.CELLS), folder)
     (folder / "results.json").write_text(json.dumps(result, indent=1) + "\n")
     page.write_plots(folder, result, names)

@@ -19,13 +19,20 @@ SLACK = 0.03
 NAMES = ("instructions", "system calls", "allocations")
 
 
-def count(cell: str) -> list[float]:
-    side = str(relays.LIBRARY)
+def count(name: str) -> list[float]:
+    tapped = name.startswith(relays.TAPPED)
+    cell = name.removeprefix(relays.TAPPED)
+    side = relays.TAPPED * tapped + str(relays.LIBRARY)
     line = relays.run("--side", side, "--cell", cell, "--rounds", "0", "--pdus", "1600")[0]
     if line["system_calls"] < 0:
         raise PermissionError("the system does not count system calls for us")
     return [relays.instructions(side, cell),
             *(line[name] / line["pdus"] for name in ("system_calls", "allocations"))]
+
+
+def title(name: str) -> str:
+    cell = relays.CELLS[name.removeprefix(relays.TAPPED)].title
+    return cell + (", tapped" if name.startswith(relays.TAPPED) else "")
 
 
 def recorded() -> dict[str, list[float]]:
@@ -47,7 +54,7 @@ def main() -> int:
         return 77
     if accept:
         COSTS.write_text(HEAD + "".join(
-            f"{cell:20}{figures[0]:10.0f}{figures[1]:8.2f}{figures[2]:8.2f}\n"
+            f"{cell:28}{figures[0]:10.0f}{figures[1]:8.2f}{figures[2]:8.2f}\n"
             for cell, figures in new.items()))
     risen = False
     for cell, figures in new.items():
@@ -56,7 +63,7 @@ def main() -> int:
             change = ("rose" if now > before * (1 + SLACK) + 0.01 else
                       "fell" if now < before * (1 - SLACK) - 0.01 else "")
             risen = risen or change == "rose"
-            print(f"{relays.CELLS[cell].title:40}{name:14}{before:10.2f} -> {now:10.2f}  {change}")
+            print(f"{title(cell):52}{name:14}{before:10.2f} -> {now:10.2f}  {change}")
     if risen and not accept:
         print("What rose is paid for every PDU. Worth it? Then: bench/costs.py --accept")
     return 1 if risen and not accept else 0

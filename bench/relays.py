@@ -13,6 +13,7 @@ ROOT = Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build" / "release"
 LIBRARY = BUILD / "libxj-client-usbip.so"
 LEAN = "lean"
+TAPPED = "tapped:"  # before a library: its stream goes through the kit's tap
 
 
 @dataclasses.dataclass(frozen=True)

@@ -6,9 +6,6 @@
 namespace xj_usbip {
 namespace {
 
-// More are not under way at any sensible device: those that are never answered would pile up.
-constexpr std::size_t kMostWaiting = 1024;
-
 std::int64_t now(clockid_t clock) {
     timespec time{};
     ::clock_gettime(clock, &time);
@@ -27,28 +24,31 @@ void count(Passed& passed, std::uint64_t size, std::uint64_t on_stream, bool com
 void Followed::OnCommand(const usbip_header& header, std::uint64_t size, std::uint64_t on_stream,
                          bool compressed) {
     const bool unlink = be32toh(header.command) == USBIP_CMD_UNLINK;
-    const Waiting waiting{be32toh(header.seqnum), unlink ? be32toh(header.u.cmd_unlink.seqnum) : 0,
-                          header.direction == USBIP_DIR_OUT, now(CLOCK_MONOTONIC_COARSE)};
+    const std::uint32_t seqnum = be32toh(header.seqnum);
+    const std::int64_t coarse = now(CLOCK_MONOTONIC_COARSE);
     const std::lock_guard lock(mutex_);
     count(counts_.to_remote, size, on_stream, compressed);
-    if (waiting_.size() == kMostWaiting) Forget(waiting_.front().seqnum);
-    waiting_.push_back(waiting);
-    // One at a time: the exact clock costs more than all the rest of this.
-    if (timed_ == 0 && !unlink) {
-        timed_ = waiting.seqnum;
+    Command& place = PlaceOf(seqnum);
+    if (place.waiting && place.seqnum == timed_) timed_ = 0;
+    place = {seqnum, true, header.direction == USBIP_DIR_OUT,
+             unlink ? be32toh(header.u.cmd_unlink.seqnum) : 0, coarse};
+    // One at a time, now and then: the exact clock costs more than all the rest of this.
+    constexpr std::uint32_t kEvery = 16;
+    if (timed_ == 0 && !unlink && seqnum % kEvery == 0) {
+        timed_ = seqnum;
         timed_since_ = now(CLOCK_MONOTONIC);
     }
 }
 
 bool Followed::Forget(std::uint32_t seqnum) {
-    const auto found = std::find_if(waiting_.begin(), waiting_.end(),
-                                    [=](const Waiting& one) { return one.seqnum == seqnum; });
-    if (found == waiting_.end()) return false;
-    const auto [number, unlinks, out, since] = *found;
-    waiting_.erase(found);
-    if (number == timed_) timed_ = 0;
-    if (unlinks != 0) Forget(unlinks);  // that one gets no reply of its own any more
-    return out;
+    Command& command = PlaceOf(seqnum);
+    if (!command.waiting || command.seqnum != seqnum) return false;
+    command.waiting = false;
+    if (seqnum == timed_) timed_ = 0;
+    // What was unlinked gets no reply of its own any more.
+    Command& other = PlaceOf(command.unlinks);
+    if (command.unlinks != 0 && other.seqnum == command.unlinks) other.waiting = false;
+    return command.out;
 }
 
 std::uint64_t Followed::OnReply(const usbip_header& header, std::uint64_t on_stream,
@@ -67,10 +67,14 @@ std::uint64_t Followed::OnReply(const usbip_header& header, std::uint64_t on_str
 DeviceCounts Followed::Counts() const {
     const std::lock_guard lock(mutex_);
     DeviceCounts counts = counts_;
-    counts.outstanding = waiting_.size();
-    if (!waiting_.empty()) {
-        counts.oldest =
-            std::chrono::nanoseconds(now(CLOCK_MONOTONIC_COARSE) - waiting_.front().since);
+    std::int64_t oldest = INT64_MAX;
+    for (const Command& command : commands_) {
+        if (!command.waiting) continue;
+        ++counts.outstanding;
+        oldest = std::min(oldest, command.since);
+    }
+    if (counts.outstanding != 0) {
+        counts.oldest = std::chrono::nanoseconds(now(CLOCK_MONOTONIC_COARSE) - oldest);
     }
     return counts;
 }

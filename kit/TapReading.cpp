@@ -38,7 +38,7 @@ int Tap::Reading::Read(void* buf, unsigned long len, unsigned long* got, unsigne
     const unsigned long room = std::min<std::uint64_t>(len - held, left_);
     if (const int failed = stream_.Read(to, room, &read, reserved)) return failed;
     left_ -= read;
-    if (followed_) Follow({to, read});
+    if (followed_ != nullptr) Follow({to, read});
     *got += read;
     return 0;
 }
@@ -63,7 +63,7 @@ bool Tap::Reading::Skip() {
 
 bool Tap::Reading::Begin() {
     for (;;) {
-        followed_.reset();
+        followed_ = nullptr;
         held_ = given_ = 0;
         usbip_message_head head{};
         if (!Hold(sizeof head.outer)) return false;
@@ -116,8 +116,8 @@ Tap::Reading::Fate Tap::Reading::OnMap() {
 void Tap::Reading::OnForward() {
     std::memcpy(&forward_, bytes_.data(), sizeof forward_);
     data_left_ = std::min<std::uint64_t>(forward_.datasize, left_);
-    followed_ = devices_.Find(forward_.devid);
-    if (!followed_) return;
+    followed_ = last_.Find(forward_.devid);
+    if (followed_ == nullptr) return;
     const std::size_t shown = devices_.shown;
     showing_ = shown != Devices::kNone;
     shown_ = showing_ ? shown : 0;
@@ -141,18 +141,25 @@ void Tap::Reading::FollowPlain(std::string_view data) {
     while (!data.empty()) {
         if (pdu_left_ > 0) {
             const std::string_view piece = data.substr(0, pdu_left_);
-            front_ += piece.substr(0, shown_ - std::min(shown_, front_.size() - kHeader));
+            if (showing_) {
+                front_ += piece.substr(0, shown_ - std::min(shown_, front_.size() - kHeader));
+            }
             pdu_left_ -= piece.size();
             data.remove_prefix(piece.size());
         } else {
+            const bool whole = front_.empty() && data.size() >= kHeader;
             const std::string_view piece = data.substr(0, kHeader - front_.size());
-            front_ += piece;
+            if (!whole || showing_) front_ += piece;
             data.remove_prefix(piece.size());
-            if (front_.size() < kHeader) return;
+            if (!whole && front_.size() < kHeader) return;
             const std::size_t on_stream =
                 sizeof forward_.head.outer + std::size_t{forward_.head.outer.length};
-            pdu_size_ = followed_->OnReply(UsbipHeaderOf(front_), on_stream, false);
-            if (pdu_size_ == 0) return followed_.reset();  // no way to tell where the next begins
+            const std::string_view header = whole ? piece : std::string_view(front_);
+            pdu_size_ = followed_->OnReply(UsbipHeaderOf(header), on_stream, false);
+            if (pdu_size_ == 0) {  // no way to tell where the next begins
+                followed_ = nullptr;
+                return;
+            }
             pdu_left_ = pdu_size_ - kHeader;
         }
         if (pdu_left_ == 0) Show();
@@ -167,9 +174,9 @@ void Tap::Reading::FollowCompressed(std::string_view data) {
         const std::size_t on_stream =
             sizeof forward_.head.outer + std::size_t{forward_.head.outer.length};
         pdu_size_ = followed_->OnReply(UsbipHeaderOf(front_), on_stream, true);
-        if (pdu_size_ == 0) return followed_.reset();
+        if (pdu_size_ == 0) followed_ = nullptr;
     }
-    if (data_left_ == 0 && front_.size() >= kHeader) Show();
+    if (followed_ != nullptr && data_left_ == 0 && front_.size() >= kHeader) Show();
 }
 
 void Tap::Reading::Show() {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <array>
-#include <memory>
 #include <string>
 #include <string_view>
 
@@ -16,7 +15,7 @@ namespace xj_usbip {
 class Tap::Reading {
   public:
     Reading(IPluginStreamRaw& stream, ITapEvents& events, Devices& devices, Sending& sending)
-        : stream_(stream), events_(events), devices_(devices), sending_(sending) {}
+        : stream_(stream), events_(events), devices_(devices), sending_(sending), last_(devices) {}
 
     // As in IPluginStreamRaw.
     int Read(void* buf, unsigned long len, unsigned long* got, unsigned long reserved);
@@ -51,7 +50,8 @@ class Tap::Reading {
     std::uint64_t left_ = 0;  // not yet read
 
     // The forward that passes; null: nobody wants to know.
-    std::shared_ptr<Followed> followed_;
+    Devices::Last last_;
+    Followed* followed_ = nullptr;  // in last_
     usbip_forward forward_{};
     std::uint64_t data_left_ = 0;  // of its data
 

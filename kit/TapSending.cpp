@@ -59,8 +59,8 @@ void Tap::Sending::Look(std::string_view message) {
 
 void Tap::Sending::LookAtForward(std::string_view message) {
     const auto forward = as<usbip_forward>(message);
-    const auto followed = devices_.Find(forward.devid);
-    if (!followed) return;
+    Followed* const followed = last_.Find(forward.devid);
+    if (followed == nullptr) return;
     const bool compressed = forward.rawsize != 0;
     const std::size_t shown = devices_.shown;
     std::string_view pdu = message.substr(sizeof forward, forward.datasize);
@@ -83,24 +83,24 @@ bool Tap::Sending::Refuse(std::uint32_t id) {
         const std::lock_guard lock(ends_mutex_);
         if (ends_.size() == kMostEnds) return false;
         ends_.push_back(id);
+        ++ends_waiting_;
     }
     WriteEnds();
     return true;
 }
 
 void Tap::Sending::WriteEnds() {
-    for (;;) {
-        {
-            const std::lock_guard lock(ends_mutex_);
-            if (ends_.empty()) return;
-        }
-        // Whoever has it comes here, too, once it is free: nothing is left lying.
+    // Whoever has writing_ comes here, too, once it is free. So nothing is left lying: if this does
+    // not see what somebody else adds, then that one sees writing_ free. For that this has to be a
+    // change of the counter, not only a look at it.
+    while (ends_waiting_.fetch_add(0) > 0) {
         const std::unique_lock lock(writing_, std::try_to_lock);
         if (!lock || left_ != 0) return;
         std::vector<std::uint32_t> ends;
         {
             const std::lock_guard guard(ends_mutex_);
             ends.swap(ends_);
+            ends_waiting_ -= static_cast<int>(ends.size());
         }
         std::string messages;
         for (const std::uint32_t id : ends) {

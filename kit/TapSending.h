@@ -14,7 +14,7 @@ namespace xj_usbip {
 class Tap::Sending {
   public:
     Sending(IPluginStreamRaw& stream, ITapEvents& events, Devices& devices)
-        : stream_(stream), events_(events), devices_(devices) {}
+        : stream_(stream), events_(events), devices_(devices), last_(devices) {}
 
     // As in IPluginStreamRaw. One thread at a time.
     int Write(const void* data, unsigned long len, unsigned long* written, unsigned long reserved);
@@ -38,11 +38,13 @@ class Tap::Sending {
     std::uint64_t left_ = 0;  // guarded by writing_: of the message that has been begun
 
     // The sending thread's.
+    Devices::Last last_;
     Inflater inflater_;
     std::string front_;  // of a PDU that came compressed
 
-    std::mutex ends_mutex_;            // may be taken while writing_ is held
-    std::vector<std::uint32_t> ends_;  // guarded by ends_mutex_
+    std::mutex ends_mutex_;             // may be taken while writing_ is held
+    std::vector<std::uint32_t> ends_;   // guarded by ends_mutex_
+    std::atomic<int> ends_waiting_{0};  // how many, to look at without the lock
 };
 
 }  // namespace xj_usbip

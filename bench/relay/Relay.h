@@ -20,12 +20,13 @@ struct Counts {
 
 // How it is started.
 struct RelayOptions {
-    std::string what;  // a library, or kLean
+    std::string what;  // a library, maybe with kTapped before it, or kLean
     std::uint32_t devices = 1;
     bool counted = false;              // system calls and allocations, too, which costs time
     std::vector<std::string> wrapper;  // the program that runs it, with arguments
 };
 inline const std::string kLean = "lean";
+inline const std::string kTapped = "tapped:";  // its stream goes through the kit's tap
 
 class Relay {
   public:

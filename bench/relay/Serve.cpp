@@ -14,6 +14,7 @@
 #include "fakes/FakeController.h"
 #include "host/Module.h"
 #include "host/SocketStream.h"
+#include "xj-client-usbip/kit/Tap.h"
 
 namespace {
 
@@ -96,17 +97,29 @@ void ServeLean(int control, int stream, int devices, int system_calls) {
     AnswerCounts(control, system_calls);
 }
 
-void ServeModule(const std::string& library, int control, int stream_socket, int devices,
+struct NobodyWatches : xj_usbip::ITapEvents {
+    bool OnMap(const xj_usbip::RemoteDevice&) override { return true; }
+    void OnUnmap(std::uint32_t) override {}
+    void OnEnd(std::uint32_t) override {}
+};
+
+void ServeModule(const std::string& what, int control, int stream_socket, int devices,
                  int system_calls) {
     FakeController controller(1, 2 * devices);
     controller.status_pause = {};
     SilentRuntime runtime;
     std::string error;
+    const bool tapped = what.starts_with(kTapped);
+    const std::string library = tapped ? what.substr(kTapped.size()) : what;
     const auto module = host::Module::Load(library, runtime, error);
     Require(module != nullptr, error.c_str());
     auto plugin = module->CreatePlugin();
     const CRefObj<host::SocketStream> stream(new host::SocketStream(stream_socket));
-    plugin->InitInstance(stream.Get());
+    NobodyWatches events;
+    const CRefObj<xj_usbip::Tap> tap(new xj_usbip::Tap(stream.Get(), events));
+    IPluginStreamRaw* lent = stream.Get();
+    if (tapped) lent = tap.Get();
+    plugin->InitInstance(lent);
     std::thread run([&] { plugin->Run(); });
     std::vector<std::unique_ptr<KernelEnd>> kernels;  // ports that stay in use
     for (int device = 0; device < devices; ++device) {
@@ -118,6 +131,7 @@ void ServeModule(const std::string& library, int control, int stream_socket, int
     stream->End();
     run.join();
     plugin->ExitInstance();
+    plugin->InitInstance(nullptr);
     plugin = nullptr;
 }
 

@@ -84,12 +84,12 @@ TEST_P(TapTest, ASessionIsFollowed) {
     EXPECT_EQ(Told(), "version 3\nmap 7 " + std::string(kFirst) + " 65540\n");
 
     const std::string big(5000, 'x');
-    Leaves(ForwardMessage(7, SubmitIn(1, 4096)));
+    Leaves(ForwardMessage(7, SubmitIn(16, 4096)));
     Leaves(CompressedForward(7, SubmitOut(2, big)));
     Leaves(ForwardMessage(7, SubmitIn(3, 8)));
     Leaves(ForwardMessage(7, Unlink(4, 3)));
     EXPECT_EQ(tap_->Counts(7)->outstanding, 4u);
-    Passes(ForwardMessage(7, SubmitReply(2, 5000) + SubmitReply(1, 4, "data") + UnlinkReply(4)) +
+    Passes(ForwardMessage(7, SubmitReply(2, 5000) + SubmitReply(16, 4, "data") + UnlinkReply(4)) +
            ForwardMessage(8, SubmitReply(9, 0)));
     const DeviceCounts counts = *tap_->Counts(7);
     EXPECT_EQ(counts.outstanding, 0u) << "what was unlinked gets no reply";
