@@ -17,7 +17,6 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr int kPatienceMs = 10'000;
 constexpr int kRedrawMs = 1'000;
 
 template <typename Value>
@@ -99,22 +98,14 @@ bool ask_for(const Question& question, const std::string& command, int stop,
         // Where we are is nothing to the other process.
         request["file"] = std::filesystem::absolute(question.file).string();
     }
-    const bool watching = command == "watch";
-    std::string refused;
-    const bool answered = posix::Ask(
+    return posix::Ask(
         question.control, request.dump(-1, ' ', false, Json::error_handler_t::replace), stop,
-        watching ? -1 : kPatienceMs,
+        command == "watch" ? -1 : posix::kAskPatienceMs,
         [&](std::string_view line) {
             const Json json = Json::parse(line, nullptr, /*allow_exceptions=*/false);
-            if (!json.is_object()) return true;
-            refused = field(json, "error", std::string());
-            if (!refused.empty() || json.contains("done")) return false;
-            on_line(json, line);
-            return true;
+            if (json.is_object()) on_line(json, line);
         },
         error);
-    if (answered) error = refused;
-    return answered && refused.empty();
 }
 
 bool redraw(const Question& question, int stop, std::string& error) {

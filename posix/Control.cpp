@@ -3,14 +3,28 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <nlohmann/json.hpp>
+#include <optional>
 
 #include "posix/Socket.h"
 #include "posix/Wait.h"
 
 namespace posix {
+namespace {
+
+// The error text of an answer's last line, or an empty one; nothing: it is not the last.
+std::optional<std::string> end_of_answer(const std::string& line) {
+    const auto json = nlohmann::json::parse(line, nullptr, /*allow_exceptions=*/false);
+    if (!json.is_object()) return std::nullopt;
+    const auto error = json.find("error");
+    if (error != json.end()) return error->is_string() ? error->get<std::string>() : "an error";
+    return json.contains("done") ? std::optional<std::string>("") : std::nullopt;
+}
+
+}  // namespace
 
 bool Ask(const std::string& path, const std::string& request, int stop, int patience_ms,
-         const std::function<bool(std::string_view line)>& on_line, std::string& error) {
+         const std::function<void(std::string_view line)>& on_line, std::string& error) {
     const Address address{Address::Kind::Unix, path};
     const UniqueFd socket = Connect(address, stop, error);
     if (!socket) {
@@ -39,7 +53,11 @@ bool Ask(const std::string& path, const std::string& request, int stop, int pati
         for (std::size_t end = 0; (end = received.find('\n')) != std::string::npos;) {
             const std::string next = received.substr(0, end);
             received.erase(0, end + 1);
-            if (!on_line(next)) return true;
+            if (const auto last = end_of_answer(next)) {
+                error = *last;
+                return error.empty();
+            }
+            on_line(next);
         }
     }
 }

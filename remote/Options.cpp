@@ -57,8 +57,43 @@ Exit status: 0 after "quit", SIGINT, SIGTERM or an orderly end of --stdio; 1 whe
 is nothing to offer, no way to listen, or the host or its link was at fault; 2 for a
 mistake on the command line.)";
 
-// "IMAGE[,ro][,speed=high|super]".
-std::optional<DiskOption> parse_disk(const std::string& text, std::string& error) {
+std::optional<posix::Address> parse_server(const std::string& text, std::string& error) {
+    return posix::ParseServer(text, kUsbipServerPort, error);
+}
+
+// What a program that runs can be asked to do.
+void add_questions(posix::CommandLine& line, Question& question) {
+    const auto add = [&](const std::string& name, const std::string& help) {
+        auto* const asked = line.add_subcommand(name, help);
+        asked->footer("");
+        asked->add_option("--control", question.control, "where the program answers")
+            ->type_name("PATH")
+            ->required();
+        asked->add_flag("--json", question.json, "for programs; docs/json.md says what it holds");
+        asked->callback([&question, name] { question.command = name; });
+        return asked;
+    };
+    add("list", "Ask a running remote side which devices it has.");
+    add("stats", "Ask it what they have moved.");
+    for (const auto& [name, help] :
+         {std::pair("plug", "Have it offer a device again."),
+          std::pair("unplug", "Have it take a device away from the host."),
+          std::pair("remove", "The same, for good.")})
+        add(name, help)
+            ->add_option("DEVICE", question.device, "its number in the list")
+            ->required();
+    auto* const more = add("add", "Have it offer one more device.");
+    auto* const disk = more->add_option("--disk", question.disk, "as above")
+                           ->type_name("IMAGE[,ro][,speed=high|super]");
+    auto* const usbip =
+        more->add_option("--usbip", question.usbip, "as above")->type_name("HOST[:PORT]/BUSID");
+    disk->excludes(usbip);
+    add("quit", "Have it end, as SIGTERM does.");
+}
+
+}  // namespace
+
+std::optional<DiskOption> ParseDisk(const std::string& text, std::string& error) {
     std::istringstream parts(text);
     DiskOption disk;
     std::getline(parts, disk.path, ',');
@@ -81,11 +116,7 @@ std::optional<DiskOption> parse_disk(const std::string& text, std::string& error
     return disk;
 }
 
-std::optional<posix::Address> parse_server(const std::string& text, std::string& error) {
-    return posix::ParseServer(text, kUsbipServerPort, error);
-}
-
-std::optional<UsbipOption> parse_usbip(const std::string& text, std::string& error) {
+std::optional<UsbipOption> ParseUsbip(const std::string& text, std::string& error) {
     const std::size_t slash = text.find('/');
     const std::string busid = slash == std::string::npos ? "" : text.substr(slash + 1);
     if (busid.empty() || busid.size() > kUsbipMaxBusId) {
@@ -95,8 +126,6 @@ std::optional<UsbipOption> parse_usbip(const std::string& text, std::string& err
     const auto server = parse_server(text.substr(0, slash), error);
     return server ? std::optional(UsbipOption{*server, busid}) : std::nullopt;
 }
-
-}  // namespace
 
 std::optional<int> ParseCommandLine(int argc, const char* const* argv, Options& options) {
     posix::CommandLine line("xj-usbip-remote", kDescription, kFooter);
@@ -125,7 +154,7 @@ std::optional<int> ParseCommandLine(int argc, const char* const* argv, Options& 
             ->type_name("HOST[:PORT]")
             ->group("What to do (one of)");
     line.AddParsed(
-            "--disk", parse_disk,
+            "--disk", ParseDisk,
             [&options](const DiskOption& disk) { options.disks.push_back(disk); },
             "offer a USB disk backed by this plain file, whose size is\n"
             "a multiple of 512; ro: it cannot be written; speed: high\n"
@@ -134,7 +163,7 @@ std::optional<int> ParseCommandLine(int argc, const char* const* argv, Options& 
         ->type_name("IMAGE[,ro][,speed=high|super] ...")
         ->group("Devices (one or more)");
     line.AddParsed(
-            "--usbip", parse_usbip,
+            "--usbip", ParseUsbip,
             [&options](const UsbipOption& device) { options.imports.push_back(device); },
             "offer a device of the USB/IP server at HOST, port 3240 or\n"
             "PORT")
@@ -148,9 +177,16 @@ std::optional<int> ParseCommandLine(int argc, const char* const* argv, Options& 
     line.add_flag("--compress", options.compress,
                   "compress PDUs above 4096 bytes, and ask the host to do so")
         ->group("Behaviour");
+    line.add_option("--control", options.control,
+                    "answer list, stats, plug, unplug, add, remove and quit at\na Unix socket")
+        ->option_text("PATH")
+        ->group("Behaviour");
+    add_questions(line, options.question);
     return line.Parse(argc, argv, [&] {
+        if (!options.question.command.empty()) return;
         posix::CommandLine::RequireOneOf({listen, stdio, list});
-        if (!options.list && options.disks.empty() && options.imports.empty()) {
+        if (!options.list && options.control.empty() && options.disks.empty() &&
+            options.imports.empty()) {
             throw CLI::ValidationError("--disk, --usbip", "one device or more is needed");
         }
     });

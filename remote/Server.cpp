@@ -36,9 +36,8 @@ std::string time_of_day() {
 
 Server::Server(std::vector<std::unique_ptr<Device>> devices, bool compress, Controls controls)
     : compress_(compress), controls_(controls) {
-    std::uint32_t number = 0;
     for (auto& device : devices)
-        slots_.push_back({.device = std::move(device), .number = ++number});
+        Add(std::move(device));
 }
 
 bool Server::Run(posix::Listener& listener) {
@@ -52,8 +51,8 @@ bool Server::Run(HostLink link) {
 }
 
 bool Server::DataSafe() const {
-    return std::all_of(slots_.begin(), slots_.end(),
-                       [](const Slot& slot) { return slot.device->DataSafe(); });
+    return removed_safely_ && std::all_of(slots_.begin(), slots_.end(),
+                                          [](const Slot& slot) { return slot.device->DataSafe(); });
 }
 
 bool Server::Loop(posix::Listener* listener) {
@@ -78,12 +77,17 @@ bool Server::Loop(posix::Listener* listener) {
         const std::size_t first_device = fds.size();
         for (const Slot& slot : slots_)
             fds.push_back(DevicePoll(*slot.device));
+        const std::size_t first_client = fds.size();
+        if (controls_.control != nullptr) controls_.control->Watch(fds);
         if (poll(fds.data(), fds.size(), PollTimeout()) < 0) {
             if (errno == EINTR) continue;
             Log("cannot wait for events: %s", ErrorText(errno).c_str());
             return false;
         }
         OnDevices(std::span(fds).subspan(first_device));
+        if (controls_.control != nullptr) {  // may change which devices there are
+            controls_.control->OnEvents(std::span(fds).subspan(first_client), *this);
+        }
         if (fds[0].revents != 0) OnSignal();
         if (fds[1].revents != 0) OnCommands();
         if (session_) ServeSession(fds[3].revents, fds[4].revents);
@@ -199,9 +203,16 @@ void Server::OnCommand(const std::string& line) {
     const std::string_view rest =
         blank == std::string::npos ? std::string_view() : std::string_view(line).substr(blank + 1);
     if (verb == "plug" || verb == "unplug") {
-        Plug(rest, verb == "plug");
+        std::uint32_t number = 0;
+        const char* const end = rest.data() + rest.size();
+        const auto [stop, error] = std::from_chars(rest.data(), end, number);
+        const bool is_number = error == std::errc() && stop == end;
+        const std::string wrong =
+            is_number ? Plug(number, verb == "plug") : "no device " + std::string(rest);
+        Answer(wrong.empty() ? verb + "ged " + std::to_string(number) : "error: " + wrong);
     } else if (line == "list") {
-        List();
+        for (const Slot& slot : slots_)
+            Answer(Describe(slot, State(slot)));
     } else if (line == "quit") {
         Answer("quitting");
         Quit();
@@ -210,28 +221,40 @@ void Server::OnCommand(const std::string& line) {
     }
 }
 
-void Server::List() const {
-    for (const Slot& slot : slots_) {
-        const char* state = !slot.plugged                        ? "unplugged"
-                            : session_ && session_->Mapped(slot) ? "mapped"
-                                                                 : "plugged";
-        Answer(std::to_string(slot.number) + " " + state + " " + slot.device->Info().instance);
-    }
+const char* Server::State(const Slot& slot) const {
+    if (!slot.plugged) return "unplugged";
+    return session_ && session_->Mapped(slot) ? "mapped" : "plugged";
 }
 
-void Server::Plug(std::string_view number, bool plugged) {
-    std::uint32_t wanted = 0;
-    const char* end = number.data() + number.size();
-    const auto [stop, error] = std::from_chars(number.data(), end, wanted);
-    const auto slot = std::find_if(slots_.begin(), slots_.end(),
-                                   [wanted](const Slot& one) { return one.number == wanted; });
-    if (error != std::errc() || stop != end || slot == slots_.end()) {
-        Answer("error: no device " + std::string(number));
-        return;
-    }
+std::string Server::Describe(const Slot& slot, const char* state) {
+    return std::to_string(slot.number) + " " + state + " " + slot.device->Info().instance;
+}
+
+std::list<Slot>::iterator Server::Find(std::uint32_t number) {
+    return std::ranges::find(slots_, number, &Slot::number);
+}
+
+std::string Server::Plug(std::uint32_t number, bool plugged) {
+    const auto slot = Find(number);
+    if (slot == slots_.end()) return "no device " + std::to_string(number);
     slot->plugged = plugged;
     if (session_) plugged ? session_->Offer(*slot) : session_->Withdraw(*slot);
-    Answer(std::string(plugged ? "plugged " : "unplugged ") + std::to_string(wanted));
+    return {};
+}
+
+void Server::Add(std::unique_ptr<Device> device) {
+    slots_.push_back({.device = std::move(device), .number = ++last_number_});
+    if (session_) session_->Offer(slots_.back());
+}
+
+std::string Server::Remove(std::uint32_t number) {
+    const auto slot = Find(number);
+    if (slot == slots_.end()) return "no device " + std::to_string(number);
+    if (session_) session_->Withdraw(*slot);
+    removed_safely_ = slot->device->DataSafe() && removed_safely_;
+    Log("device %u: %s; removed", number, slot->counters.Text().c_str());
+    slots_.erase(slot);
+    return {};
 }
 
 void Server::Quit() {

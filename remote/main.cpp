@@ -19,58 +19,17 @@
 #include "posix/Signals.h"
 #include "posix/StandardStreams.h"
 #include "posix/Wait.h"
+#include "remote/Ask.h"
+#include "remote/Control.h"
+#include "remote/Offers.h"
 #include "remote/Options.h"
 #include "remote/Server.h"
 #include "remote/bridge/DeviceTable.h"
-#include "remote/bridge/UsbipDevice.h"
 #include "remote/bridge/UsbipServer.h"
-#include "remote/disk/DiskDescriptors.h"
-#include "remote/disk/DiskImage.h"
-#include "remote/disk/DiskSerial.h"
-#include "remote/disk/UsbDisk.h"
 #include "remote/io/Log.h"
 
 namespace remote {
 namespace {
-
-std::unique_ptr<Device> make_disk(const DiskOption& option, std::size_t number) {
-    std::string error;
-    std::optional<DiskImage> image = DiskImage::Open(option.path, option.read_only, error);
-    if (!image) {
-        Log("%s", error.c_str());
-        return nullptr;
-    }
-    char ids[16];
-    std::snprintf(ids, sizeof ids, "%04x:%04x", kDiskVendor, kDiskProduct);
-    const std::string instance = "disk" + std::to_string(number) + " " +
-                                 std::filesystem::path(option.path).filename().string() + " " + ids;
-    return std::make_unique<UsbDisk>(std::move(*image), option.speed, instance,
-                                     DiskSerial(option.path, MachineName()));
-}
-
-// Null when there is no such device to be had now and nobody wants to wait for it; logged. Null
-// soon after `stop` becomes readable.
-std::unique_ptr<Device> make_import(const UsbipOption& option, bool wait, int stop) {
-    std::string error;
-    std::optional<UsbipServer> server = UsbipServer::Resolve(option.server, stop, error);
-    if (server && !wait) {
-        const auto devices = server->List(stop, error);
-        const bool there = devices && std::any_of(devices->begin(), devices->end(),
-                                                  [&option](const ServedDevice& device) {
-                                                      return device.busid == option.busid;
-                                                  });
-        if (devices && !there) {
-            error = server->Name() + " does not offer device " + option.busid +
-                    " (not shared, or in use)";
-        }
-        if (!there) server.reset();
-    }
-    if (!server) {
-        if (!posix::IsStopped(stop)) Log("%s", error.c_str());
-        return nullptr;
-    }
-    return std::make_unique<UsbipDevice>(std::move(*server), option.busid, wait);
-}
 
 int list(const posix::Address& address) {
     constexpr int kNoStop = -1;  // signals still end the program
@@ -131,28 +90,45 @@ void keep_memory() {
 
 int run(const Options& options) {
     if (options.list) return list(*options.list);
-    keep_memory();
     std::signal(SIGPIPE, SIG_IGN);  // a host that goes away is a failed write, not a signal
     std::signal(SIGTTIN, SIG_IGN);  // and so is a terminal that other jobs read from
     const posix::UniqueFd stop = posix::TakeSignals({SIGINT, SIGTERM});
+    if (!options.question.command.empty()) return Ask(options.question, stop.Get());
+    keep_memory();
     const posix::UniqueFd signals = posix::TakeSignals({SIGINT, SIGTERM, SIGUSR1});
     std::vector<std::unique_ptr<Device>> devices;
     for (const DiskOption& option : options.disks) {
-        auto disk = make_disk(option, devices.size() + 1);
-        if (!disk) return EXIT_FAILURE;
+        std::string error;
+        auto disk = MakeDisk(option, static_cast<std::uint32_t>(devices.size()) + 1, error);
+        if (!disk) {
+            Log("%s", error.c_str());
+            return EXIT_FAILURE;
+        }
         devices.push_back(std::move(disk));
     }
     for (const UsbipOption& option : options.imports) {
-        auto device = make_import(option, options.wait, stop.Get());
+        std::string error;
+        auto device = MakeImport(option, options.wait, stop.Get(), error);
+        if (!device && !posix::IsStopped(stop.Get())) Log("%s", error.c_str());
         if (device) devices.push_back(std::move(device));
     }
     if (posix::IsStopped(stop.Get())) return EXIT_SUCCESS;
-    if (devices.empty()) {
+    std::unique_ptr<Control> control;
+    if (!options.control.empty()) {
+        std::string error;
+        control = Control::Open(options.control, options.wait, error);
+        if (!control) {
+            Log("%s", error.c_str());
+            return EXIT_FAILURE;
+        }
+    }
+    if (devices.empty() && !control) {
         Log("there is no device to offer");
         return EXIT_FAILURE;
     }
     const int commands = options.listen ? STDIN_FILENO : -1;
-    Server server(std::move(devices), options.compress, {signals.Get(), commands, STDOUT_FILENO});
+    Server server(std::move(devices), options.compress,
+                  {signals.Get(), commands, STDOUT_FILENO, control.get()});
     const bool served =
         options.listen ? serve_listener(server, *options.listen) : serve_stdio(server);
     server.ReportCounters();

@@ -45,6 +45,14 @@ class Remote:
         """One command on its standard input."""
         self._running().stdin.write(" ".join(words).encode() + b"\n")
 
+    def act_ask_remote(self, *words: str) -> str:
+        """Over its control socket, which is to be `control`. The lines of the answer, with ; between."""
+        done = subprocess.run([self._program, *words, "--control", "control"], cwd=self._log.parent,
+                              check=False, capture_output=True, text=True, timeout=PATIENCE)
+        if done.returncode != 0:
+            raise RuntimeError(done.stderr)
+        return ";".join(done.stdout.splitlines())
+
     def act_stop_remote(self) -> None:
         """As a person would; it must succeed."""
         self.act_tell_remote("quit")
