@@ -5,17 +5,24 @@
 #include <netinet/tcp.h>
 #include <pty.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <regex>
 #include <thread>
 
 #include "host/Options.h"
+#include "posix/Listener.h"
+#include "posix/Log.h"
+#include "posix/Notify.h"
 #include "posix/Socket.h"
 #include "posix/StandardStreams.h"
 #include "posix/Wait.h"
 #include "remote/Options.h"
-#include "posix/Listener.h"
 
 namespace posix::test {
 
@@ -79,6 +86,71 @@ TEST(StandardStreamsTest, OutputThatNobodyReadsIsLost) {
     std::string received(202, '\0');  // the terminal makes two characters of the line's end
     EXPECT_EQ(202, ::read(terminal.Get(), received.data(), received.size()));
     EXPECT_EQ(std::string(200, 'x') + "\r\n", received);
+}
+
+// What a child says whose standard error is the write end of this pipe.
+std::string said_by_a_child(const std::function<void(int stream)>& child) {
+    int ends[2];
+    EXPECT_EQ(0, ::pipe(ends));
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(ends[1], STDERR_FILENO);
+        child(ends[1]);
+        ::_exit(0);
+    }
+    ::close(ends[1]);
+    std::string said(1000, '\0');
+    const ssize_t size = ::read(ends[0], said.data(), said.size());
+    ::close(ends[0]);
+    ::waitpid(pid, nullptr, 0);
+    return said.substr(0, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+}
+
+TEST(LogTest, ALineIsForAPersonOrForAJournal) {
+    const std::string plain =
+        said_by_a_child([](int) { Say("program", Severity::Failure, "a\nb\x1B\xC3"); });
+    EXPECT_TRUE(std::regex_match(
+        plain, std::regex("\\d\\d:\\d\\d:\\d\\d\\.\\d{3} program: a\\\\x0Ab\\\\x1B\\\\xC3\n")))
+        << plain;
+    const std::pair<Severity, std::string> priorities[] = {{Severity::Failure, "<3>text\n"},
+                                                           {Severity::Notice, "<6>text\n"},
+                                                           {Severity::Detail, "<7>text\n"}};
+    for (const auto& [severity, line] : priorities) {
+        EXPECT_EQ(line, said_by_a_child([&, how = severity](int stream) {
+                      struct stat status {};
+                      ::fstat(stream, &status);
+                      const std::string journal =
+                          std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+                      ::setenv("JOURNAL_STREAM", journal.c_str(), 1);
+                      Say("program", how, "text");
+                  }));
+    }
+}
+
+TEST(NotifyTest, AServiceManagerIsToldIfThereIsOne) {
+    ::unsetenv("NOTIFY_SOCKET");
+    Notify("READY=1");
+    const std::string name = "posix-notify-" + std::to_string(::getpid());
+    for (const std::string& path : {testing::TempDir() + name, "@" + name, std::string(200, 'x')}) {
+        const UniqueFd manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        if (path[0] == '@') address.sun_path[0] = '\0';
+        const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
+        const bool fits = path.size() < sizeof address.sun_path;
+        if (fits) {
+            ASSERT_EQ(0, ::bind(manager.Get(), reinterpret_cast<sockaddr*>(&address), size));
+        }
+        ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+        Notify("READY=1\nSTATUS=here");
+        char told[100];
+        const ssize_t count = ::recv(manager.Get(), told, sizeof told, 0);
+        EXPECT_EQ(fits ? "READY=1\nSTATUS=here" : "",
+                  std::string(told, static_cast<std::size_t>(std::max<ssize_t>(count, 0))));
+        ::unlink(path.c_str());
+    }
+    ::unsetenv("NOTIFY_SOCKET");
 }
 
 TEST(SocketTest, BothEndsOfATcpConnectionNoticeAPeerThatVanishes) {

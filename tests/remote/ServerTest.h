@@ -113,7 +113,7 @@ class ServerTest : public testing::Test {
     // Serves `devices_`, if there are new ones, to whoever comes to `listener_` or has this link.
     void Serve(HostLink link = {}, bool compress = false) {
         const int terminal = terminal_.theirs.Get();
-        const Server::Controls controls{signals_.theirs.Get(), terminal, terminal};
+        const Server::Controls controls{signals_.theirs.Get(), terminal, terminal, control_.get()};
         if (!devices_.empty())
             server_ = std::make_unique<Server>(std::exchange(devices_, {}), compress, controls);
         thread_ = std::jthread([this, link = std::move(link)]() mutable {
@@ -146,6 +146,7 @@ class ServerTest : public testing::Test {
     Host host_;
     std::vector<std::unique_ptr<Device>> devices_;
     std::unique_ptr<posix::Listener> listener_;
+    std::unique_ptr<Control> control_;
 
   private:
     const Link terminal_;

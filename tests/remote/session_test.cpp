@@ -1,5 +1,9 @@
 // The server and the hosts that it serves: over a socket pair and over a Unix socket.
+#include <filesystem>
+#include <fstream>
+
 #include "ServerTest.h"
+#include "posix/Control.h"
 
 namespace remote::test {
 
@@ -122,6 +126,59 @@ TEST_F(SessionTest, HoweverAHostGoesTheNextOneIsServedAndASecondToldWhoIs) {
     const std::string log = testing::internal::GetCapturedStderr();
     ExpectIn(log, "host connected: " + us);
     ExpectIn(log, us + " turned away: " + us + " is served since ");
+}
+
+// The lines of the answer, and how it ended.
+std::string Ask(const std::string& path, const std::string& request) {
+    std::string answer, error;
+    const bool done = posix::Ask(
+        path, request, -1, posix::kAskPatienceMs,
+        [&](std::string_view line) { answer += std::string(line) + "\n"; }, error);
+    return answer + (done ? "done" : error);
+}
+
+TEST_F(SessionTest, DevicesAreAddedAndRemovedForGoodOverTheControlSocket) {
+    const std::string path = address_.name + ".control", image = address_.name + ".img";
+    std::ofstream(image) << std::string(512, 'x');
+    control_ = Control::Open(path, false, error_);
+    ASSERT_TRUE(control_) << error_;
+    Add("eager");
+    ServeHost();
+    EXPECT_EQ(host_.Mapped().devid, 1U);
+    const std::string named = std::filesystem::path(image).filename().string();
+    for (const std::string number : {"2", "3"}) {
+        const std::string disk = "disk" + number + " " + named + " 1d6b:0104";
+        EXPECT_EQ(Ask(path, R"({"command":"add","disk":")" + image + ",ro\"}"), "done");
+        EXPECT_EQ(host_.Mapped().dev.instanceid, disk);
+        const std::string listed = Ask(path, R"({"command":"list"})");
+        ExpectIn(listed, R"({"device":1,"state":"mapped","name":"eager","text":"1 mapped eager"})");
+        ExpectIn(listed, R"({"device":)" + number + R"(,"state":"mapped","name":")" + disk);
+        EXPECT_EQ(Ask(path, R"({"command":"remove","device":)" + number + "}"), "done");
+        EXPECT_EQ(host_.Unmapped(), number == "2" ? 2U : 3U);
+    }
+    EXPECT_EQ(Ask(path, R"({"command":"add","usbip":"127.0.0.1:1/1-1"})"), "done");
+    ExpectAnswer("list", "1 mapped eager\n4 plugged 127.0.0.1:1/1-1");
+    ExpectIn(Ask(path, R"({"command":"stats"})"), R"("urbs_in":0,)");
+    const std::pair<std::string, std::string> wrong[] = {
+        {R"({"command":"remove","device":2})", "no device 2"},
+        {R"({"command":"plug"})", "no device 0"},
+        {R"({"command":"add"})", "'' is not HOST[:PORT]/BUSID"},
+        {R"({"command":"add","disk":",ro"})", "',ro' names no image"},
+        {R"({"command":"add","disk":"/nowhere"})", "/nowhere: No such file or directory"},
+        {R"({"command":"add","usbip":"localhost/1-1"})", "'localhost' is no address"},
+        {R"({"command":["list"]})", "no such command; there are: list, stats, plug, "},
+        {"list", "no such command"}};
+    for (const auto& [request, error] : wrong)
+        ExpectIn(Ask(path, request), error);
+    EagerDevice::data_safe = false;
+    EXPECT_EQ(Ask(path, R"({"command":"unplug","device":1})"), "done");
+    EXPECT_EQ(host_.Unmapped(), 1U);
+    EXPECT_EQ(Ask(path, R"({"command":"remove","device":1})"), "done");
+    EXPECT_EQ(Ask(path, R"({"command":"quit"})"), "done");
+    host_.Write(UnmapMessage(1) + UnmapMessage(2) + UnmapMessage(3));
+    EXPECT_EQ(host_.ReadToEnd(), "");
+    EXPECT_FALSE(Finish()) << "what was written to a device that was removed is lost";
+    std::filesystem::remove(image);
 }
 
 }  // namespace remote::test

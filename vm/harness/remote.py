@@ -1,13 +1,26 @@
 """The remote side that runs outside the guest, and what the guest can ask for there."""
 import re
 import signal
+import socket
+import struct
 import subprocess
+import threading
 import time
 from pathlib import Path
 
 from harness import processes
 
 PATIENCE = 60  # seconds, for it to listen or to end; on an idle machine it is a few milliseconds
+
+
+def _message(kind: int, body: bytes) -> bytes:
+    inner = struct.pack("<IB3x", len(body), kind) + body
+    return struct.pack("<IB3x", len(inner), 0x0B) + inner
+
+
+def _map(number: int) -> bytes:
+    """Of a high-speed device with this id."""
+    return _message(3, struct.pack("<I256s544xIIIHH8x", number, b"silent", 1, number, 3, 1, number))
 
 
 class Remote:
@@ -21,6 +34,19 @@ class Remote:
 
     def end(self) -> None:
         processes.end(self._child)
+
+    def act_start_silent_remote(self, devices: str) -> str:
+        """A remote side of one host, with so many devices that never answer. Its port."""
+        listener = socket.create_server(("127.0.0.1", 0))
+
+        def serve() -> None:
+            with listener, listener.accept()[0] as host:
+                host.sendall(_message(1, bytes(4)) + b"".join(map(_map, range(1, int(devices) + 1))))
+                while host.recv(65536):
+                    pass
+
+        threading.Thread(target=serve, daemon=True).start()
+        return str(listener.getsockname()[1])
 
     def act_start_remote(self, *arguments: str) -> None:
         """Waits until it listens."""

@@ -11,6 +11,14 @@ kernel_says() {
     echo "$mark" >/dev/kmsg
 }
 
+host_says_so() { grep -q "$1" "$LOG_DIR/host.log"; }
+# host_says PATTERN: waits for its line, and shows it.
+host_says() {
+    wait_until 30 "the host to say '$1'" host_says_so "$1"
+    say "Local:  the host says:"
+    say "    $(grep "$1" "$LOG_DIR/host.log" | cut -d' ' -f3-)"
+}
+
 outside make_random_image disk.img $size
 outside start_remote --disk disk.img
 say "Remote: a computer with a USB disk of $size MiB, the file disk.img. xj-usbip-remote serves it."
@@ -19,6 +27,7 @@ say "Local:  xj-usbip-host loads libxj-client-usbip.so and connects. The kernel 
 start_host
 disk=$(wait_for_disk $size)
 kernel_says
+host_says "is usb .* on port"
 
 say "Both sides' SHA-256 of the whole disk, local /dev/$disk and remote disk.img:"
 local_sum=$(sha256 "/dev/$disk")
@@ -40,6 +49,7 @@ outside tell_remote unplug 1
 wait_disk_gone $size
 wait_all_ports_free
 kernel_says
+host_says " left: "
 stop_host
 outside stop_remote
 say "The port is free again: $(count_ports_in_use) of $(cat "$vhci/nports") in use. Host and remote side have ended."
