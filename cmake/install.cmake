@@ -16,12 +16,21 @@ add_library(xj-client-usbip::module ALIAS xj-client-usbip)
 install(TARGETS xj-client-usbip EXPORT xj-client-usbip
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT module)
 install(TARGETS xj-client-usbip-headers EXPORT xj-client-usbip)
+if(XJ_KIT)
+    set_target_properties(xj-client-usbip-kit PROPERTIES EXPORT_NAME kit)
+    add_library(xj-client-usbip::kit ALIAS xj-client-usbip-kit)
+    install(TARGETS xj-client-usbip-kit EXPORT xj-client-usbip
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+endif()
 install(DIRECTORY include/xj-client-usbip DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
     COMPONENT development)
 
 set(package ${CMAKE_INSTALL_LIBDIR}/cmake/xj-client-usbip)
-install(EXPORT xj-client-usbip FILE xj-client-usbip-config.cmake NAMESPACE xj-client-usbip::
+install(EXPORT xj-client-usbip FILE xj-client-usbip-targets.cmake NAMESPACE xj-client-usbip::
     DESTINATION ${package} COMPONENT development)
+configure_file(cmake/xj-client-usbip-config.cmake.in xj-client-usbip-config.cmake @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/xj-client-usbip-config.cmake DESTINATION ${package}
+    COMPONENT development)
 write_basic_package_version_file(xj-client-usbip-config-version.cmake
     COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/xj-client-usbip-config-version.cmake

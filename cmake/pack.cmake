@@ -31,8 +31,8 @@ install(FILES packaging/libxj-client-usbip0.overrides
 
 package(development libxj-client-usbip-dev libdevel
     "USB redirection for remote-access clients, development files"
-    "Headers, CMake package, pkg-config file and an example for hosts that load\nlibxj-client-usbip.so.")
-install(DIRECTORY examples/minimal-host
+    "Headers, CMake package, pkg-config file and examples for hosts that load\nlibxj-client-usbip.so, and a static library of parts for them.")
+install(DIRECTORY examples/minimal-host examples/tap
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libxj-client-usbip-dev/examples COMPONENT development)
 
 package(programs xj-usbip-tools net "USB redirection for remote-access clients, the programs"
@@ -42,6 +42,7 @@ foreach(program xj-usbip-host xj-usbip-remote)
     install(FILES packaging/completion.bash RENAME ${program} COMPONENT programs
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 endforeach()
+install(FILES packaging/xj-usbip-host@.service DESTINATION lib/systemd/system COMPONENT programs)
 install(FILES packaging/modules-load.conf RENAME xj-usbip.conf DESTINATION lib/modules-load.d
     COMPONENT programs)
 

@@ -12,7 +12,7 @@ native="g++ cmake ninja-build pkg-config git ca-certificates
     clang libclang-rt-14-dev clang-format clang-tidy
     libudev-dev zlib1g-dev libcli11-dev nlohmann-json3-dev libgtest-dev
     dpkg-dev
-    gcovr shellcheck valgrind python3 pyflakes3
+    gcovr shellcheck valgrind python3 pyflakes3 tshark
     g++-aarch64-linux-gnu qemu-user qemu-system-arm ipxe-qemu cpio kmod"
 # The :arm64 libraries must have the same version as the native ones, so both are named.
 both="libstdc++6 libudev-dev zlib1g-dev libgtest-dev"

@@ -41,8 +41,6 @@ std::string what_keeps(const Arrival& arrival) {
     const std::string port = "on port " + std::to_string(arrival.Port());
     const std::string again = "; unplug it at the remote side and plug it in again";
     switch (arrival.Current()) {
-        case Arrival::State::Attaching:
-            return "is still on no port; --verbose shows what the module does";
         case Arrival::State::Enumerating:
             return "is " + port + ", but does not answer this machine's kernel" + again;
         case Arrival::State::Unauthorized:
@@ -161,7 +159,7 @@ void Devices::OnEnd(std::uint32_t id) {
     if (!node || node.mapped().refused) return;
     const Entry& entry = node.mapped();
     std::string why = entry.why_ended.empty() ? leaving_ : entry.why_ended;
-    if (why.empty() && entry.state == State::Attaching) {
+    if (why.empty() && entry.state == State::Attaching && !entry.late) {
         lock.unlock();
         why = WhyNotAttached(entry.device);
         lock.lock();
@@ -189,11 +187,11 @@ std::string Devices::WhyNotAttached(const RemoteDevice& device) const {
 void Devices::Watch() {
     std::unique_lock lock(mutex_);
     while (!closing_) {
-        std::vector<std::pair<std::uint32_t, std::shared_ptr<Arrival>>> coming;
+        std::vector<Entry> coming;
         bool late = true;
         for (const auto& [id, entry] : entries_) {
             if (entry.state == State::Ready) continue;
-            coming.emplace_back(id, entry.arrival);
+            coming.push_back(entry);
             late = late && entry.late;
         }
         if (coming.empty()) {
@@ -203,8 +201,8 @@ void Devices::Watch() {
         // Reading what is in sysfs waits for the kernel, which waits for the device, whose replies
         // wait for us if we hold the lock.
         lock.unlock();
-        for (const auto& [id, arrival] : coming)
-            Look(id, *arrival);
+        for (const Entry& entry : coming)
+            Look(entry);
         lock.lock();
         if (late) {
             changed_.wait_for(lock, kLookAtLateOnes);
@@ -214,27 +212,32 @@ void Devices::Watch() {
     }
 }
 
-void Devices::Look(std::uint32_t id, Arrival& arrival) {
+void Devices::Look(const Entry& known) {
     const auto now = Clock::now();
+    Arrival& arrival = *known.arrival;
     const State state = arrival.Look(now);
-    RemoteDevice device;
+    const bool late = arrival.Late(now) && !known.late;
+    // The module tells nobody that it could not attach a device, but in its log.
+    const bool failed = late && state == State::Attaching;
+    const std::string why = failed ? WhyNotAttached(known.device) : "";
     {
         const std::lock_guard lock(mutex_);
-        Entry* const entry = Find(id, &arrival);
+        Entry* const entry = Find(known.device.id, &arrival);
         if (entry == nullptr) return;
         entry->state = state;
         entry->port = arrival.Port();
         entry->local = arrival.Local();
         entry->found = arrival.Found();
+        entry->late = entry->late || late;
         if (state == State::Ready) {
             Tell(Kind::Ready, entry->device, what_arrived(arrival, arrival.Age(now)));
-        } else if (arrival.Late(now) && !entry->late) {
-            entry->late = true;
+        } else if (failed) {
+            Tell(Kind::Failed, entry->device, "cannot be attached: " + why);
+        } else if (late) {
             Tell(Kind::Late, entry->device, what_keeps(arrival));
         }
-        device = entry->device;
     }
-    if (state == State::Unauthorized && policy_.rules.ByClass()) Admit(device, arrival);
+    if (state == State::Unauthorized && policy_.rules.ByClass()) Admit(known.device, arrival);
 }
 
 void Devices::Admit(const RemoteDevice& device, const Arrival& arrival) {

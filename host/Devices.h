@@ -102,8 +102,8 @@ class Devices : public xj_usbip::ITapEvents {
     };
 
     void Watch();
-    // Looks at one device, without the lock.
-    void Look(std::uint32_t id, xj_usbip::Arrival& arrival);
+    // Looks what has become of a device since this was known; without the lock.
+    void Look(const Entry& known);
     // Lets drivers have a device that waits for it, or not.
     void Admit(const xj_usbip::RemoteDevice& device, const xj_usbip::Arrival& arrival);
 

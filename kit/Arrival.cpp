@@ -12,7 +12,9 @@ using std::chrono::milliseconds;
 // A disk has its node a second after its driver; many devices never get one.
 constexpr milliseconds kNodePatience{1'500};
 
-// The kernel tries three times, and gives a request five seconds.
+// A port is found and taken in no time. Then the kernel tries three times, and gives a request five
+// seconds.
+constexpr milliseconds kLateForPort{10'000};
 constexpr milliseconds kLate{20'000};
 
 }  // namespace
@@ -59,7 +61,8 @@ Arrival::State Arrival::Look(Clock::time_point now) {
 }
 
 bool Arrival::Late(Clock::time_point now) const {
-    return state_ != State::Ready && Age(now) >= kLate;
+    if (state_ == State::Ready) return false;
+    return Age(now) >= (state_ == State::Attaching ? kLateForPort : kLate);
 }
 
 }  // namespace xj_usbip

@@ -14,6 +14,20 @@ std::string driver(const std::string& sysfs) {
     return sysfs + kController + "0";
 }
 
+// The kernel keeps to itself which device a port has until that has an address. The module has
+// written it into the record in which the kernel's own tools look for names.
+std::uint32_t recorded_id(const std::string& sysfs, int port) {
+    const auto records = std::filesystem::path(sysfs).parent_path() / "var/run/vhci_hcd";
+    std::ifstream record(records / ("port" + std::to_string(port)));
+    std::string host;
+    std::string service;
+    std::uint32_t bus = 0;
+    char dash = 0;
+    std::uint32_t device = 0;
+    record >> host >> service >> bus >> dash >> device;
+    return record && dash == '-' ? bus << 16 | device : 0;
+}
+
 }  // namespace
 
 std::vector<UsedPort> UsedPorts(const std::string& sysfs) {
@@ -27,7 +41,10 @@ std::vector<UsedPort> UsedPorts(const std::string& sysfs) {
             const VhciPortLine port = ParseVhciPortLine(line);
             if (!port.Complete() || port.Free()) continue;
             const std::string local = port.lbusid;
-            ports.push_back({port.port, port.devid, local == "0-0" ? "" : local});
+            const auto state = static_cast<std::uint32_t>(port.status);
+            const std::uint32_t id =
+                state == VDEV_ST_NOTASSIGNED ? recorded_id(sysfs, port.port) : port.devid;
+            ports.push_back({port.port, id, local == "0-0" ? "" : local});
         }
     }
     return ports;

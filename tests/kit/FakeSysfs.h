@@ -19,7 +19,7 @@ class FakeSysfs {
         Write(kDriver + "/detach", "");
         Ports({});
     }
-    ~FakeSysfs() { std::filesystem::remove_all(root); }
+    ~FakeSysfs() { std::filesystem::remove_all(folder_); }
     FakeSysfs(const FakeSysfs&) = delete;
     FakeSysfs& operator=(const FakeSysfs&) = delete;
 
@@ -46,8 +46,13 @@ class FakeSysfs {
     }
 
     static inline const std::string kDriver = "/devices/platform/vhci_hcd.0";
-    const std::string root =
+
+  private:
+    const std::string folder_ =
         std::filesystem::temp_directory_path().string() + "/sysfs-" + std::to_string(::getpid());
+
+  public:
+    const std::string root = folder_ + "/sys";
 };
 
 // Descriptors of a device with such interfaces: class, subclass, protocol.

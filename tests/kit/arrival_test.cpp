@@ -27,8 +27,14 @@ class ArrivalTest : public ::testing::Test {
 TEST_F(ArrivalTest, StepByStepUntilProgramsCanUseIt) {
     See(State::Attaching, {});
     EXPECT_EQ(arrival_.Port(), -1);
+    EXPECT_FALSE(arrival_.Late(begin_ + milliseconds(9999)));
+    EXPECT_TRUE(arrival_.Late(begin_ + seconds(10)));
     sysfs_.Ports({"hs  0000 004 000 00000000 000000 0-0", "hs  0001 006 003 00010005 000007 1-1",
-                  "ss  0008 005 003 00010004 000008 0-0", "hs nonsense"});
+                  "ss  0008 005 000 00000000 000000 0-0", "hs nonsense"});
+    See(State::Attaching, seconds(1));
+    sysfs_.Write("/../var/run/vhci_hcd/port8", "remote 0 1-5\n");
+    See(State::Attaching, seconds(1));
+    sysfs_.Write("/../var/run/vhci_hcd/port8", "remote 0 1-4\n");
     See(State::Enumerating, seconds(1));
     EXPECT_EQ(arrival_.Port(), 8);
     EXPECT_FALSE(arrival_.Late(begin_ + seconds(19)));
@@ -78,7 +84,7 @@ TEST_F(ArrivalTest, DevicesOfTheSameIdAreToldApart) {
     sysfs_.Write(FakeSysfs::Device("1-1") + "/devnum", "5\n");
     Arrival second(sysfs_.root, kDevice, begin_);
     EXPECT_EQ(second.Look(begin_), State::Attaching);
-    sysfs_.Ports({"hs  0000 006 003 00010004 000007 1-1", "hs  0001 005 003 00010004 000008 0-0"});
+    sysfs_.Ports({"hs  0000 006 003 00010004 000007 1-1", "hs  0001 006 003 00010004 000008 1-2"});
     EXPECT_EQ(second.Look(begin_), State::Enumerating);
     EXPECT_EQ(second.Port(), 1);
     // The port is the same, the device is not.

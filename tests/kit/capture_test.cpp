@@ -107,16 +107,15 @@ TEST_F(CaptureTest, BeginsANewFileWhenOneIsFullAndSaysWhatItCannotWrite) {
     EXPECT_EQ(std::ranges::count(last, '\n'), 2) << last;
 
     std::string error;
-    file_.path = "/dev/full";
     EXPECT_FALSE(Capture::Open({"/nowhere/file"}, error));
     EXPECT_NE(error.find("/nowhere/file: No such file"), std::string::npos) << error;
-    const auto capture = Open();
+    const auto capture = Capture::Open({"/dev/full"}, error);
+    ASSERT_TRUE(capture) << error;
     Add(*capture, true, SubmitIn(1, 1));
     EXPECT_TRUE(Eventually([&] { return !capture->Count().error.empty(); }));
     EXPECT_EQ(capture->Count().error, "No space left on device");
     Add(*capture, true, SubmitIn(2, 1));
     EXPECT_GT(capture->Count().dropped, 0U);
-    file_.path = "none";
 }
 
 }  // namespace

@@ -95,7 +95,7 @@ expect_watchful_kernel() {
 # start_host ARG...: connects the host to the remote side: the one that runs outside, but for
 # scenarios that have set $remote.
 start_host() {
-    "$HOST_PROGRAM" --module "$MODULE" \
+    "$HOST_PROGRAM" --verbose --module "$MODULE" \
         --connect "${remote:-$REMOTE_ADDRESS:$(outside remote_port)}" "$@" \
         >>"$LOG_DIR/host.log" 2>&1 </dev/null 8>&- 9<&- &
     host_pid=$!

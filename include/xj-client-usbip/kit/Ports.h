@@ -1,7 +1,7 @@
 // What this machine's kernel has made of the devices: the ports of its virtual host controller, and
 // the USB devices on them, as sysfs shows them. Nothing is remembered; any thread.
 //
-// `sysfs` is where sysfs is mounted: another folder is for tests.
+// `sysfs` is where sysfs is mounted, beside the system's other folders: another place is for tests.
 #pragma once
 
 #include <cstdint>
