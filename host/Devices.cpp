@@ -1,9 +1,9 @@
 #include "host/Devices.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <utility>
 
+#include "host/DeviceWords.h"
 #include "host/Doctor.h"
 
 namespace host {
@@ -18,53 +18,7 @@ using Kind = DeviceEvent::Kind;
 constexpr std::chrono::milliseconds kLookAgain{50};
 constexpr std::chrono::seconds kLookAtLateOnes{1};
 
-std::string joined(const std::vector<std::string>& words) {
-    std::string all;
-    for (const std::string& word : words)
-        all += (all.empty() ? "" : ", ") + word;
-    return all;
-}
-
-std::string what_arrived(const Arrival& arrival, std::chrono::milliseconds age) {
-    char seconds[32];
-    std::snprintf(seconds, sizeof seconds, "%.1f", static_cast<double>(age.count()) / 1000);
-    const xj_usbip::LocalDevice& found = arrival.Found();
-    std::string uses = "no driver wants it";
-    if (!found.drivers.empty()) uses = "driver " + joined(found.drivers);
-    if (!found.nodes.empty()) uses = joined(found.nodes);
-    return "is usb " + arrival.Local() + " on port " + std::to_string(arrival.Port()) +
-           ", ready after " + seconds + " s: " + uses;
-}
-
-// Of one that is not ready when it should be.
-std::string what_keeps(const Arrival& arrival) {
-    const std::string port = "on port " + std::to_string(arrival.Port());
-    const std::string again = "; unplug it at the remote side and plug it in again";
-    switch (arrival.Current()) {
-        case Arrival::State::Enumerating:
-            return "is " + port + ", but does not answer this machine's kernel" + again;
-        case Arrival::State::Unauthorized:
-            return "is usb " + arrival.Local() + ' ' + port +
-                   ", and waits to be authorized: echo 1 >/sys/bus/usb/devices/" + arrival.Local() +
-                   "/authorized";
-        default:
-            return "is usb " + arrival.Local() + ' ' + port +
-                   ", but the kernel cannot set it up; only a new connection helps" + again;
-    }
-}
-
-const char* state_name(Arrival::State state) {
-    constexpr const char* kNames[] = {"attaching", "enumerating", "unauthorized", "configuring",
-                                      "ready"};
-    return kNames[static_cast<std::size_t>(state)];
-}
-
 }  // namespace
-
-const char* KindName(Kind kind) {
-    constexpr const char* kNames[] = {"ready", "late", "refused", "failed", "left"};
-    return kNames[static_cast<std::size_t>(kind)];
-}
 
 Devices::Devices(Policy policy, std::string sysfs, Sink sink)
     : policy_(std::move(policy)),
@@ -230,11 +184,11 @@ void Devices::Look(const Entry& known) {
         entry->found = arrival.Found();
         entry->late = entry->late || late;
         if (state == State::Ready) {
-            Tell(Kind::Ready, entry->device, what_arrived(arrival, arrival.Age(now)));
+            Tell(Kind::Ready, entry->device, WhatArrived(arrival, arrival.Age(now)));
         } else if (failed) {
             Tell(Kind::Failed, entry->device, "cannot be attached: " + why);
         } else if (late) {
-            Tell(Kind::Late, entry->device, what_keeps(arrival));
+            Tell(Kind::Late, entry->device, WhatKeeps(arrival));
         }
     }
     if (state == State::Unauthorized && policy_.rules.ByClass()) Admit(known.device, arrival);
@@ -265,7 +219,7 @@ std::vector<DeviceStatus> Devices::List() const {
     const std::lock_guard lock(mutex_);
     for (const auto& [id, entry] : entries_) {
         DeviceStatus status{
-            entry.device, state_name(entry.state), entry.port, entry.local, entry.found, {}, {}};
+            entry.device, StateName(entry.state), entry.port, entry.local, entry.found, {}, {}};
         status.age = std::chrono::duration_cast<std::chrono::milliseconds>(now - entry.since);
         if (const auto counts = tap_ ? tap_->Counts(id) : std::nullopt) status.counts = *counts;
         list.push_back(std::move(status));

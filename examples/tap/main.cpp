@@ -90,12 +90,13 @@ void pass_to_remote(int host, xj_usbip::Tap& tap) {
     std::vector<char> message(8);
     const auto receive = [&](std::size_t begin) {
         const std::size_t size = message.size() - begin;
-        return size == 0 || recv(host, message.data() + begin, size, MSG_WAITALL) ==
-                                static_cast<ssize_t>(size);
+        return size == 0 ||
+               recv(host, message.data() + begin, size, MSG_WAITALL) == static_cast<ssize_t>(size);
     };
     while (receive(0)) {
         const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(message[i]); };
-        const std::size_t length = byte(0) | byte(1) << 8 | byte(2) << 16;  // 16 MiB are enough here
+        const std::size_t length =
+            byte(0) | byte(1) << 8 | byte(2) << 16;  // 16 MiB are enough here
         message.resize(8 + length);
         if (byte(3) != 0 || !receive(8)) return;
         unsigned long written = 0;
