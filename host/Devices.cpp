@@ -12,10 +12,8 @@ namespace {
 using xj_usbip::Arrival;
 using xj_usbip::RemoteDevice;
 using xj_usbip::Rules;
-using Clock = Arrival::Clock;
-using Kind = DeviceEvent::Kind;
 
-constexpr std::chrono::milliseconds kLookAgain{50};
+constexpr std::chrono::milliseconds kNextLook{50};
 constexpr std::chrono::seconds kLookAtLateOnes{1};
 
 }  // namespace
@@ -161,7 +159,7 @@ void Devices::Watch() {
         if (late) {
             changed_.wait_for(lock, kLookAtLateOnes);
         } else {
-            changed_.wait_for(lock, kLookAgain);
+            changed_.wait_for(lock, kNextLook);
         }
     }
 }

@@ -86,11 +86,13 @@ class Devices : public xj_usbip::ITapEvents {
 
   private:
     using State = xj_usbip::Arrival::State;
+    using Clock = xj_usbip::Arrival::Clock;
+    using Kind = DeviceEvent::Kind;
 
     struct Entry {
         xj_usbip::RemoteDevice device;
         std::shared_ptr<xj_usbip::Arrival> arrival;  // what is in it is the watching thread's
-        std::chrono::steady_clock::time_point since;
+        Clock::time_point since;
         // What it has found.
         State state = State::Attaching;
         int port = -1;

@@ -12,7 +12,7 @@ using State = Arrival::State;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-const RemoteDevice kDevice{1, 0x00010004, 3, 0x1D6B, 0x0104, "disk"};
+const RemoteDevice kArriving{1, 0x00010004, 3, 0x1D6B, 0x0104, "disk"};
 
 class ArrivalTest : public ::testing::Test {
   protected:
@@ -21,7 +21,7 @@ class ArrivalTest : public ::testing::Test {
     }
     const FakeSysfs sysfs_;
     const Arrival::Clock::time_point begin_{};
-    Arrival arrival_{sysfs_.root, kDevice, begin_};
+    Arrival arrival_{sysfs_.root, kArriving, begin_};
 };
 
 TEST_F(ArrivalTest, StepByStepUntilProgramsCanUseIt) {
@@ -82,7 +82,7 @@ TEST_F(ArrivalTest, StepByStepUntilProgramsCanUseIt) {
 TEST_F(ArrivalTest, DevicesOfTheSameIdAreToldApart) {
     sysfs_.Ports({"hs  0000 006 003 00010004 000007 1-1"});
     sysfs_.Write(FakeSysfs::Device("1-1") + "/devnum", "5\n");
-    Arrival second(sysfs_.root, kDevice, begin_);
+    Arrival second(sysfs_.root, kArriving, begin_);
     EXPECT_EQ(second.Look(begin_), State::Attaching);
     sysfs_.Ports({"hs  0000 006 003 00010004 000007 1-1", "hs  0001 006 003 00010004 000008 1-2"});
     EXPECT_EQ(second.Look(begin_), State::Enumerating);

@@ -13,7 +13,7 @@
 namespace xj_usbip {
 namespace {
 
-const RemoteDevice kDevice{7, 0x00020003, 3, 0x1D6B, 0x0104, "disk"};
+const RemoteDevice kCaptured{7, 0x00020003, 3, 0x1D6B, 0x0104, "disk"};
 
 class CaptureTest : public ::testing::Test {
   protected:
@@ -30,7 +30,7 @@ class CaptureTest : public ::testing::Test {
     }
     static void Add(Capture& capture, bool to_remote, const std::string& pdu,
                     std::size_t shown = ~0UL) {
-        capture.Add({kDevice, to_remote, std::string_view(pdu).substr(0, shown), pdu.size()});
+        capture.Add({kCaptured, to_remote, std::string_view(pdu).substr(0, shown), pdu.size()});
     }
     // A line for each packet, with these of Wireshark's fields.
     static std::string Read(const std::string& path, const std::string& fields) {

@@ -8,7 +8,7 @@ namespace {
 
 using Verdict = Rules::Verdict;
 
-const RemoteDevice kDisk{1, 0, 3, 0x1D6B, 0x0104, "disk1 my stick.img"};
+const RemoteDevice kStick{1, 0, 3, 0x1D6B, 0x0104, "disk1 my stick.img"};
 constexpr UsbClass kStorage{8, 6, 0x50};
 constexpr UsbClass kKeyboard{3, 1, 1};
 
@@ -36,9 +36,9 @@ TEST(RulesTest, TheFirstThatFitsDecides) {
         {"allow 1d6b:0104\ndeny class=3", Verdict::Allow},
     };
     for (const auto& [text, verdict] : cases)
-        EXPECT_EQ(Of(text).Decide(kDisk).verdict, verdict) << text;
-    EXPECT_EQ(Of("deny speed=low\n  deny\t1d6b:* # ours\n").Decide(kDisk).rule, "deny\t1d6b:*");
-    EXPECT_EQ(Of("deny speed=low").Decide(kDisk).rule, "");
+        EXPECT_EQ(Of(text).Decide(kStick).verdict, verdict) << text;
+    EXPECT_EQ(Of("deny speed=low\n  deny\t1d6b:* # ours\n").Decide(kStick).rule, "deny\t1d6b:*");
+    EXPECT_EQ(Of("deny speed=low").Decide(kStick).rule, "");
 }
 
 TEST(RulesTest, DenyingOneInterfaceIsEnoughAndAllowingTakesAll) {
@@ -61,7 +61,7 @@ TEST(RulesTest, DenyingOneInterfaceIsEnoughAndAllowingTakesAll) {
     };
     for (const auto& [text, interfaces, verdict] : cases) {
         EXPECT_TRUE(Of(text).ByClass());
-        EXPECT_EQ(Of(text).Decide(kDisk, interfaces).verdict, verdict) << text;
+        EXPECT_EQ(Of(text).Decide(kStick, interfaces).verdict, verdict) << text;
     }
     EXPECT_FALSE(Of("deny speed=low").ByClass());
 }
