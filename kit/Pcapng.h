@@ -10,6 +10,11 @@
 
 namespace xj_usbip {
 
+struct UsbmonIsochronous {
+    std::int32_t errors;
+    std::int32_t packets;
+};
+
 struct UsbmonPacket {
     std::uint64_t id = 0;  // the same for the submission and the completion of an URB
     char event = 'S';      // 'S' submission, 'C' completion
@@ -26,10 +31,7 @@ struct UsbmonPacket {
     std::uint32_t captured = 0;  // bytes that follow, isochronous descriptors included
     union {
         std::uint8_t setup[8] = {};
-        struct {
-            std::int32_t errors;
-            std::int32_t packets;
-        } iso;
+        UsbmonIsochronous iso;
     };
     std::int32_t interval = 0;
     std::int32_t start_frame = 0;

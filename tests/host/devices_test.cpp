@@ -229,9 +229,9 @@ TEST_F(DevicesTest, WhoAsksIsAnsweredAndWhoAsksNonsenseHarmsNobody) {
     EXPECT_EQ(Ask(std::string(100'000, 'x')), "it has gone");
 
     // Those that never take an answer, and more of them than are served.
-    std::vector<posix::UniqueFd> idle;
-    for (int i = 0; i < 20; ++i)
-        idle.push_back(posix::Connect({posix::Address::Kind::Unix, socket_}, -1, error));
+    std::vector<posix::UniqueFd> idle(20);
+    for (posix::UniqueFd& one : idle)
+        one = posix::Connect({posix::Address::Kind::Unix, socket_}, -1, error);
     idle.clear();
     EXPECT_TRUE(Eventually([&] { return Ask(R"({"command":"stats"})").ends_with("done"); }));
     devices_->OnUnmap(1);
