@@ -1,5 +1,5 @@
 #!/bin/sh
-# Checks on binaries what cmake/hardening.cmake asks for.
+# Checks on binaries what cmake/hardening.cmake asks for, and that they run where README.md says.
 #   tools/hardened.sh PREFIX BINARY...   PREFIX: of the toolchain, such as aarch64-linux-gnu-, or ''
 set -eu
 case ${1-} in
@@ -20,7 +20,20 @@ has() {
     failed=1
 }
 
+# needs BINARY LIBRARY MOST: no symbol of it that came after this version
+needs() {
+    newest=$("${prefix}readelf" -VW "$1" | grep -oE "$2_[0-9.]+" | sort -uV | tail -n 1)
+    [ "$(printf '%s\n' "$newest" "$2_$3" | sort -V | tail -n 1)" = "$2_$3" ] && return
+    echo "$1: needs $newest, and README.md promises $2_$3" >&2
+    failed=1
+}
+
 for binary; do
+    needs "$binary" GLIBC 2.34
+    case $binary in
+    *xj-usbip-host) needs "$binary" GLIBCXX 3.4.30 ;;
+    *) needs "$binary" GLIBCXX 3.4.29 ;;
+    esac
     segments=$("${prefix}readelf" -hlW "$binary")
     dynamic=$("${prefix}readelf" -dW "$binary")
     symbols=$("${prefix}nm" -D --undefined-only "$binary")
