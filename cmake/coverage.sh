@@ -19,9 +19,9 @@ ctest --preset coverage -LE 'vm|tidy' -j "$(nproc)"
 report=build/coverage/report
 mkdir -p "$report"
 # What the compiler's own check at configuring counted is left out.
-gcovr --root . --filter '(base|client|host|module|plugin|posix|remote|vhci)/' \
+gcovr --root . --filter '(base|client|host|kit|module|plugin|posix|remote|vhci)/' \
     --txt --html-details "$report/index.html" --json-summary "$report/summary.json" \
-    build/coverage/{CMakeFiles/xj-module-objects.dir,posix,host,remote,tests,fuzz}
+    build/coverage/{CMakeFiles/xj-module-objects.dir,posix,kit,host,remote,tests,fuzz}
 python3 - "$report/summary.json" <<'END'
 import collections, json, sys
 lines = collections.defaultdict(lambda: [0, 0])

@@ -2,8 +2,6 @@
 
 #include <sys/eventfd.h>
 
-#include <functional>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <utility>
 
