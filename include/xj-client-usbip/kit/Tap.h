@@ -44,8 +44,8 @@ class ITapEvents {
     // The remote side takes the device back, or maps another one in its place. Reading.
     virtual void OnUnmap(std::uint32_t id) = 0;
 
-    // The module reports that the device has ended. It does not report that it could not attach one;
-    // see Arrival.h. Sending.
+    // The module reports that the device has ended. It does not report that it could not attach
+    // one; see Arrival.h. Sending.
     virtual void OnEnd(std::uint32_t id) = 0;
 
     // The remote side is told that our version of the channel protocol is this one. Sending.
