@@ -232,6 +232,7 @@ TEST_F(DevicesTest, WhoAsksIsAnsweredAndWhoAsksNonsenseHarmsNobody) {
     std::vector<posix::UniqueFd> idle(20);
     for (posix::UniqueFd& one : idle)
         one = posix::Connect({posix::Address::Kind::Unix, socket_}, -1, error);
+    EXPECT_FALSE(Ask(R"({"command":"stats"})").ends_with("done"));
     idle.clear();
     EXPECT_TRUE(Eventually([&] { return Ask(R"({"command":"stats"})").ends_with("done"); }));
     devices_->OnUnmap(1);
