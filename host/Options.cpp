@@ -67,10 +67,10 @@ void add_devices(posix::CommandLine& line, Options& options) {
             ->type_name("RULE")
             ->allow_extra_args(false)
             ->take_all()
-            ->each([&options, name, word = std::string(verb)](const std::string& text) {
+            ->each([&options, word = std::string(verb)](const std::string& text) {
                 std::string error;
                 if (!options.policy.rules.Add(word + ' ' + text, error))
-                    throw CLI::ValidationError(name, error);
+                    throw CLI::ValidationError(error);
             })
             ->group("Devices");
     }
@@ -78,8 +78,7 @@ void add_devices(posix::CommandLine& line, Options& options) {
         ->type_name("FILE")
         ->each([&options](const std::string& path) {
             std::string error;
-            if (!add_rules_of(path, options.policy.rules, error))
-                throw CLI::ValidationError("--rules", error);
+            if (!add_rules_of(path, options.policy.rules, error)) throw CLI::ValidationError(error);
         })
         ->group("Devices");
     line.add_flag("--deny-all", options.policy.deny_all, "take none that no rule allows")

@@ -88,6 +88,7 @@ void add_questions(posix::CommandLine& line, Question& question) {
     auto* const usbip =
         more->add_option("--usbip", question.usbip, "as above")->type_name("HOST[:PORT]/BUSID");
     disk->excludes(usbip);
+    more->require_option(2, 3);  // where, what, and maybe how it is to be told
     add("quit", "Have it end, as SIGTERM does.");
 }
 
